@@ -1,0 +1,10 @@
+if(KELR_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer
+                      -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(KELR_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT KELR_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "KELR_SANITIZE must be address, thread or empty")
+endif()

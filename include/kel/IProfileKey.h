@@ -1,0 +1,35 @@
+// The handle a client holds for one of the modem's profiles. Returned by Manager::addProfile
+// and Manager::filter, always as a std::shared_ptr.
+//
+// While a client holds a handle, the profile behind it stays on the modem; when the last copy of
+// a handle to a profile the library created (non-persistent) is dropped, the library deletes the
+// profile. Drop handles on a client thread, never inside an expiration listener.
+#ifndef KEL_IPROFILE_KEY_H
+#define KEL_IPROFILE_KEY_H
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "kel/ProfileParams.h"
+
+namespace kel {
+
+class KEL_EXPORT IProfileKey : public std::enable_shared_from_this<IProfileKey> {
+  public:
+    virtual ~IProfileKey() = default;
+    // The modem's profile index.
+    virtual int getProfileId() = 0;
+    virtual TechType getTechType() = 0;
+    // Asks to be told, once, when the profile behind this handle goes away (deleted, or the
+    // library re-read the modem) while this handle is still held. The callback runs on the
+    // library's worker thread: it must not call into Manager or drop a handle. Call on a client
+    // thread; blocks until the library has taken the registration.
+    virtual void registerExpirationListener(std::function<void()> callback) = 0;
+    // "3GPP:3 token=12".
+    virtual std::string dump() = 0;
+};
+
+}  // namespace kel
+
+#endif  // KEL_IPROFILE_KEY_H

@@ -1,0 +1,99 @@
+// Logging: the front end every message of the library goes through, its two writers (Android's
+// log and the modem diagnostics log) and the bounded, time-stamped history that Manager::dump
+// returns.
+//
+// Threads: LogWrapper::log may be called on any thread; it holds no lock, so the writer is to be
+// installed (Manager::init) before other threads log. LocalLogBuffer is guarded by logMutex.
+#ifndef KEL_LOCAL_LOG_BUFFER_H
+#define KEL_LOCAL_LOG_BUFFER_H
+
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace kel {
+
+// The tag of every message of the library.
+inline constexpr const char* kLogTag = "KEL";
+
+enum class LogLevel : int {
+    Verbose = 0,
+    Debug = 1,
+    Info = 2,
+    Error = 3,
+    Fatal = 4,
+    // Entry and exit lines of public operations: information priority, but kept in the history.
+    History = 5,
+};
+
+class LogWriter {
+  public:
+    virtual ~LogWriter() = default;
+    virtual void write(LogLevel level, std::string tag, std::string message) = 0;
+    // The writer's own priority for a level.
+    virtual int convertPrio(LogLevel level) = 0;
+};
+
+// Writes to Android's log.
+class AdbWriter : public LogWriter {
+  public:
+    void write(LogLevel level, std::string tag, std::string message) override;
+    int convertPrio(LogLevel level) override;
+};
+
+// Writes to the modem diagnostics log; holds the diagnostics session open while it lives.
+class DiagWriter : public LogWriter {
+  public:
+    DiagWriter();
+    ~DiagWriter() override;
+    void write(LogLevel level, std::string tag, std::string message) override;
+    int convertPrio(LogLevel level) override;
+};
+
+class LogWrapper {
+  public:
+    static LogWrapper* getInstance();
+
+    // Installs writer; the previous writer is destroyed.
+    void setLogWriter(std::unique_ptr<LogWriter> writer);
+
+    // Formats printf-style, cut to 511 characters, hands the line to the writer, and keeps Error
+    // and History lines in the history.
+    void log(LogLevel level, const char* tag, const char* format, ...)
+        __attribute__((format(printf, 4, 5)));
+
+  private:
+    LogWrapper() = default;
+
+    std::unique_ptr<LogWriter> logWriter;
+};
+
+class LocalLogBuffer {
+  public:
+    static LocalLogBuffer* getInstance();
+
+    LocalLogBuffer(std::string name, int maxSize);
+
+    // Stores "    <date> <time>.<ms> [<name>]<line>"; holds at most maxSize + 1 lines.
+    void addLogWithTimestamp(std::string line);
+    // Oldest first.
+    std::vector<std::string> getLogs();
+    void flush();
+    std::string getName();
+
+  private:
+    std::deque<std::string> logs;  // guarded by logMutex
+    std::string name;
+    int maxSize;
+    std::mutex logMutex;
+};
+
+}  // namespace kel
+
+// Logs through the front end with the library's tag.
+#define KEL_LOG(level, ...) \
+    ::kel::LogWrapper::getInstance()->log(::kel::LogLevel::level, ::kel::kLogTag, __VA_ARGS__)
+
+#endif  // KEL_LOCAL_LOG_BUFFER_H

@@ -1,1 +1,383 @@
-// Replaced by the real tests.
+#include "EventManager.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "LocalLogBuffer.h"
+#include "hostlog/LogCapture.h"
+#include "support/TestSupport.h"
+
+namespace kel {
+namespace {
+
+// Owns a descriptor for the test; release() hands it over when the loop closes it itself.
+class TestFd {
+  public:
+    explicit TestFd(int owned = -1) : fd(owned) {}
+    ~TestFd() {
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+    TestFd(const TestFd&) = delete;
+    TestFd& operator=(const TestFd&) = delete;
+    TestFd(TestFd&& other) noexcept : fd(other.release()) {}
+
+    int get() const { return fd; }
+    int release() {
+        int released = fd;
+        fd = -1;
+        return released;
+    }
+
+  private:
+    int fd;
+};
+
+TestFd makeEventFd() {
+    return TestFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+}
+
+struct Pipe {
+    TestFd read;
+    TestFd write;
+};
+
+Pipe makePipe() {
+    int fds[2] = {-1, -1};
+    EXPECT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
+    return Pipe{TestFd(fds[0]), TestFd(fds[1])};
+}
+
+void signal(int fd) {
+    const std::uint64_t one = 1;
+    ASSERT_EQ(write(fd, &one, sizeof(one)), static_cast<ssize_t>(sizeof(one)));
+}
+
+bool isOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
+
+// What a handler saw; passed as the handler's data.
+struct Probe {
+    int events = 0;
+    int closes = 0;
+    int lastFd = -1;
+};
+
+void countEvent(int fd, void* data) {
+    auto* probe = static_cast<Probe*>(data);
+    ++probe->events;
+    probe->lastFd = fd;
+    EventManager::clearRead(fd, nullptr);
+}
+
+void countClose(int fd, void* data) {
+    auto* probe = static_cast<Probe*>(data);
+    ++probe->closes;
+    probe->lastFd = fd;
+}
+
+class EventManagerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        LogWrapper::getInstance()->setLogWriter(std::make_unique<AdbWriter>());
+        capture.clear();
+    }
+
+    bool logged(const std::string& text) const { return capture.hasAndroidMessage(text); }
+
+    hostlog::LogCapture capture;
+    EventManager manager;
+};
+
+TEST_F(EventManagerTest, ReadableDescriptorRunsItsHandlerWithItsData) {
+    TestFd fd = makeEventFd();
+    Probe probe;
+    ASSERT_TRUE(manager.addEventHandler(fd.get(), countEvent, &probe, countClose, EPOLLIN));
+    EXPECT_TRUE(EventManager::isApprovedFd(fd.get()));
+
+    signal(fd.get());
+    manager.processEvents();
+    EXPECT_EQ(probe.events, 1);
+    EXPECT_EQ(probe.lastFd, fd.get());
+    EXPECT_EQ(probe.closes, 0);
+
+    manager.removeEventHandler(fd.get());
+    EXPECT_EQ(probe.closes, 1);
+    EXPECT_FALSE(EventManager::isApprovedFd(fd.get()));
+    EXPECT_TRUE(isOpen(fd.get()));
+    // Forgotten: the same fd can be registered again.
+    EXPECT_TRUE(manager.addEventHandler(fd.get(), countEvent, &probe, nullptr, EPOLLIN));
+    manager.removeEventHandler(fd.get());
+}
+
+TEST_F(EventManagerTest, AddingSameFdTwiceKeepsFirstHandler) {
+    TestFd fd = makeEventFd();
+    Probe first;
+    Probe second;
+    ASSERT_TRUE(manager.addEventHandler(fd.get(), countEvent, &first, countClose, EPOLLIN));
+    EXPECT_FALSE(manager.addEventHandler(fd.get(), countEvent, &second, countClose, EPOLLIN));
+    EXPECT_TRUE(logged("fd=" + std::to_string(fd.get()) + " is already in handlers"));
+
+    signal(fd.get());
+    manager.processEvents();
+    EXPECT_EQ(first.events, 1);
+    EXPECT_EQ(second.events, 0);
+
+    manager.removeEventHandler(fd.get());
+    EXPECT_EQ(first.closes, 1);
+    EXPECT_EQ(second.closes, 0);
+}
+
+TEST_F(EventManagerTest, DescriptorEpollRefusesIsStillRecordedAndApproved) {
+    testsupport::TempDir dir;
+    TestFd file(open(dir.file("plain").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600));
+    ASSERT_GE(file.get(), 0);
+    Probe probe;
+
+    EXPECT_TRUE(manager.addEventHandler(file.get(), countEvent, &probe, countClose, EPOLLIN));
+    std::vector<hostlog::AndroidLogRecord> refused = capture.androidContaining("Cannot add");
+    ASSERT_EQ(refused.size(), 1u);
+    EXPECT_EQ(refused[0].message, "Cannot add event handler");
+    EXPECT_EQ(refused[0].priority, 6);
+    EXPECT_TRUE(EventManager::isApprovedFd(file.get()));
+    EXPECT_FALSE(manager.addEventHandler(file.get(), countEvent, &probe, countClose, EPOLLIN));
+
+    manager.removeEventHandler(file.get());
+    EXPECT_TRUE(logged("Cannot remove event handler"));
+    EXPECT_EQ(probe.closes, 1);
+    EXPECT_FALSE(EventManager::isApprovedFd(file.get()));
+}
+
+TEST_F(EventManagerTest, HangUpRemovesAndClosesWithoutCallingHandler) {
+    Pipe pipe = makePipe();
+    Probe probe;
+    ASSERT_TRUE(manager.addEventHandler(pipe.read.get(), countEvent, &probe, countClose,
+                                        EPOLLIN | EPOLLHUP));
+    // Readable and hung up at once: the hang-up wins.
+    ASSERT_EQ(write(pipe.write.get(), "x", 1), 1);
+    TestFd(pipe.write.release());
+
+    manager.processEvents();
+    const int readFd = pipe.read.release();
+    EXPECT_EQ(probe.events, 0);
+    EXPECT_EQ(probe.closes, 1);
+    EXPECT_EQ(probe.lastFd, readFd);
+    EXPECT_FALSE(isOpen(readFd));
+    EXPECT_FALSE(EventManager::isApprovedFd(readFd));
+    EXPECT_TRUE(logged("file descriptor '" + std::to_string(readFd) + "' sent HUP."));
+}
+
+TEST_F(EventManagerTest, UnapprovedReadableDescriptorIsDroppedAndClosed) {
+    TestFd fd = makeEventFd();
+    Probe probe;
+    ASSERT_TRUE(manager.addEventHandler(fd.get(), countEvent, &probe, countClose, EPOLLIN));
+    EventManager::remApprovedFd(fd.get());
+
+    signal(fd.get());
+    manager.processEvents();
+    const int dropped = fd.release();
+    EXPECT_EQ(probe.events, 0);
+    EXPECT_EQ(probe.closes, 1);
+    EXPECT_FALSE(isOpen(dropped));
+    EXPECT_TRUE(logged("file descriptor " + std::to_string(dropped) +
+                       " is not on the approved list, cannot process event"));
+}
+
+struct ErrorCase {
+    int registered;
+    const char* message;
+};
+
+void PrintTo(const ErrorCase& c, std::ostream* os) {
+    *os << "registered events " << c.registered;
+}
+
+class EventManagerErrorTest : public EventManagerTest,
+                              public ::testing::WithParamInterface<ErrorCase> {};
+
+// A pipe's write end whose reader is gone reports an error (and may report writable).
+TEST_P(EventManagerErrorTest, ErrorWithoutHangUpIsReportedAndKept) {
+    Pipe pipe = makePipe();
+    TestFd(pipe.read.release());
+    Probe probe;
+    ASSERT_TRUE(manager.addEventHandler(pipe.write.get(), countEvent, &probe, countClose,
+                                        GetParam().registered));
+
+    manager.processEvents();
+    EXPECT_TRUE(logged(GetParam().message));
+    EXPECT_EQ(probe.events, 0);
+    EXPECT_EQ(probe.closes, 0);
+    EXPECT_TRUE(isOpen(pipe.write.get()));
+    EXPECT_TRUE(EventManager::isApprovedFd(pipe.write.get()));
+    EXPECT_FALSE(manager.addEventHandler(pipe.write.get(), nullptr, nullptr, nullptr, 0));
+
+    manager.removeEventHandler(pipe.write.get());
+    EXPECT_EQ(probe.closes, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Flags, EventManagerErrorTest,
+    ::testing::Values(ErrorCase{0, "Unhandled epoll event: EPOLLERR  [flags 010]"},
+                      ErrorCase{EPOLLOUT,
+                                "Unhandled epoll event: EPOLLOUT EPOLLERR  [flags 014]"}));
+
+TEST_F(EventManagerTest, AtMostFourEventsPerTurn) {
+    std::vector<TestFd> fds;
+    Probe probe;
+    for (int i = 0; i < 6; ++i) {
+        fds.push_back(makeEventFd());
+        ASSERT_TRUE(
+            manager.addEventHandler(fds.back().get(), countEvent, &probe, nullptr, EPOLLIN));
+        signal(fds.back().get());
+    }
+
+    manager.processEvents();
+    EXPECT_EQ(probe.events, 4);
+    EXPECT_TRUE(logged("there are 4 file descriptor(s) with events pending"));
+    manager.processEvents();
+    EXPECT_EQ(probe.events, 6);
+
+    for (const TestFd& fd : fds) {
+        manager.removeEventHandler(fd.get());
+    }
+}
+
+// Each handler removes the other descriptor; both are ready in the same turn.
+struct Rival {
+    EventManager* manager = nullptr;
+    int other = -1;
+    Probe probe;
+};
+
+void removeRival(int fd, void* data) {
+    auto* rival = static_cast<Rival*>(data);
+    ++rival->probe.events;
+    EventManager::clearRead(fd, nullptr);
+    rival->manager->removeEventHandler(rival->other);
+}
+
+void countRivalClose(int /*fd*/, void* data) {
+    ++static_cast<Rival*>(data)->probe.closes;
+}
+
+TEST_F(EventManagerTest, HandlerMayRemoveAnotherPendingDescriptor) {
+    TestFd a = makeEventFd();
+    TestFd b = makeEventFd();
+    Rival rivalA{&manager, b.get(), {}};
+    Rival rivalB{&manager, a.get(), {}};
+    ASSERT_TRUE(manager.addEventHandler(a.get(), removeRival, &rivalA, countRivalClose, EPOLLIN));
+    ASSERT_TRUE(manager.addEventHandler(b.get(), removeRival, &rivalB, countRivalClose, EPOLLIN));
+    signal(a.get());
+    signal(b.get());
+
+    manager.processEvents();
+    EXPECT_EQ(rivalA.probe.events + rivalB.probe.events, 1);
+    // The loser was removed by its rival, not dropped as unapproved: it stays open.
+    EXPECT_EQ(rivalA.probe.closes + rivalB.probe.closes, 1);
+    EXPECT_TRUE(isOpen(a.get()));
+    EXPECT_TRUE(isOpen(b.get()));
+    EXPECT_TRUE(capture.androidContaining("not on the approved list").empty());
+    EXPECT_TRUE(capture.androidContaining("Unhandled epoll event").empty());
+
+    Rival& winner = rivalA.probe.events == 1 ? rivalA : rivalB;
+    manager.removeEventHandler(winner.other == a.get() ? b.get() : a.get());
+}
+
+TEST_F(EventManagerTest, RemovingUnknownFdChangesNothing) {
+    TestFd fd = makeEventFd();
+    manager.removeEventHandler(fd.get());
+
+    EXPECT_TRUE(logged("Cannot remove event handler"));
+    EXPECT_TRUE(capture.androidContaining("handlers.erase").empty());
+    EXPECT_TRUE(isOpen(fd.get()));
+    EXPECT_FALSE(EventManager::isApprovedFd(fd.get()));
+    Probe probe;
+    EXPECT_TRUE(manager.addEventHandler(fd.get(), countEvent, &probe, countClose, EPOLLIN));
+    manager.removeEventHandler(fd.get());
+    EXPECT_EQ(probe.closes, 1);
+}
+
+TEST_F(EventManagerTest, WakeFromAnotherThreadReturnsBlockedLoop) {
+    std::future<void> loop = std::async(std::launch::async, [this] { manager.processEvents(); });
+    manager.wake();
+    if (loop.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+        manager.wake();
+        loop.wait();
+        FAIL() << "processEvents did not return after wake()";
+    }
+    EXPECT_TRUE(logged("EventManager::wake() EX"));
+}
+
+TEST_F(EventManagerTest, OneTurnDrainsSeveralWakes) {
+    manager.wake();
+    manager.wake();
+    manager.processEvents();
+
+    // Were the wake counter left, it would be reported again next to the probe.
+    TestFd fd = makeEventFd();
+    Probe probe;
+    ASSERT_TRUE(manager.addEventHandler(fd.get(), countEvent, &probe, nullptr, EPOLLIN));
+    signal(fd.get());
+    capture.clear();
+    manager.processEvents();
+    EXPECT_EQ(probe.events, 1);
+    EXPECT_TRUE(logged("there are 1 file descriptor(s) with events pending"));
+    EXPECT_TRUE(capture.androidContaining("there are 2").empty());
+    manager.removeEventHandler(fd.get());
+}
+
+TEST_F(EventManagerTest, DestroyingLoopLeavesOtherDescriptorsOpen) {
+    TestFd fd = makeEventFd();
+    Probe probe;
+    {
+        EventManager other;
+        ASSERT_TRUE(other.addEventHandler(fd.get(), countEvent, &probe, countClose, EPOLLIN));
+    }
+    EXPECT_EQ(probe.closes, 0);
+    EXPECT_TRUE(isOpen(fd.get()));
+    // Approval outlives the loop; revoking it is the owner's business.
+    EXPECT_TRUE(EventManager::isApprovedFd(fd.get()));
+    EventManager::remApprovedFd(fd.get());
+    EXPECT_FALSE(EventManager::isApprovedFd(fd.get()));
+}
+
+TEST_F(EventManagerTest, ClearReadDrainsDescriptorWithoutComplaint) {
+    Pipe pipe = makePipe();
+    const std::string chunk(1000, 'z');
+    ASSERT_EQ(write(pipe.write.get(), chunk.data(), chunk.size()),
+              static_cast<ssize_t>(chunk.size()));
+
+    EventManager::clearRead(pipe.read.get(), nullptr);
+    char byte;
+    EXPECT_EQ(read(pipe.read.get(), &byte, 1), -1);
+    EXPECT_EQ(errno, EAGAIN);
+
+    // At end of file it returns as well.
+    TestFd(pipe.write.release());
+    EventManager::clearRead(pipe.read.get(), nullptr);
+    EXPECT_TRUE(capture.androidContaining("Error while clearing").empty());
+}
+
+TEST_F(EventManagerTest, ClearReadReportsBadDescriptor) {
+    TestFd fd = makeEventFd();
+    const int closed = fd.release();
+    close(closed);
+    EventManager::clearRead(closed, nullptr);
+    EXPECT_TRUE(logged("Error while clearing the read buffer on fd " + std::to_string(closed)));
+}
+
+}  // namespace
+}  // namespace kel

@@ -1,1 +1,319 @@
-// Replaced by the real tests.
+#include "LocalLogBuffer.h"
+
+#include <android/log.h>
+#include <diag/msg.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <ostream>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "hostlog/LogCapture.h"
+
+namespace kel {
+namespace {
+
+// "    <date> <time>.<ms> [<name>]<line>", as Manager::dump shows the history.
+bool isHistoryLine(const std::string& text, const std::string& name, const std::string& line) {
+    static const std::regex stamp(R"(^    \d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} \[)");
+    std::smatch match;
+    if (!std::regex_search(text, match, stamp)) {
+        return false;
+    }
+    return text.substr(static_cast<size_t>(match.length())) == name + "]" + line;
+}
+
+void installWriter(std::unique_ptr<LogWriter> writer) {
+    LogWrapper::getInstance()->setLogWriter(std::move(writer));
+}
+
+class LoggingTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        installWriter(std::make_unique<AdbWriter>());
+        LocalLogBuffer::getInstance()->flush();
+        capture.clear();
+    }
+    void TearDown() override {
+        installWriter(std::make_unique<AdbWriter>());
+        LocalLogBuffer::getInstance()->flush();
+    }
+
+    hostlog::LogCapture capture;
+};
+
+struct CutCase {
+    size_t length;
+    size_t expected;
+};
+
+void PrintTo(const CutCase& c, std::ostream* os) {
+    *os << c.length << " characters";
+}
+
+class LogCutTest : public LoggingTest, public ::testing::WithParamInterface<CutCase> {};
+
+TEST_P(LogCutTest, MessageReachesWriterAndHistoryCutTo511Characters) {
+    std::string text;
+    for (size_t i = 0; i < GetParam().length; ++i) {
+        text += static_cast<char>('a' + i % 26);
+    }
+    KEL_LOG(Error, "%s", text.c_str());
+
+    const std::string expected = text.substr(0, GetParam().expected);
+    std::vector<hostlog::AndroidLogRecord> written = capture.android();
+    ASSERT_EQ(written.size(), 1u);
+    EXPECT_EQ(written[0].message, expected);
+    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
+    ASSERT_EQ(history.size(), 1u);
+    EXPECT_TRUE(isHistoryLine(history[0], "KEL", expected)) << history[0];
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, LogCutTest,
+                         ::testing::Values(CutCase{0, 0}, CutCase{510, 510}, CutCase{511, 511},
+                                           CutCase{512, 511}, CutCase{600, 511},
+                                           CutCase{5000, 511}));
+
+TEST_F(LoggingTest, AdbWriterPassesMessageAsTextNotAsFormat) {
+    KEL_LOG(Info, "%s", "100%% sure %s %d %n");
+
+    std::vector<hostlog::AndroidLogRecord> written = capture.android();
+    ASSERT_EQ(written.size(), 1u);
+    EXPECT_EQ(written[0].tag, "KEL");
+    EXPECT_EQ(written[0].message, "100%% sure %s %d %n");
+}
+
+TEST_F(LoggingTest, FormatsArgumentsPrintfStyle) {
+    KEL_LOG(Debug, "Manager::init(%d) %s %llu", 1, "adb", 18446744073709551615ull);
+
+    EXPECT_TRUE(capture.hasAndroidMessage("Manager::init(1) adb 18446744073709551615"));
+}
+
+struct LevelCase {
+    int level;
+    int androidPriority;
+    int diagMask;
+    bool kept;
+};
+
+void PrintTo(const LevelCase& c, std::ostream* os) {
+    *os << "level " << c.level;
+}
+
+class LogLevelTest : public LoggingTest, public ::testing::WithParamInterface<LevelCase> {};
+
+TEST_P(LogLevelTest, LevelSelectsPriorityMaskAndHistory) {
+    const LogLevel level = static_cast<LogLevel>(GetParam().level);
+    const std::string text = "level " + std::to_string(GetParam().level);
+    LogWrapper::getInstance()->log(level, kLogTag, "%s", text.c_str());
+
+    std::vector<hostlog::AndroidLogRecord> written = capture.android();
+    ASSERT_EQ(written.size(), 1u);
+    EXPECT_EQ(written[0].priority, GetParam().androidPriority);
+    EXPECT_EQ(written[0].message, text);
+    EXPECT_EQ(DiagWriter().convertPrio(level), GetParam().diagMask);
+
+    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
+    if (GetParam().kept) {
+        ASSERT_EQ(history.size(), 1u);
+        EXPECT_TRUE(isHistoryLine(history[0], "KEL", text)) << history[0];
+    } else {
+        EXPECT_TRUE(history.empty());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, LogLevelTest,
+                         ::testing::Values(LevelCase{0, ANDROID_LOG_VERBOSE, MSG_LEGACY_LOW, false},
+                                           LevelCase{1, ANDROID_LOG_DEBUG, MSG_LEGACY_LOW, false},
+                                           LevelCase{2, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
+                                           LevelCase{3, ANDROID_LOG_ERROR, MSG_LEGACY_HIGH, true},
+                                           LevelCase{4, ANDROID_LOG_FATAL, MSG_LEGACY_FATAL, false},
+                                           LevelCase{5, ANDROID_LOG_INFO, MSG_LEGACY_HIGH, true},
+                                           LevelCase{6, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
+                                           LevelCase{-1, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false}));
+
+TEST_F(LoggingTest, WithoutWriterErrorsAreStillKeptInHistory) {
+    installWriter(nullptr);
+    KEL_LOG(Error, "lost %d", 1);
+    KEL_LOG(Debug, "gone");
+
+    EXPECT_TRUE(capture.android().empty());
+    EXPECT_TRUE(capture.diag().empty());
+    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
+    ASSERT_EQ(history.size(), 1u);
+    EXPECT_TRUE(isHistoryLine(history[0], "KEL", "lost 1")) << history[0];
+}
+
+TEST_F(LoggingTest, ReplacingWriterClosesDiagnosticsSession) {
+    installWriter(std::make_unique<DiagWriter>());
+    EXPECT_EQ(capture.diagInitCalls(), 1);
+    EXPECT_EQ(capture.diagDeInitCalls(), 0);
+
+    installWriter(std::make_unique<AdbWriter>());
+    EXPECT_EQ(capture.diagDeInitCalls(), 1);
+    KEL_LOG(Info, "after");
+    EXPECT_TRUE(capture.diag().empty());
+    EXPECT_TRUE(capture.hasAndroidMessage("after"));
+}
+
+TEST_F(LoggingTest, DiagWriterSendsTagAndMessageThroughItsDescriptor) {
+    installWriter(std::make_unique<DiagWriter>());
+    KEL_LOG(Info, "hello %d", 42);
+    KEL_LOG(Error, "bad %s", "thing");
+
+    std::vector<hostlog::DiagRecord> sent = capture.diag();
+    ASSERT_EQ(sent.size(), 2u);
+    for (const hostlog::DiagRecord& record : sent) {
+        EXPECT_EQ(record.line, 118);
+        EXPECT_EQ(record.ssId, 63);
+        EXPECT_EQ(record.format, "|%s| %s");
+        EXPECT_EQ(record.fileName, "src/LocalLogBuffer");
+    }
+    EXPECT_EQ(sent[0].args, (std::vector<std::string>{"KEL", "hello 42"}));
+    EXPECT_EQ(sent[0].text, "|KEL| hello 42");
+    EXPECT_EQ(sent[1].text, "|KEL| bad thing");
+    // Whichever message was first in this process decided the mask for all.
+    EXPECT_EQ(sent[0].mask, sent[1].mask);
+    EXPECT_TRUE(capture.android().empty());
+}
+
+TEST_F(LoggingTest, DiagWriterPassesMessageAsTextNotAsFormat) {
+    installWriter(std::make_unique<DiagWriter>());
+    KEL_LOG(Info, "%s", "50%% %s %d");
+
+    std::vector<hostlog::DiagRecord> sent = capture.diag();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].text, "|KEL| 50%% %s %d");
+}
+
+struct FirstMaskCase {
+    LogLevel first;
+    LogLevel second;
+    const char* expected;
+};
+
+void PrintTo(const FirstMaskCase& c, std::ostream* os) {
+    *os << "levels " << static_cast<int>(c.first) << " then " << static_cast<int>(c.second);
+}
+
+class DiagFirstMaskTest : public LoggingTest,
+                          public ::testing::WithParamInterface<FirstMaskCase> {};
+
+// The descriptor is a process-wide static filled once, so this runs in a fresh process where
+// these are the first diagnostics messages.
+TEST_P(DiagFirstMaskTest, EveryMessageCarriesTheFirstMessagesMask) {
+    const std::string savedStyle = GTEST_FLAG_GET(death_test_style);
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            installWriter(std::make_unique<DiagWriter>());
+            LogWrapper::getInstance()->log(GetParam().first, kLogTag, "first");
+            LogWrapper::getInstance()->log(GetParam().second, kLogTag, "second");
+            std::string masks = "masks:";
+            for (const hostlog::DiagRecord& record : capture.diag()) {
+                masks += " " + std::to_string(record.mask);
+            }
+            std::fprintf(stderr, "%s.\n", masks.c_str());
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), GetParam().expected);
+    GTEST_FLAG_SET(death_test_style, savedStyle);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Orders, DiagFirstMaskTest,
+    ::testing::Values(FirstMaskCase{LogLevel::Verbose, LogLevel::Error, "masks: 1 1\\."},
+                      FirstMaskCase{LogLevel::Error, LogLevel::Verbose, "masks: 4 4\\."},
+                      FirstMaskCase{LogLevel::Fatal, LogLevel::History, "masks: 16 16\\."}));
+
+class HistoryBoundTest : public ::testing::TestWithParam<int> {};
+
+TEST_P(HistoryBoundTest, KeepsAtMostMaxSizePlusOneNewestLines) {
+    const int maxSize = GetParam();
+    LocalLogBuffer buffer("BOUND", maxSize);
+    for (int i = 0; i < 20; ++i) {
+        buffer.addLogWithTimestamp("line " + std::to_string(i));
+    }
+
+    std::vector<std::string> lines = buffer.getLogs();
+    // A bound below zero keeps the newest line, like zero.
+    const int kept = std::min(20, std::max(maxSize, 0) + 1);
+    ASSERT_EQ(static_cast<int>(lines.size()), kept);
+    for (int i = 0; i < kept; ++i) {
+        EXPECT_TRUE(isHistoryLine(lines[i], "BOUND", "line " + std::to_string(20 - kept + i)))
+            << lines[i];
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Bounds, HistoryBoundTest, ::testing::Values(-3, 0, 1, 5, 19, 20, 50));
+
+TEST_F(LoggingTest, HistoryOfTheLibraryHolds201Lines) {
+    for (int i = 0; i < 250; ++i) {
+        KEL_LOG(Error, "error %d", i);
+    }
+
+    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
+    ASSERT_EQ(history.size(), 201u);
+    EXPECT_TRUE(isHistoryLine(history.front(), "KEL", "error 49")) << history.front();
+    EXPECT_TRUE(isHistoryLine(history.back(), "KEL", "error 249")) << history.back();
+    EXPECT_EQ(LocalLogBuffer::getInstance()->getName(), "KEL");
+}
+
+TEST_F(LoggingTest, FlushEmptiesHistory) {
+    KEL_LOG(History, "Manager::dump > ");
+    ASSERT_EQ(LocalLogBuffer::getInstance()->getLogs().size(), 1u);
+
+    LocalLogBuffer::getInstance()->flush();
+    EXPECT_TRUE(LocalLogBuffer::getInstance()->getLogs().empty());
+    KEL_LOG(History, "Manager::dump < ");
+    EXPECT_EQ(LocalLogBuffer::getInstance()->getLogs().size(), 1u);
+}
+
+TEST_F(LoggingTest, ConcurrentLoggingKeepsBoundAndWholeLines) {
+    constexpr int kThreads = 6;
+    constexpr int kPerThread = 150;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < kPerThread; ++i) {
+                KEL_LOG(Error, "thread %d message %d", t, i);
+                KEL_LOG(Debug, "thread %d trace %d", t, i);
+            }
+        });
+    }
+    // Readers see the bound hold at every moment, not only at the end.
+    bool boundHeld = true;
+    std::thread reader([&boundHeld] {
+        for (int i = 0; i < 200; ++i) {
+            if (LocalLogBuffer::getInstance()->getLogs().size() > 201) {
+                boundHeld = false;
+            }
+        }
+    });
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    reader.join();
+
+    EXPECT_TRUE(boundHeld);
+    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
+    ASSERT_EQ(history.size(), 201u);
+    static const std::regex line(
+        R"(^    \d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} \[KEL\]thread \d message \d+$)");
+    std::set<std::string> distinct;
+    for (const std::string& text : history) {
+        EXPECT_TRUE(std::regex_match(text, line)) << text;
+        distinct.insert(text.substr(text.find(']')));
+    }
+    EXPECT_EQ(distinct.size(), history.size());
+    EXPECT_EQ(capture.android().size(), static_cast<size_t>(2 * kThreads * kPerThread));
+}
+
+}  // namespace
+}  // namespace kel

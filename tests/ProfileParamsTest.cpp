@@ -1,1 +1,294 @@
-// Replaced by the real tests.
+#include "kel/ProfileParams.h"
+
+#include <gtest/gtest.h>
+
+#include <ostream>
+#include <sstream>
+#include <string>
+
+namespace kel {
+namespace {
+
+struct NameCase {
+    std::string streamed;
+    std::string converted;
+    std::string expected;
+};
+
+void PrintTo(const NameCase& c, std::ostream* os) {
+    *os << '"' << c.expected << '"';
+}
+
+template <typename T>
+NameCase printed(T value, std::string expected) {
+    std::ostringstream os;
+    os << value;
+    return NameCase{os.str(), toString(value), std::move(expected)};
+}
+
+class EnumPrinterTest : public ::testing::TestWithParam<NameCase> {};
+
+TEST_P(EnumPrinterTest, PrintsNameOrNumber) {
+    EXPECT_EQ(GetParam().streamed, GetParam().expected);
+    EXPECT_EQ(GetParam().converted, GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, EnumPrinterTest,
+    ::testing::Values(
+        printed(TechType::TYPE_3GPP, "3GPP"), printed(TechType::TYPE_3GPP2, "3GPP2"),
+        printed(static_cast<TechType>(7), "7"), printed(IPType::UNKNOWN, "UNKNOWN"),
+        printed(IPType::V4, "V4"), printed(IPType::V6, "V6"), printed(IPType::V4V6, "V4V6"),
+        printed(static_cast<IPType>(4), "4"), printed(AuthType::NONE, "NONE"),
+        printed(AuthType::PAP, "PAP"), printed(AuthType::CHAP, "CHAP"),
+        printed(AuthType::PAP_CHAP, "PAP_CHAP"), printed(static_cast<AuthType>(-2), "-2"),
+        printed(static_cast<ApnClass>(0), "0"), printed(ApnClass::IMS, "IMS"),
+        printed(ApnClass::ADMN, "ADMN"), printed(ApnClass::INET, "INET"),
+        printed(ApnClass::APP, "APP"), printed(static_cast<ApnClass>(5), "5"),
+        printed(static_cast<ApnTypes>(0), "NONE"),
+        printed(static_cast<ApnTypes>(0x41), "DEFAULT|IMS|"),
+        printed(static_cast<ApnTypes>(0xFFF),
+                "DEFAULT|MMS|SUPL|DUN|HIPRI|FOTA|IMS|CBS|IA|EMERGENCY|MCX|XCAP|"),
+        printed(static_cast<ApnTypes>(0x1000), ""),
+        printed(static_cast<ApnTypes>(0xFFFFF800), "XCAP|"),
+        printed(static_cast<FilterMatchType>(0), "None"),
+        printed(static_cast<FilterMatchType>(0x33),
+                "HomeIPSubset|RoamIPSubset|HomeIPSuperset|RoamIPSuperset|"),
+        printed(static_cast<FilterMatchType>(0x3F),
+                "HomeIPSubset|RoamIPSubset|ApnNameSubset|ApnTypeBitmaskSubset|HomeIPSuperset|"
+                "RoamIPSuperset|"),
+        printed(static_cast<FilterMatchType>(0x4C), "ApnNameSubset|ApnTypeBitmaskSubset|"),
+        printed(static_cast<FilterMatchType>(0x40), "")));
+
+// Every field set, in an order unlike the dump's, so the dump's own order shows.
+FilterProfileParams everyField() {
+    FilterProfileParams params;
+    params.setFilterByIsIAProfile(false);
+    params.setFilterByIsKelProfile(true);
+    params.setIsEmergencySupported(true);
+    params.setIsApnDisabled(false);
+    params.setPdnReqWaitInterval(-1);
+    params.setMaxPdnConnTimer(300);
+    params.setMaxPdnsConnPerBlock(20);
+    params.setIsClatEnabled(true);
+    params.setApnClass(ApnClass::INET);
+    params.setApnTypesMask(0x101);
+    params.setRoamIPType(IPType::V4);
+    params.setHomeIPType(IPType::V4V6);
+    params.setAuthType(AuthType::PAP_CHAP);
+    params.setPassword("se,cret");
+    params.setUserName("user");
+    params.setApnName("internet");
+    return params;
+}
+
+const char* const kEveryFieldDump =
+    "ApnName=internet,UserName=user,Password=se,cret,AuthType=PAP_CHAP,HomeIPType=V4V6,"
+    "RoamIPType=V4,ApnTypesMask=DEFAULT|IA|,ApnClass=INET,IsClatEnabled=true,"
+    "MaxPdnsConnPerBlock=20,MaxPdnConnTimer=300,PdnReqWaitInterval=-1,IsApnDisabled=false,"
+    "IsEmergencySupported=true,IsKelProfile=true,IsIAProfile=false,";
+
+bool hasAnyField(const ProfileParams& p) {
+    return p.hasApnName() || p.hasUserName() || p.hasPassword() || p.hasAuthType() ||
+           p.hasHomeIPType() || p.hasRoamIPType() || p.hasApnTypesMask() || p.hasApnClass() ||
+           p.hasIsClatEnabled() || p.hasMaxPdnsConnPerBlock() || p.hasMaxPdnConnTimer() ||
+           p.hasPdnReqWaitInterval() || p.hasIsApnDisabled() || p.hasIsEmergencySupported();
+}
+
+TEST(ProfileParamsTest, DefaultHasNoFieldAndDumpsEmpty) {
+    ProfileParams params;
+    EXPECT_FALSE(hasAnyField(params));
+    EXPECT_FALSE(params.getIsKelProfile());
+    EXPECT_FALSE(params.getIsIAProfile());
+    EXPECT_EQ(params.dump(), "");
+}
+
+TEST(ProfileParamsTest, DumpWritesPresentFieldsInFixedOrder) {
+    ProfileParams params = everyField();
+    EXPECT_EQ(params.dump(), kEveryFieldDump);
+
+    ProfileParams few;
+    few.setApnName("ims");
+    few.setHomeIPType(IPType::V4V6);
+    few.setApnTypesMask(0x40);
+    EXPECT_EQ(few.dump(), "ApnName=ims,HomeIPType=V4V6,ApnTypesMask=IMS|,");
+}
+
+struct DumpCase {
+    const char* name;
+    void (*fill)(FilterProfileParams&);
+    const char* expected;
+};
+
+void PrintTo(const DumpCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
+class ProfileParamsDumpTest : public ::testing::TestWithParam<DumpCase> {};
+
+TEST_P(ProfileParamsDumpTest, DumpsField) {
+    FilterProfileParams filter;
+    GetParam().fill(filter);
+    const ProfileParams& params = filter;
+    EXPECT_EQ(params.ProfileParams::dump(), GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Fields, ProfileParamsDumpTest,
+    ::testing::Values(
+        DumpCase{"UnnamedApnClass", [](FilterProfileParams& p) { p.setApnClass(ApnClass{}); },
+                 "ApnClass=0,"},
+        DumpCase{"UnnamedAuthType",
+                 [](FilterProfileParams& p) { p.setAuthType(static_cast<AuthType>(7)); },
+                 "AuthType=7,"},
+        DumpCase{"UnnamedIPType",
+                 [](FilterProfileParams& p) { p.setRoamIPType(static_cast<IPType>(9)); },
+                 "RoamIPType=9,"},
+        DumpCase{"UnknownMaskBitsOnly", [](FilterProfileParams& p) { p.setApnTypesMask(0x1000); },
+                 "ApnTypesMask=,"},
+        DumpCase{"EmptyMask", [](FilterProfileParams& p) { p.setApnTypesMask(0); },
+                 "ApnTypesMask=NONE,"},
+        DumpCase{"EmptyStringIsPresent", [](FilterProfileParams& p) { p.setApnName(""); },
+                 "ApnName=,"},
+        DumpCase{"KelFlagPresentFalse",
+                 [](FilterProfileParams& p) { p.setFilterByIsKelProfile(false); },
+                 "IsKelProfile=false,"},
+        DumpCase{"KelFlagPresentTrue",
+                 [](FilterProfileParams& p) { p.setFilterByIsKelProfile(true); },
+                 "IsKelProfile=true,"},
+        DumpCase{"IAFlagPresentFalse",
+                 [](FilterProfileParams& p) { p.setFilterByIsIAProfile(false); },
+                 "IsIAProfile=false,"},
+        DumpCase{"IAFlagPresentTrue",
+                 [](FilterProfileParams& p) { p.setFilterByIsIAProfile(true); },
+                 "IsIAProfile=true,"},
+        DumpCase{"FlagsAbsent", [](FilterProfileParams&) {}, ""}),
+    [](const ::testing::TestParamInfo<DumpCase>& param) { return std::string(param.param.name); });
+
+TEST(ProfileParamsCopyTest, CopyCarriesEveryFieldWithPresence) {
+    const FilterProfileParams source = everyField();
+    ProfileParams copy(source);
+    EXPECT_EQ(copy.dump(), kEveryFieldDump);
+
+    ProfileParams assigned;
+    assigned.setApnName("old");
+    assigned = copy;
+    EXPECT_EQ(assigned.dump(), kEveryFieldDump);
+
+    copy.setApnName("changed");
+    EXPECT_EQ(assigned.getApnName(), "internet");
+    EXPECT_EQ(source.getApnName(), "internet");
+}
+
+TEST(ProfileParamsCopyTest, AssigningAbsentFieldsOverPresentOnesLeavesThemAbsent) {
+    ProfileParams params = everyField();
+    ProfileParams partial;
+    partial.setUserName("only");
+    params = partial;
+
+    EXPECT_FALSE(params.hasApnName());
+    EXPECT_FALSE(params.hasPassword());
+    EXPECT_FALSE(params.hasIsEmergencySupported());
+    EXPECT_FALSE(params.getIsKelProfile());
+    EXPECT_EQ(params.dump(), "UserName=only,");
+
+    params = ProfileParams();
+    EXPECT_FALSE(hasAnyField(params));
+    EXPECT_EQ(params.dump(), "");
+}
+
+TEST(AddProfileParamsTest, ConstructorMakesIAFlagPresent) {
+    AddProfileParams params(false, TechType::TYPE_3GPP, false);
+    EXPECT_FALSE(params.getIsPersistent());
+    EXPECT_EQ(params.getTechType(), TechType::TYPE_3GPP);
+    EXPECT_FALSE(params.getIsIAProfile());
+    EXPECT_FALSE(hasAnyField(params));
+    EXPECT_EQ(params.dump(), "3GPP persist=false: IsIAProfile=false,");
+
+    AddProfileParams attach(true, TechType::TYPE_3GPP, true);
+    EXPECT_TRUE(attach.getIsIAProfile());
+    EXPECT_EQ(attach.dump(), "3GPP persist=true: IsIAProfile=true,");
+}
+
+TEST(AddProfileParamsTest, CopiedParamsGetTheArgumentsIAFlag) {
+    FilterProfileParams source;
+    source.setApnName("ims");
+    source.setFilterByIsIAProfile(true);
+    source.setFilterByIsKelProfile(true);
+
+    AddProfileParams params(source, true, TechType::TYPE_3GPP2, false);
+    EXPECT_FALSE(params.getIsIAProfile());
+    EXPECT_TRUE(FilterProfileParams(params).hasFilterByIsIAProfile());
+    EXPECT_TRUE(params.getIsKelProfile());
+    EXPECT_TRUE(params.getIsPersistent());
+    EXPECT_EQ(params.getTechType(), TechType::TYPE_3GPP2);
+    EXPECT_EQ(params.dump(),
+              "3GPP2 persist=true: ApnName=ims,IsKelProfile=true,IsIAProfile=false,");
+}
+
+TEST(AddProfileParamsTest, UnnamedTechTypeDumpsAsNumber) {
+    AddProfileParams params(false, static_cast<TechType>(5), true);
+    EXPECT_EQ(params.dump(), "5 persist=false: IsIAProfile=true,");
+}
+
+TEST(FilterProfileParamsTest, DumpsCriteriaTechAndIdBeforeFields) {
+    FilterProfileParams params;
+    EXPECT_EQ(params.dump(), "None: ");
+
+    params.addFilterMatchCriteria(0x11);
+    params.setFilterByProfileId(4);
+    params.setFilterByTechType(TechType::TYPE_3GPP2);
+    params.setApnName("x");
+    EXPECT_EQ(params.dump(), "HomeIPSubset|HomeIPSuperset|: tech=3GPP2,id=4,ApnName=x,");
+
+    FilterProfileParams unnamedTech;
+    unnamedTech.setFilterByTechType(static_cast<TechType>(9));
+    unnamedTech.addFilterMatchCriteria(0x80);
+    EXPECT_EQ(unnamedTech.dump(), ": tech=9,");
+}
+
+TEST(FilterProfileParamsTest, CriteriaAddAndRemoveBits) {
+    FilterProfileParams params;
+    EXPECT_EQ(params.getFilterMatchCriteria(), 0u);
+    params.addFilterMatchCriteria(0x11);
+    params.removeFilterMatchCriteria(0x01);
+    EXPECT_EQ(params.getFilterMatchCriteria(), 0x10u);
+    params.removeFilterMatchCriteria(0x04);
+    EXPECT_EQ(params.getFilterMatchCriteria(), 0x10u);
+    params.addFilterMatchCriteria(0x22);
+    EXPECT_EQ(params.getFilterMatchCriteria(), 0x32u);
+}
+
+TEST(FilterProfileParamsTest, BuiltFromParamsKeepsFieldsAndDropsFilterSettings) {
+    FilterProfileParams source = everyField();
+    source.addFilterMatchCriteria(0x33);
+    source.setFilterByProfileId(7);
+    source.setFilterByTechType(TechType::TYPE_3GPP2);
+
+    FilterProfileParams built(static_cast<const ProfileParams&>(source));
+    EXPECT_EQ(built.getFilterMatchCriteria(), 0u);
+    EXPECT_FALSE(built.hasFilterByProfileId());
+    EXPECT_FALSE(built.hasFilterByTechType());
+    EXPECT_TRUE(built.hasFilterByIsKelProfile());
+    EXPECT_EQ(built.dump(), std::string("None: ") + kEveryFieldDump);
+
+    FilterProfileParams copied(source);
+    EXPECT_EQ(copied.getFilterMatchCriteria(), 0x33u);
+    EXPECT_EQ(copied.getFilterByProfileId(), 7);
+}
+
+TEST(ProfileParamsTest, DumpIsVirtualAndModifyKeepsTheBaseDump) {
+    AddProfileParams add(true, TechType::TYPE_3GPP, false);
+    FilterProfileParams filter;
+    filter.setFilterByProfileId(2);
+    ModifyProfileParams modify;
+    modify.setApnName("a");
+    modify.setIsClatEnabled(false);
+    const ProfileParams* sets[] = {&add, &filter, &modify};
+    EXPECT_EQ(sets[0]->dump(), "3GPP persist=true: IsIAProfile=false,");
+    EXPECT_EQ(sets[1]->dump(), "None: id=2,");
+    EXPECT_EQ(sets[2]->dump(), "ApnName=a,IsClatEnabled=false,");
+}
+
+}  // namespace
+}  // namespace kel

@@ -1,0 +1,27 @@
+// What the host log stand-ins share: the record of calls that a LogCapture observes and the
+// echo of each call to standard error.
+//
+// Threads: any; the record is guarded by its own mutex.
+#ifndef HOSTLOG_HOST_LOG_H
+#define HOSTLOG_HOST_LOG_H
+
+#include <string>
+
+#include "hostlog/LogCapture.h"
+
+namespace hostlog::detail {
+
+// Each is dropped unless a LogCapture lives.
+void recordAndroid(AndroidLogRecord record);
+void recordDiag(DiagRecord record);
+void noteDiagInit();
+void noteDiagDeInit();
+
+// "MM-DD HH:MM:SS.mmm  pid   tid", the head of every echoed line, as logcat prints it.
+std::string lineHead();
+// Writes text to standard error in one piece, unless echo is off.
+void echo(const std::string& text);
+
+}  // namespace hostlog::detail
+
+#endif  // HOSTLOG_HOST_LOG_H

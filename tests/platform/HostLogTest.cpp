@@ -1,0 +1,260 @@
+// The host stand-ins for the device's log calls: what they record and what they print.
+#include <android/log.h>
+#include <diag/msg.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <ostream>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "hostlog/LogCapture.h"
+
+namespace {
+
+const msg_const_type* descriptor(const char* format) {
+    // One per thread: the threaded test fills it concurrently.
+    thread_local msg_const_type record;
+    record = {{200, 7, MSG_LEGACY_ERROR}, format, "host/test"};
+    return &record;
+}
+
+struct FormatCase {
+    const char* name;
+    std::function<void()> call;
+    std::string text;
+    std::vector<std::string> args;
+};
+
+void PrintTo(const FormatCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
+class DiagFormatTest : public ::testing::TestWithParam<FormatCase> {};
+
+TEST_P(DiagFormatTest, ReadsArgumentsByTheFormatsConversions) {
+    hostlog::LogCapture capture;
+    GetParam().call();
+
+    std::vector<hostlog::DiagRecord> sent = capture.diag();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].text, GetParam().text);
+    EXPECT_EQ(sent[0].args, GetParam().args);
+}
+
+int sink = 0;
+
+std::string pointerText(const void* pointer) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%p", pointer);
+    return text;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Conversions, DiagFormatTest,
+    ::testing::Values(
+        FormatCase{"Strings",
+                   [] { msg_sprintf(descriptor("|%s| %s"), "KEL", "hello"); },
+                   "|KEL| hello",
+                   {"KEL", "hello"}},
+        FormatCase{"SignedInts",
+                   [] { msg_sprintf(descriptor("%d/%i"), -5, INT_MAX); },
+                   "-5/2147483647",
+                   {"-5", "2147483647"}},
+        FormatCase{"UnsignedInts",
+                   [] { msg_sprintf(descriptor("%u %x %X %o"), 4000000000u, 255u, 171u, 8u); },
+                   "4000000000 ff AB 10",
+                   {"4000000000", "255", "171", "8"}},
+        FormatCase{"Longs",
+                   [] { msg_sprintf(descriptor("%ld %lu"), LONG_MIN, ULONG_MAX); },
+                   std::to_string(LONG_MIN) + " " + std::to_string(ULONG_MAX),
+                   {std::to_string(LONG_MIN), std::to_string(ULONG_MAX)}},
+        FormatCase{"LongLongs",
+                   [] { msg_sprintf(descriptor("%lld %llx"), LLONG_MIN, 0x1234567890ull); },
+                   std::to_string(LLONG_MIN) + " 1234567890",
+                   {std::to_string(LLONG_MIN), "78187493520"}},
+        FormatCase{"NarrowedInts",
+                   [] { msg_sprintf(descriptor("%hhd %hu"), 300, 70000); },
+                   "44 4464",
+                   {"44", "4464"}},
+        FormatCase{
+            "SizesAndMaxInts",
+            [] { msg_sprintf(descriptor("%zu %jd %td"), size_t{9}, intmax_t{-9}, ptrdiff_t{3}); },
+            "9 -9 3",
+            {"9", "-9", "3"}},
+        FormatCase{"Chars", [] { msg_sprintf(descriptor("%c%c"), 'o', 'k'); }, "ok", {"o", "k"}},
+        FormatCase{"WidthsAndPrecisions",
+                   [] { msg_sprintf(descriptor("[%5s|%-4s|%.2s|%03d]"), "ab", "c", "xyz", 7); },
+                   "[   ab|c   |xy|007]",
+                   {"ab", "c", "xyz", "7"}},
+        FormatCase{"StarWidthAndPrecision",
+                   [] { msg_sprintf(descriptor("[%*d|%.*s|%-*d]"), 4, 42, 3, "abcdef", 3, 1); },
+                   "[  42|abc|1  ]",
+                   {"42", "abcdef", "1"}},
+        FormatCase{"Pointer",
+                   [] { msg_sprintf(descriptor("at %p"), static_cast<void*>(&sink)); },
+                   "at " + pointerText(&sink),
+                   {pointerText(&sink)}},
+        FormatCase{"Doubles",
+                   [] { msg_sprintf(descriptor("%.1f %Lg"), 1.25, 2.5L); },
+                   "1.2 2.5",
+                   {"1.25", "2.5"}},
+        FormatCase{
+            "PercentSigns", [] { msg_sprintf(descriptor("100%% %d%%"), 5); }, "100% 5%", {"5"}},
+        FormatCase{"NullString",
+                   [] { msg_sprintf(descriptor("<%s>"), static_cast<const char*>(nullptr)); },
+                   "<(null)>",
+                   {"(null)"}},
+        FormatCase{"UnknownConversionIsPrintedAsWritten",
+                   [] { msg_sprintf(descriptor("%y then %d"), 3); },
+                   "%y then 3",
+                   {"3"}},
+        FormatCase{"TrailingPercent", [] { msg_sprintf(descriptor("end %")); }, "end %", {}},
+        FormatCase{"StoreIsNotWritten",
+                   [] {
+                       sink = 11;
+                       msg_sprintf(descriptor("ab%n%d"), &sink, 4);
+                       if (sink != 11) {
+                           msg_sprintf(descriptor("stored"));
+                       }
+                   },
+                   "ab4",
+                   {"n", "4"}}),
+    [](const ::testing::TestParamInfo<FormatCase>& param) {
+        return std::string(param.param.name);
+    });
+
+TEST(DiagStandInTest, RecordsDescriptorAndSessionCalls) {
+    hostlog::LogCapture capture;
+    Diag_LSM_Init(nullptr);
+    msg_sprintf(descriptor("x=%d"), 1);
+    Diag_LSM_DeInit();
+    Diag_LSM_DeInit();
+
+    EXPECT_EQ(capture.diagInitCalls(), 1);
+    EXPECT_EQ(capture.diagDeInitCalls(), 2);
+    std::vector<hostlog::DiagRecord> sent = capture.diag();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].line, 200);
+    EXPECT_EQ(sent[0].ssId, 7);
+    EXPECT_EQ(sent[0].mask, static_cast<uint32_t>(MSG_LEGACY_ERROR));
+    EXPECT_EQ(sent[0].format, "x=%d");
+    EXPECT_EQ(sent[0].fileName, "host/test");
+    EXPECT_EQ(sent[0].text, "x=1");
+}
+
+TEST(AndroidStandInTest, RecordsPriorityTagAndFormattedMessage) {
+    hostlog::LogCapture capture;
+    EXPECT_EQ(__android_log_print(ANDROID_LOG_WARN, "TAG", "n=%d s=%s", 3, "x"), 7);
+    __android_log_print(ANDROID_LOG_ERROR, nullptr, "untagged");
+
+    std::vector<hostlog::AndroidLogRecord> written = capture.android();
+    ASSERT_EQ(written.size(), 2u);
+    EXPECT_EQ(written[0].priority, ANDROID_LOG_WARN);
+    EXPECT_EQ(written[0].tag, "TAG");
+    EXPECT_EQ(written[0].message, "n=3 s=x");
+    EXPECT_EQ(written[1].tag, "");
+    EXPECT_TRUE(capture.hasAndroidMessage("untagged"));
+    EXPECT_FALSE(capture.hasAndroidMessage("untag"));
+    ASSERT_EQ(capture.androidContaining("s=").size(), 1u);
+    EXPECT_EQ(capture.androidContaining("s=")[0].message, "n=3 s=x");
+}
+
+TEST(LogCaptureTest, RecordsOnlyWhileItLivesAndClears) {
+    __android_log_print(ANDROID_LOG_INFO, "T", "before");
+    hostlog::LogCapture capture;
+    EXPECT_TRUE(capture.android().empty());
+
+    __android_log_print(ANDROID_LOG_INFO, "T", "during");
+    Diag_LSM_Init(nullptr);
+    capture.clear();
+    EXPECT_TRUE(capture.android().empty());
+    EXPECT_EQ(capture.diagInitCalls(), 0);
+
+    __android_log_print(ANDROID_LOG_INFO, "T", "after clear");
+    EXPECT_EQ(capture.android().size(), 1u);
+}
+
+TEST(LogCaptureTest, RecordsEveryCallFromSeveralThreads) {
+    hostlog::LogCapture capture;
+    constexpr int kThreads = 4;
+    constexpr int kCalls = 200;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < kCalls; ++i) {
+                __android_log_print(ANDROID_LOG_DEBUG, "T", "%d:%d", t, i);
+                msg_sprintf(descriptor("%d"), i);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(capture.android().size(), static_cast<size_t>(kThreads * kCalls));
+    EXPECT_EQ(capture.diag().size(), static_cast<size_t>(kThreads * kCalls));
+    EXPECT_TRUE(capture.hasAndroidMessage("3:199"));
+}
+
+// Echo as the environment sets it by default.
+void restoreDefaultEcho() {
+    const char* quiet = std::getenv("KELR_LOG_QUIET");
+    hostlog::setEcho(quiet == nullptr || std::string(quiet) != "1");
+}
+
+// Runs call with standard error sent into a pipe and returns what was written there.
+std::string standardErrorOf(const std::function<void()>& call) {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        ADD_FAILURE() << "pipe2";
+        return std::string();
+    }
+    std::fflush(stderr);
+    const int saved = dup(STDERR_FILENO);
+    dup2(fds[1], STDERR_FILENO);
+    close(fds[1]);
+    call();
+    std::fflush(stderr);
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    std::string text;
+    char buffer[512];
+    ssize_t got;
+    while ((got = read(fds[0], buffer, sizeof(buffer))) > 0) {
+        text.append(buffer, static_cast<size_t>(got));
+    }
+    close(fds[0]);
+    return text;
+}
+
+TEST(AndroidStandInTest, PrintsLogcatThreadtimeLinePerMessageLine) {
+    hostlog::setEcho(true);
+    std::string printed = standardErrorOf(
+        [] { __android_log_print(ANDROID_LOG_ERROR, "KEL", "first\nsecond %d", 2); });
+
+    const std::string head = R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +\d+ +\d+ E KEL: )";
+    EXPECT_TRUE(std::regex_match(printed, std::regex(head + "first\n" + head + "second 2\n")))
+        << printed;
+
+    hostlog::setEcho(false);
+    EXPECT_EQ(standardErrorOf([] { __android_log_print(ANDROID_LOG_ERROR, "KEL", "quiet"); }), "");
+    restoreDefaultEcho();
+}
+
+TEST(DiagStandInTest, PrintsDescriptorAndText) {
+    hostlog::setEcho(true);
+    std::string printed = standardErrorOf([] { msg_sprintf(descriptor("|%s| %s"), "KEL", "up"); });
+    EXPECT_NE(printed.find("host/test:200 |KEL| up\n"), std::string::npos) << printed;
+    restoreDefaultEcho();
+}
+
+}  // namespace

@@ -1,1 +1,117 @@
-// Replaced by the real source.
+#include "kel/ClientRequest.h"
+
+#include <sstream>
+#include <utility>
+
+namespace kel {
+
+namespace {
+
+// A handle's text, or nothing for an empty handle.
+std::string keyText(const std::shared_ptr<IProfileKey>& key) {
+    return key ? key->dump() : std::string();
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& os, ReqRespType type) {
+    switch (type) {
+        case ReqRespType::Add:
+            return os << "Add";
+        case ReqRespType::Modify:
+            return os << "Modify";
+        case ReqRespType::Delete:
+            return os << "Delete";
+        case ReqRespType::Filter:
+            return os << "Filter";
+        case ReqRespType::Match:
+            return os << "Match";
+        case ReqRespType::Get:
+            return os << "Get";
+        case ReqRespType::Callback:
+            return os << "Callback";
+        case ReqRespType::Refresh:
+            return os << "Refresh";
+    }
+    return os << static_cast<std::int32_t>(type);
+}
+
+std::string ClientRequest::dump() {
+    std::ostringstream os;
+    os << requestType << " ";
+    return os.str();
+}
+
+AddRequest::AddRequest(AddProfileParams addParams)
+    : ClientRequest(ReqRespType::Add), params(std::move(addParams)) {}
+
+std::string AddRequest::dump() {
+    return ClientRequest::dump() + params.dump();
+}
+
+ModifyRequest::ModifyRequest(ModifyProfileParams modifyParams,
+                             std::shared_ptr<IProfileKey> profileKey)
+    : ClientRequest(ReqRespType::Modify),
+      params(std::move(modifyParams)),
+      key(std::move(profileKey)) {}
+
+std::string ModifyRequest::dump() {
+    return ClientRequest::dump() + keyText(key) + " " + params.dump();
+}
+
+DeleteRequest::DeleteRequest(std::shared_ptr<IProfileKey> profileKey)
+    : ClientRequest(ReqRespType::Delete), key(std::move(profileKey)) {}
+
+std::string DeleteRequest::dump() {
+    return ClientRequest::dump() + keyText(key);
+}
+
+FilterRequest::FilterRequest(FilterProfileParams filterParams)
+    : ClientRequest(ReqRespType::Filter), params(std::move(filterParams)) {}
+
+std::string FilterRequest::dump() {
+    return ClientRequest::dump() + "params: " + params.dump();
+}
+
+MatchRequest::MatchRequest(FilterProfileParams matchParams, std::shared_ptr<IProfileKey> profileKey)
+    : ClientRequest(ReqRespType::Match),
+      params(std::move(matchParams)),
+      key(std::move(profileKey)) {}
+
+std::string MatchRequest::dump() {
+    return ClientRequest::dump() + keyText(key) + " " + params.dump();
+}
+
+GetRequest::GetRequest(std::shared_ptr<IProfileKey> profileKey)
+    : ClientRequest(ReqRespType::Get), key(std::move(profileKey)) {}
+
+std::string GetRequest::dump() {
+    return ClientRequest::dump() + keyText(key);
+}
+
+void CallbackRequest::setExpirationInfo(std::function<void()> callback,
+                                        std::weak_ptr<IProfileKey> profileKey,
+                                        unsigned long long token) {
+    expirationCb = std::move(callback);
+    expirationKey = std::move(profileKey);
+    expirationToken = token;
+}
+
+bool CallbackRequest::hasExpirationInfo() const {
+    return expirationToken.has_value() && expirationCb.has_value() && expirationKey.has_value();
+}
+
+std::string CallbackRequest::dump() {
+    std::ostringstream os;
+    os << ClientRequest::dump();
+    if (hasReleaseToken()) {
+        os << "Release " << *releaseToken;
+    } else if (hasExpirationInfo()) {
+        std::shared_ptr<IProfileKey> key = expirationKey->lock();
+        // No separator between the handle and the token: kept as log readers know it.
+        os << "Register " << (key ? key->dump() : std::string("null")) << *expirationToken;
+    }
+    return os.str();
+}
+
+}  // namespace kel

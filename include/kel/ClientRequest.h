@@ -38,7 +38,7 @@ KEL_EXPORT std::ostream& operator<<(std::ostream& os, ReqRespType type);
 
 class KEL_EXPORT ClientRequest {
   public:
-    explicit ClientRequest(ReqRespType requestType) : requestType(requestType) {}
+    explicit ClientRequest(ReqRespType type) : requestType(type) {}
     virtual ~ClientRequest() = default;
     // The printed type name and a blank.
     virtual std::string dump();
@@ -145,8 +145,8 @@ class KEL_EXPORT CallbackRequest : public ClientRequest {
 
 class KEL_EXPORT RefreshRequest : public ClientRequest {
   public:
-    explicit RefreshRequest(PDCRefreshStatus refreshStatus)
-        : ClientRequest(ReqRespType::Refresh), refreshStatus(refreshStatus) {}
+    explicit RefreshRequest(PDCRefreshStatus status)
+        : ClientRequest(ReqRespType::Refresh), refreshStatus(status) {}
 
     // Read directly by the request manager.
     PDCRefreshStatus refreshStatus;

@@ -24,7 +24,7 @@ KEL_EXPORT std::ostream& operator<<(std::ostream& os, Status status);
 
 class KEL_EXPORT ClientResponse {
   public:
-    explicit ClientResponse(ReqRespType responseType) : responseType(responseType) {}
+    explicit ClientResponse(ReqRespType type) : responseType(type) {}
     virtual ~ClientResponse() = 0;
     // The printed type name, a blank and the status.
     virtual std::string dump();

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "LocalLogBuffer.h"
@@ -49,6 +50,15 @@ void* asPointer(EventCallback callback) {
 
 std::set<int> EventManager::approvedFd;
 
+namespace {
+// Guards approvedFd: the set is process-wide, and while Manager::init replaces a pipeline the old
+// manager's teardown and the new worker touch it at the same time.
+std::mutex& approvedFdMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+}  // namespace
+
 EventManager::EventManager() : events{} {
     epollFd = epoll_create1(EPOLL_CLOEXEC);
     if (epollFd == -1) {
@@ -88,7 +98,7 @@ bool EventManager::addEventHandler(int fd, EventCallback callback, void* data,
         KEL_LOG(Error, "Cannot add event handler");
     }
     handlers[fd] = HandlerObject{callback, closeCallback, data};
-    approvedFd.insert(fd);
+    addApprovedFd(fd);
     return true;
 }
 
@@ -105,7 +115,7 @@ void EventManager::removeEventHandler(int fd) {
     if (erased == 0) {
         KEL_LOG(Error, "handlers.erase for fd %d, returned %d!", fd, static_cast<int>(erased));
     }
-    approvedFd.erase(fd);
+    remApprovedFd(fd);
     // A handler may remove another descriptor that is still pending in this turn; that entry must
     // be neither dispatched nor taken for an unapproved descriptor and closed under its owner.
     for (epoll_event& pending : events) {
@@ -195,14 +205,17 @@ void EventManager::clearRead(int fd, void* /*data*/) {
 }
 
 bool EventManager::isApprovedFd(int fd) {
+    std::lock_guard<std::mutex> lock(approvedFdMutex());
     return approvedFd.count(fd) != 0;
 }
 
 void EventManager::addApprovedFd(int fd) {
+    std::lock_guard<std::mutex> lock(approvedFdMutex());
     approvedFd.insert(fd);
 }
 
 void EventManager::remApprovedFd(int fd) {
+    std::lock_guard<std::mutex> lock(approvedFdMutex());
     approvedFd.erase(fd);
 }
 

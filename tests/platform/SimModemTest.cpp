@@ -1,1 +1,772 @@
-// Replaced by the real tests.
+// The simulated modem: its profile text format, and the service it gives real vex clients over
+// its socket (answers, indexes, fan-out, restarts, faults and bad input).
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "VexWire.h"
+#include "platform/VexTestClient.h"
+
+namespace {
+
+using namespace vextest;
+using vexsim::Profile;
+
+// --- The profile text format ---
+
+Profile parseOne(const std::string& line) {
+    std::vector<Profile> parsed;
+    std::string error;
+    EXPECT_TRUE(vexsim::parseProfiles(line, &parsed, &error)) << line << ": " << error;
+    return parsed.empty() ? Profile{} : parsed[0];
+}
+
+TEST(ProfileTextTest, FormattedProfilesParseBackToTheSameSettings) {
+    const char* const lines[] = {
+        "profile 3gpp sub=1 index=7 persistent=no name=\"My \\\"quoted\\\" APN\\\\#1\" "
+        "apn=internet.example pdp=ipv4v6 common_pdp=ipv4 lte_roam=ipv6 umts_roam=ipv4v6 "
+        "user=\"\" password=\"p w\\n\" auth=pap_chap class=2 emergency=yes apn_disabled=no "
+        "max_pdn_conn_per_block=20 max_pdn_conn_timer=300 pdn_req_wait_interval=65535 "
+        "types=default,ims,mcx clat=yes",
+        "profile 3gpp2 sub=0 index=2 persistent=yes apn=cdma.example pdn=unspec user=u "
+        "password=p auth=chap pdn_user=pu pdn_password=pp pdn_auth=pap class=3 types=0x1000001",
+        "profile 3gpp sub=0 persistent=yes types=0x0",
+    };
+    for (const char* line : lines) {
+        Profile original = parseOne(line);
+        std::string formatted = vexsim::formatProfile(original);
+        Profile again = parseOne(formatted);
+        EXPECT_EQ(again.subscription, original.subscription) << formatted;
+        EXPECT_EQ(again.type, original.type) << formatted;
+        EXPECT_EQ(again.index, original.index) << formatted;
+        EXPECT_EQ(again.persistent, original.persistent) << formatted;
+        EXPECT_EQ(std::memcmp(&again.settings, &original.settings, sizeof again.settings), 0)
+            << formatted;
+        EXPECT_EQ(vexsim::formatProfile(again), formatted);
+    }
+    Profile quoted = parseOne(lines[0]);
+    EXPECT_STREQ(quoted.settings.profile_name, "My \"quoted\" APN\\#1");
+    EXPECT_STREQ(quoted.settings.password, "p w\n");
+    EXPECT_EQ(quoted.settings.apn_type_mask, WDS_APN_TYPE_MASK_DEFAULT_V01 |
+                                                 WDS_APN_TYPE_MASK_IMS_V01 |
+                                                 WDS_APN_TYPE_MASK_MCX_V01);
+    EXPECT_EQ(quoted.settings.authentication_preference, 3);
+}
+
+TEST(ProfileTextTest, CommentsBlankLinesAndDefaults) {
+    std::vector<Profile> parsed;
+    std::string error;
+    ASSERT_TRUE(
+        vexsim::parseProfiles("# a comment\n\n   \nprofile 3gpp apn=a # trailing\n"
+                              "profile 3gpp2 apn=\"b#c\"\n",
+                              &parsed, &error))
+        << error;
+    ASSERT_EQ(parsed.size(), 2u);
+    EXPECT_EQ(parsed[0].subscription, 0);
+    EXPECT_EQ(parsed[0].index, 0);  // assigned by the modem
+    EXPECT_TRUE(parsed[0].persistent);
+    EXPECT_STREQ(parsed[0].settings.apn_name, "a");
+    EXPECT_STREQ(parsed[1].settings.apn_string, "b#c");
+    EXPECT_EQ(parsed[1].settings.apn_name_valid, 0);
+}
+
+TEST(ProfileTextTest, ParseErrorsNameTheLineAndTheReasonAndKeepNothing) {
+    struct Case {
+        std::string text;
+        std::string error;
+    } cases[] = {
+        {"profil 3gpp", "line 1: expected 'profile'"},
+        {"# ok\nprofile 4g apn=x", "line 2: expected 3gpp or 3gpp2"},
+        {"profile 3gpp colour=red", "line 1: unknown key 'colour'"},
+        {"profile 3gpp pdn=ipv4", "line 1: unknown key 'pdn'"},
+        {"profile 3gpp2 name=x", "line 1: unknown key 'name'"},
+        {"profile 3gpp pdp=ipv5", "line 1: bad value for pdp: 'ipv5'"},
+        {"profile 3gpp class=256", "line 1: bad value for class"},
+        {"profile 3gpp index=0", "line 1: bad value for index"},
+        {"profile 3gpp max_pdn_conn_timer=65536", "line 1: bad value for max_pdn_conn_timer"},
+        {"profile 3gpp types=default,bogus", "line 1: bad value for types"},
+        {"profile 3gpp name=" + std::string(51, 'n'), "line 1: name: longer than 50 characters"},
+        {"profile 3gpp apn=\"open", "line 1: unterminated quote"},
+        {"profile 3gpp apn=a apn=b", "line 1: 'apn' given twice"},
+        {"profile 3gpp apn", "line 1: expected key=value"},
+        {"profile 3gpp index=2\nprofile 3gpp index=2", "line 2: index 2 used twice"},
+    };
+    for (const Case& c : cases) {
+        std::vector<Profile> parsed(1);
+        std::string error;
+        EXPECT_FALSE(vexsim::parseProfiles(c.text, &parsed, &error)) << c.text;
+        EXPECT_EQ(error.rfind(c.error, 0), 0u) << c.text << " gave: " << error;
+        EXPECT_EQ(parsed.size(), 1u) << c.text;
+    }
+}
+
+TEST(ProfileTextTest, ShippedSeedIsACarrierProvisionedModem) {
+    std::ifstream in(testsupport::sourceDir() + "/data/modem-seed.conf");
+    std::stringstream text;
+    text << in.rdbuf();
+    std::vector<Profile> parsed;
+    std::string error;
+    ASSERT_TRUE(vexsim::parseProfiles(text.str(), &parsed, &error)) << error;
+    auto find = [&](int sub, const char* name) -> const Profile* {
+        for (const Profile& p : parsed) {
+            if (p.subscription == sub && std::string(p.settings.profile_name) == name) {
+                return &p;
+            }
+        }
+        return nullptr;
+    };
+    const Profile* internet = find(0, "internet");
+    ASSERT_NE(internet, nullptr);
+    EXPECT_EQ(internet->settings.apn_type_mask,
+              WDS_APN_TYPE_MASK_DEFAULT_V01 | WDS_APN_TYPE_MASK_SUPL_V01);
+    EXPECT_EQ(internet->settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
+    const Profile* ims = find(0, "ims");
+    ASSERT_NE(ims, nullptr);
+    EXPECT_EQ(ims->settings.apn_class, 1);
+    const Profile* sos = find(0, "sos");
+    ASSERT_NE(sos, nullptr);
+    EXPECT_EQ(sos->settings.support_emergency_calls, 1);
+    EXPECT_NE(find(0, "mms"), nullptr);
+    int cdma = 0, second = 0;
+    for (const Profile& p : parsed) {
+        cdma += p.type == WDS_PROFILE_TYPE_3GPP2_V01;
+        second += p.subscription == 1;
+    }
+    EXPECT_GE(cdma, 1);
+    EXPECT_GE(second, 2);
+}
+
+// --- The modem over its socket ---
+
+const char* const kSeed =
+    "profile 3gpp index=1 name=internet apn=internet pdp=ipv4v6 types=default,supl\n"
+    "profile 3gpp index=2 name=ims apn=ims pdp=ipv4v6 class=1 types=ims\n"
+    "profile 3gpp index=3 name=bare apn=bare.example\n"
+    "profile 3gpp2 index=1 apn=cdma.example pdn=ipv4 user=u password=p auth=chap\n"
+    "profile 3gpp sub=1 index=1 name=second apn=second.example\n";
+
+class SimModemTest : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(harness.start()) << harness.error; }
+    vexsim::SimModem& modem() { return *harness.modem; }
+
+    // A client bound and registered for every event of the subscription.
+    std::unique_ptr<RecordingClient> registered(int subscription) {
+        auto client = std::make_unique<RecordingClient>();
+        EXPECT_EQ(client->connect(), VEX_NO_ERR);
+        EXPECT_TRUE(client->registerAll(subscription));
+        return client;
+    }
+
+    ModemHarness harness{kSeed, [] {
+                             vexsim::Config config;
+                             config.profilesReadyOnRegister = false;
+                             return config;
+                         }()};
+};
+
+wds_profile_identifier_type_v01 id3gpp(uint8_t index) {
+    return {WDS_PROFILE_TYPE_3GPP_V01, index};
+}
+
+int createProfile(RecordingClient& client, wds_profile_type_enum_v01 type,
+                  const wds_profile_settings_v01& settings, wds_create_profile_resp_msg_v01* resp) {
+    auto req = std::make_unique<wds_create_profile_req_msg_v01>();
+    req->profile_type = type;
+    req->settings = settings;
+    *resp = {};
+    return client.send(VEX_WDS_CREATE_PROFILE_REQ_V01, *req, *resp);
+}
+
+std::unique_ptr<wds_get_profile_settings_resp_msg_v01> getProfile(
+    RecordingClient& client, wds_profile_identifier_type_v01 id) {
+    wds_get_profile_settings_req_msg_v01 req{};
+    req.profile = id;
+    auto resp = std::make_unique<wds_get_profile_settings_resp_msg_v01>();
+    EXPECT_EQ(client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, req, *resp), VEX_NO_ERR);
+    return resp;
+}
+
+std::unique_ptr<wds_get_profile_list_resp_msg_v01> listProfiles(RecordingClient& client,
+                                                                wds_profile_type_enum_v01 type) {
+    wds_get_profile_list_req_msg_v01 req{};
+    req.profile_type_valid = 1;
+    req.profile_type = type;
+    auto resp = std::make_unique<wds_get_profile_list_resp_msg_v01>();
+    EXPECT_EQ(client.send(VEX_WDS_GET_PROFILE_LIST_REQ_V01, req, *resp), VEX_NO_ERR);
+    return resp;
+}
+
+TEST_F(SimModemTest, AnswersEveryMessageOfTheService) {
+    auto client = registered(0);  // bind, indication register, event list: each succeeded
+
+    wds_create_profile_resp_msg_v01 created;
+    ASSERT_EQ(
+        createProfile(*client, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("kel", "new.apn"), &created),
+        VEX_NO_ERR);
+    ASSERT_EQ(created.resp.result, 0);
+    EXPECT_EQ(created.profile.profile_type, WDS_PROFILE_TYPE_3GPP_V01);
+    EXPECT_EQ(created.profile.profile_index, 4);
+
+    auto list = listProfiles(*client, WDS_PROFILE_TYPE_3GPP_V01);
+    ASSERT_EQ(list->resp.result, 0);
+    ASSERT_EQ(list->profile_list_len, 4u);
+    EXPECT_STREQ(list->profile_list[0].profile_name, "internet");
+    EXPECT_EQ(list->profile_list[3].profile_index, 4);
+    EXPECT_STREQ(list->profile_list[3].profile_name, "kel");
+    auto list2 = listProfiles(*client, WDS_PROFILE_TYPE_3GPP2_V01);
+    ASSERT_EQ(list2->profile_list_len, 1u);
+    EXPECT_EQ(list2->profile_list[0].profile_type, WDS_PROFILE_TYPE_3GPP2_V01);
+
+    auto modify = std::make_unique<wds_modify_profile_settings_req_msg_v01>();
+    modify->profile = id3gpp(4);
+    modify->settings.apn_name_valid = 1;
+    std::strcpy(modify->settings.apn_name, "changed.apn");
+    wds_modify_profile_settings_resp_msg_v01 modified{};
+    ASSERT_EQ(client->send(VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, *modify, modified), VEX_NO_ERR);
+    EXPECT_EQ(modified.resp.result, 0);
+    auto got = getProfile(*client, id3gpp(4));
+    ASSERT_EQ(got->resp.result, 0);
+    EXPECT_STREQ(got->settings.apn_name, "changed.apn");
+    EXPECT_STREQ(got->settings.profile_name, "kel");  // not in the modify: kept
+
+    wds_delete_profile_req_msg_v01 del{id3gpp(4)};
+    wds_delete_profile_resp_msg_v01 deleted{};
+    ASSERT_EQ(client->send(VEX_WDS_DELETE_PROFILE_REQ_V01, del, deleted), VEX_NO_ERR);
+    EXPECT_EQ(deleted.resp.result, 0);
+    EXPECT_FALSE(modem().profile(0, WDS_PROFILE_TYPE_3GPP_V01, 4).has_value());
+    EXPECT_EQ(getProfile(*client, id3gpp(4))->resp.error, VEX_ERR_INVALID_PROFILE_V01);
+}
+
+TEST_F(SimModemTest, GetSettingsMarksValidOnlyWhatTheProfileHas) {
+    RecordingClient client;
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    auto bare = getProfile(client, id3gpp(3));
+    const wds_profile_settings_v01& s = bare->settings;
+    EXPECT_TRUE(s.profile_name_valid && s.apn_name_valid && s.persistent_valid && s.persistent);
+    // Roaming PDP types are always reported, 0xFF meaning "no setting".
+    EXPECT_TRUE(s.lte_roaming_pdp_type_valid && s.umts_roaming_pdp_type_valid);
+    EXPECT_EQ(s.lte_roaming_pdp_type, WDS_COMMON_PDP_TYPE_PDP_UNUSED_V01);
+    EXPECT_FALSE(s.pdp_type_valid || s.username_valid || s.apn_class_valid ||
+                 s.apn_type_mask_valid || s.common_pdp_type_valid || s.clat_enabled_valid ||
+                 s.apn_string_valid || s.user_id_valid || s.pdn_type_valid);
+
+    auto cdma = getProfile(client, {WDS_PROFILE_TYPE_3GPP2_V01, 1});
+    const wds_profile_settings_v01& c = cdma->settings;
+    EXPECT_STREQ(c.apn_string, "cdma.example");
+    EXPECT_EQ(c.pdn_type, WDS_PROFILE_PDN_TYPE_IPV4_V01);
+    EXPECT_STREQ(c.user_id, "u");
+    EXPECT_EQ(c.profile_auth_protocol, WDS_PROFILE_AUTH_PROTOCOL_CHAP_V01);
+    EXPECT_FALSE(c.profile_name_valid || c.apn_name_valid || c.lte_roaming_pdp_type_valid ||
+                 c.pdp_type_valid);
+}
+
+TEST_F(SimModemTest, CreateKeepsTheFamilysFieldsAndModifyClearsWithNoSetting) {
+    RecordingClient client;
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    wds_profile_settings_v01 mixed = settings3gpp("ignored", "ignored");
+    mixed.apn_string_valid = 1;
+    std::strcpy(mixed.apn_string, "cdma2.example");
+    mixed.persistent_valid = 1;
+    mixed.persistent = 0;
+    wds_create_profile_resp_msg_v01 created;
+    ASSERT_EQ(createProfile(client, WDS_PROFILE_TYPE_3GPP2_V01, mixed, &created), VEX_NO_ERR);
+    ASSERT_EQ(created.profile.profile_index, 2);
+    auto stored = modem().profile(0, WDS_PROFILE_TYPE_3GPP2_V01, 2);
+    ASSERT_TRUE(stored.has_value());
+    EXPECT_FALSE(stored->persistent);
+    EXPECT_EQ(stored->settings.profile_name_valid, 0);
+    EXPECT_STREQ(stored->settings.apn_string, "cdma2.example");
+
+    wds_profile_settings_v01 override{};
+    override.common_pdp_type_valid = 1;
+    override.common_pdp_type = WDS_COMMON_PDP_TYPE_PDP_IPV4_V01;
+    ASSERT_TRUE(modem().modifyProfile(0, WDS_PROFILE_TYPE_3GPP_V01, 1, override));
+    EXPECT_EQ(getProfile(client, id3gpp(1))->settings.common_pdp_type_valid, 1);
+    override.common_pdp_type = WDS_COMMON_PDP_TYPE_PDP_UNUSED_V01;
+    ASSERT_TRUE(modem().modifyProfile(0, WDS_PROFILE_TYPE_3GPP_V01, 1, override));
+    EXPECT_EQ(getProfile(client, id3gpp(1))->settings.common_pdp_type_valid, 0);
+}
+
+TEST_F(SimModemTest, BadRequestsGetAFailedResultAndChangeNothing) {
+    RecordingClient client;
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    auto before = modem().profiles(0);
+    auto unterminated = settings3gpp("x", "y");
+    std::memset(unterminated.apn_name, 'a', sizeof unterminated.apn_name);
+    auto badPdp = settings3gpp("x", "y");
+    badPdp.pdp_type = static_cast<wds_pdp_type_enum_v01>(9);
+    auto badRoam = settings3gpp("x", "y");
+    badRoam.lte_roaming_pdp_type_valid = 1;
+    badRoam.lte_roaming_pdp_type = static_cast<wds_common_pdp_type_enum_v01>(3);
+
+    struct Case {
+        const char* what;
+        std::function<vex_response_type_v01()> send;
+        int error;
+    } cases[] = {
+        {"create of an unknown type",
+         [&] {
+             wds_create_profile_resp_msg_v01 r;
+             createProfile(client, WDS_PROFILE_TYPE_EPC_V01, settings3gpp("x", "y"), &r);
+             return r.resp;
+         },
+         VEX_ERR_INVALID_PROFILE_TYPE_V01},
+        {"create with an unterminated APN",
+         [&] {
+             wds_create_profile_resp_msg_v01 r;
+             createProfile(client, WDS_PROFILE_TYPE_3GPP_V01, unterminated, &r);
+             return r.resp;
+         },
+         VEX_ERR_INVALID_ARG_V01},
+        {"create with an unknown PDP type",
+         [&] {
+             wds_create_profile_resp_msg_v01 r;
+             createProfile(client, WDS_PROFILE_TYPE_3GPP_V01, badPdp, &r);
+             return r.resp;
+         },
+         VEX_ERR_INVALID_ARG_V01},
+        {"modify with an unknown roaming type",
+         [&] {
+             auto req = std::make_unique<wds_modify_profile_settings_req_msg_v01>();
+             req->profile = id3gpp(1);
+             req->settings = badRoam;
+             wds_modify_profile_settings_resp_msg_v01 r{};
+             client.send(VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, *req, r);
+             return r.resp;
+         },
+         VEX_ERR_INVALID_ARG_V01},
+        {"modify of index 0",
+         [&] {
+             auto req = std::make_unique<wds_modify_profile_settings_req_msg_v01>();
+             req->profile = id3gpp(0);
+             wds_modify_profile_settings_resp_msg_v01 r{};
+             client.send(VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, *req, r);
+             return r.resp;
+         },
+         VEX_ERR_INVALID_PROFILE_V01},
+        {"delete of an absent index",
+         [&] {
+             wds_delete_profile_req_msg_v01 req{id3gpp(200)};
+             wds_delete_profile_resp_msg_v01 r{};
+             client.send(VEX_WDS_DELETE_PROFILE_REQ_V01, req, r);
+             return r.resp;
+         },
+         VEX_ERR_INVALID_PROFILE_V01},
+        {"delete of an unknown type",
+         [&] {
+             wds_delete_profile_req_msg_v01 req{{static_cast<wds_profile_type_enum_v01>(7), 1}};
+             wds_delete_profile_resp_msg_v01 r{};
+             client.send(VEX_WDS_DELETE_PROFILE_REQ_V01, req, r);
+             return r.resp;
+         },
+         VEX_ERR_INVALID_PROFILE_TYPE_V01},
+        {"get of an absent index", [&] { return getProfile(client, id3gpp(9))->resp; },
+         VEX_ERR_INVALID_PROFILE_V01},
+        {"list of an unknown type",
+         [&] { return listProfiles(client, WDS_PROFILE_TYPE_EPC_V01)->resp; },
+         VEX_ERR_INVALID_PROFILE_TYPE_V01},
+        {"bind to a subscription the modem lacks",
+         [&] {
+             wds_bind_subscription_req_msg_v01 req{static_cast<wds_bind_subscription_enum_v01>(5)};
+             wds_bind_subscription_resp_msg_v01 r{};
+             client.send(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, req, r);
+             return r.resp;
+         },
+         VEX_ERR_INVALID_ARG_V01},
+    };
+    for (const Case& c : cases) {
+        vex_response_type_v01 result = c.send();
+        EXPECT_EQ(result.result, VEX_RESULT_FAILURE_V01) << c.what;
+        EXPECT_EQ(result.error, c.error) << c.what;
+    }
+    auto after = modem().profiles(0);
+    ASSERT_EQ(after.size(), before.size());
+    for (size_t i = 0; i < after.size(); ++i) {
+        EXPECT_EQ(vexsim::formatProfile(after[i]), vexsim::formatProfile(before[i]));
+    }
+}
+
+TEST(SimModemCapacityTest, AssignsTheLowestFreeIndexAndRefusesWhenTheTableIsFull) {
+    vexsim::Config config;
+    config.capacity3gpp = 3;
+    ModemHarness harness("profile 3gpp index=1 apn=a\nprofile 3gpp index=3 apn=c\n", config);
+    ASSERT_TRUE(harness.start()) << harness.error;
+    RecordingClient client;
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    wds_create_profile_resp_msg_v01 resp;
+    ASSERT_EQ(createProfile(client, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("b", "b"), &resp),
+              VEX_NO_ERR);
+    EXPECT_EQ(resp.profile.profile_index, 2);
+    ASSERT_EQ(createProfile(client, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("d", "d"), &resp),
+              VEX_NO_ERR);
+    EXPECT_EQ(resp.resp.result, VEX_RESULT_FAILURE_V01);
+    EXPECT_EQ(resp.resp.error, VEX_ERR_NO_MEMORY_V01);
+    EXPECT_FALSE(harness.modem->createProfile(0, WDS_PROFILE_TYPE_3GPP_V01, {}, true));
+    ASSERT_TRUE(harness.modem->deleteProfile(0, WDS_PROFILE_TYPE_3GPP_V01, 1));
+    ASSERT_EQ(createProfile(client, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("e", "e"), &resp),
+              VEX_NO_ERR);
+    EXPECT_EQ(resp.profile.profile_index, 1);
+}
+
+TEST(SimModemCapacityTest, SeedThatDoesNotFitKeepsTheModemDown) {
+    struct Case {
+        const char* seed;
+        const char* error;
+    } cases[] = {
+        {"profile 3gpp index=4 apn=a", "index out of range"},
+        {"profile 3gpp sub=2 apn=a", "profile for subscription 2"},
+        {"profile 3gpp apn=a\nprofile 3gpp apn=b\nprofile 3gpp apn=c\nprofile 3gpp apn=d",
+         "too many profiles"},
+        {"profile 3gpp pdp=ipv5", "seed: line 1: bad value for pdp"},
+    };
+    for (const Case& c : cases) {
+        vexsim::Config config;
+        config.capacity3gpp = 3;
+        ModemHarness harness(c.seed, config);
+        EXPECT_FALSE(harness.start()) << c.seed;
+        EXPECT_NE(harness.error.find(c.error), std::string::npos) << harness.error;
+        EXPECT_FALSE(harness.modem->isUp());
+    }
+}
+
+TEST_F(SimModemTest, ChangesReachRegisteredClientsOfTheSubscriptionThatCoverTheProfile) {
+    auto maker = registered(0);
+    auto peer = registered(0);
+    auto otherSub = registered(1);
+    // Bound, but not registered for indications.
+    RecordingClient silent;
+    ASSERT_EQ(silent.connect(), VEX_NO_ERR);
+    wds_bind_subscription_req_msg_v01 bind{};
+    wds_bind_subscription_resp_msg_v01 bindResp{};
+    ASSERT_EQ(silent.send(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, bind, bindResp), VEX_NO_ERR);
+    // Registered, but hears only about 3GPP2 profiles.
+    RecordingClient cdmaOnly;
+    ASSERT_EQ(cdmaOnly.connect(), VEX_NO_ERR);
+    ASSERT_TRUE(cdmaOnly.registerAll(0));
+    auto config = std::make_unique<wds_configure_profile_event_list_req_msg_v01>();
+    config->profile_event_register_valid = 1;
+    config->profile_event_register_len = 1;
+    config->profile_event_register[0] = {WDS_PROFILE_TYPE_3GPP2_V01, 0xFF};
+    wds_configure_profile_event_list_resp_msg_v01 configResp{};
+    ASSERT_EQ(cdmaOnly.send(VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01, *config, configResp),
+              VEX_NO_ERR);
+
+    wds_create_profile_resp_msg_v01 created;
+    ASSERT_EQ(createProfile(*maker, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("n", "n"), &created),
+              VEX_NO_ERR);
+    ASSERT_TRUE(modem().deleteProfile(0, WDS_PROFILE_TYPE_3GPP_V01, created.profile.profile_index));
+    ASSERT_TRUE(modem().modifyProfile(0, WDS_PROFILE_TYPE_3GPP2_V01, 1, {}));
+    modem().announceSubscriptionChange(1);
+
+    uint8_t index = created.profile.profile_index;
+    for (RecordingClient* client : {maker.get(), peer.get()}) {
+        ASSERT_TRUE(client->waitForIndications(4));
+        auto events = client->events();
+        ASSERT_EQ(events.size(), 4u);
+        EXPECT_EQ(events[0].profile_change_evt, WDS_PROFILE_CREATE_EVT_V01);
+        EXPECT_EQ(events[0].profile_index, index);
+        EXPECT_EQ(events[1].profile_change_evt, WDS_PROFILE_MODIFY_EVT_V01);
+        EXPECT_EQ(events[1].profile_index, index);
+        EXPECT_EQ(events[2].profile_change_evt, WDS_PROFILE_DELETE_EVT_V01);
+        EXPECT_EQ(events[3].profile_type, WDS_PROFILE_TYPE_3GPP2_V01);
+    }
+    // Each connection is ordered, so the first event a client gets proves the earlier ones
+    // were never sent to it.
+    ASSERT_TRUE(cdmaOnly.waitForIndications(1));
+    EXPECT_EQ(cdmaOnly.events().at(0).profile_type, WDS_PROFILE_TYPE_3GPP2_V01);
+    ASSERT_TRUE(otherSub->waitForIndications(1));
+    EXPECT_EQ(otherSub->events().at(0).profile_change_evt, WDS_PROFILE_SUBSCRIPTION_CHANGE_EVT_V01);
+    for (const auto& info : modem().clients()) {
+        if (info.bound && !info.indicationsRegistered) {
+            EXPECT_EQ(info.indicationsSent, 0u);
+        }
+    }
+    EXPECT_TRUE(silent.received().empty());
+}
+
+TEST(SimModemReadyTest, ProfilesReadyFollowsACompleteRegistrationUnlessSwitchedOff) {
+    ModemHarness harness(kSeed);
+    ASSERT_TRUE(harness.start()) << harness.error;
+    RecordingClient first;
+    ASSERT_EQ(first.connect(), VEX_NO_ERR);
+    ASSERT_TRUE(first.registerAll(1));
+    ASSERT_TRUE(first.waitForIndications(1));
+    auto events = first.events();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].profile_change_evt, WDS_PROFILES_READY_EVT_V01);
+    auto clients = harness.waitForClients(1);
+    ASSERT_EQ(clients.size(), 1u);
+    EXPECT_TRUE(clients[0].profilesReadySent);
+    EXPECT_EQ(clients[0].subscription, 1);
+
+    harness.modem->setProfilesReadyOnRegister(false);
+    RecordingClient second;
+    ASSERT_EQ(second.connect(), VEX_NO_ERR);
+    ASSERT_TRUE(second.registerAll(1));
+    harness.modem->announceSubscriptionChange(1);
+    ASSERT_TRUE(second.waitForIndications(1));
+    EXPECT_EQ(second.events().at(0).profile_change_evt, WDS_PROFILE_SUBSCRIPTION_CHANGE_EVT_V01);
+}
+
+TEST_F(SimModemTest, UnknownAndMalformedIndicationsReachRegisteredClients) {
+    auto client = registered(0);
+    modem().sendUnknownIndication(0, 0x0777);
+    modem().sendMalformedIndication(0);
+    ASSERT_TRUE(client->waitForIndications(2));
+    auto received = client->received();
+    EXPECT_EQ(received[0].msgId, 0x0777u);
+    EXPECT_EQ(received[1].msgId, VEX_WDS_PROFILE_CHANGED_IND_V01);
+    wds_profile_changed_ind_msg_v01 ind{};
+    EXPECT_EQ(vex_client_message_decode(
+                  client->handle, VEX_IDL_INDICATION, received[1].msgId, received[1].bytes.data(),
+                  static_cast<unsigned int>(received[1].bytes.size()), &ind, sizeof ind),
+              VEX_ERR_BAD_MESSAGE);
+}
+
+TEST_F(SimModemTest, RestartKeepsPersistentProfilesAndDropsTheOthers) {
+    ASSERT_TRUE(
+        modem().createProfile(0, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("keep", "k"), true));
+    ASSERT_TRUE(
+        modem().createProfile(0, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("lose", "l"), false));
+    ASSERT_TRUE(
+        modem().modifyProfile(0, WDS_PROFILE_TYPE_3GPP_V01, 1, settings3gpp("renamed", "r")));
+    ASSERT_EQ(modem().profiles(0).size(), 6u);
+    modem().stop();
+    ASSERT_TRUE(modem().start(&harness.error)) << harness.error;
+    std::set<std::string> names;
+    for (const Profile& p : modem().profiles(0)) {
+        names.insert(p.settings.profile_name);
+    }
+    EXPECT_EQ(names, (std::set<std::string>{"", "renamed", "ims", "bare", "keep"}));
+}
+
+TEST(SimModemStateTest, StateFileCarriesPersistentProfilesToTheNextModem) {
+    testsupport::TempDir state;
+    vexsim::Config config;
+    config.stateFile = state.file("modem.state");
+    {
+        ModemHarness harness(
+            "profile 3gpp name=seeded apn=s\n"
+            "profile 3gpp name=volatile apn=v persistent=no\n",
+            config);
+        ASSERT_TRUE(harness.start()) << harness.error;
+        ASSERT_TRUE(harness.modem->createProfile(0, WDS_PROFILE_TYPE_3GPP_V01,
+                                                 settings3gpp("mine", "m"), true));
+        ASSERT_TRUE(harness.modem->createProfile(0, WDS_PROFILE_TYPE_3GPP_V01,
+                                                 settings3gpp("temp", "t"), false));
+        ASSERT_TRUE(harness.modem->modifyProfile(0, WDS_PROFILE_TYPE_3GPP_V01, 1,
+                                                 settings3gpp("seeded", "changed")));
+    }
+    // A new modem with another seed: the state file wins.
+    ModemHarness next("profile 3gpp name=other apn=o\n", config);
+    ASSERT_TRUE(next.start()) << next.error;
+    auto profiles = next.modem->profiles(0);
+    ASSERT_EQ(profiles.size(), 2u);
+    EXPECT_STREQ(profiles[0].settings.profile_name, "seeded");
+    EXPECT_STREQ(profiles[0].settings.apn_name, "changed");
+    EXPECT_EQ(profiles[1].index, 3);
+    EXPECT_STREQ(profiles[1].settings.profile_name, "mine");
+}
+
+TEST_F(SimModemTest, FailNextFailsOnlyTheChosenRequestsThenRecovers) {
+    RecordingClient client;
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    modem().failNext(2, VEX_WDS_GET_PROFILE_LIST_REQ_V01, VEX_ERR_EXTENDED_INTERNAL_V01);
+    EXPECT_EQ(getProfile(client, id3gpp(1))->resp.result, VEX_RESULT_SUCCESS_V01);
+    for (int i = 0; i < 2; ++i) {
+        auto list = listProfiles(client, WDS_PROFILE_TYPE_3GPP_V01);
+        EXPECT_EQ(list->resp.result, VEX_RESULT_FAILURE_V01);
+        EXPECT_EQ(list->resp.error, VEX_ERR_EXTENDED_INTERNAL_V01);
+        EXPECT_EQ(list->profile_list_len, 0u);
+    }
+    EXPECT_EQ(listProfiles(client, WDS_PROFILE_TYPE_3GPP_V01)->profile_list_len, 3u);
+
+    modem().failNext(1);
+    wds_bind_subscription_req_msg_v01 bind{};
+    wds_bind_subscription_resp_msg_v01 bindResp{};
+    ASSERT_EQ(client.send(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, bind, bindResp), VEX_NO_ERR);
+    EXPECT_EQ(bindResp.resp.result, VEX_RESULT_FAILURE_V01);
+    EXPECT_EQ(bindResp.resp.error, VEX_ERR_INTERNAL_V01);
+    EXPECT_FALSE(harness.waitForClients(1).at(0).bound);
+}
+
+// Raw bytes on the service socket, as a broken or hostile peer would send them.
+class RawPeer {
+  public:
+    RawPeer(const std::string& dir) : fd(vexwire::connectUnix(vexwire::servicePath(dir, wds()))) {}
+    bool ok() const { return static_cast<bool>(fd); }
+    void send(const std::vector<uint8_t>& bytes) {
+        vexwire::writeAll(fd.get(), bytes.data(), bytes.size(),
+                          vexwire::Clock::now() + std::chrono::seconds(5));
+    }
+    void hello() {
+        vexwire::FrameHeader header;
+        header.kind = vexwire::FrameKind::Hello;
+        header.msgId = WDS_SERVICE_ID_V01;
+        uint8_t role = 0;
+        send(vexwire::encodeFrame(header, &role, 1));
+    }
+    void request(unsigned int msgId, const std::vector<uint8_t>& payload) {
+        vexwire::FrameHeader header;
+        header.msgId = msgId;
+        header.txnId = 9;
+        send(vexwire::encodeFrame(header, payload.data(), payload.size()));
+    }
+    // The next frame, or nothing when the modem closes the connection.
+    std::optional<vexwire::Frame> next() {
+        auto deadline = vexwire::Clock::now() + kWait;
+        vexwire::Frame frame;
+        while (vexwire::Clock::now() < deadline) {
+            if (reader.next(&frame) == vexwire::FrameReader::Result::Frame) {
+                return frame;
+            }
+            pollfd pfd{fd.get(), POLLIN, 0};
+            ::poll(&pfd, 1, 1000);
+            if (pfd.revents != 0 && !reader.fill(fd.get())) {
+                return reader.next(&frame) == vexwire::FrameReader::Result::Frame
+                           ? std::optional<vexwire::Frame>(frame)
+                           : std::nullopt;
+            }
+        }
+        ADD_FAILURE() << "the modem neither answered nor closed";
+        return std::nullopt;
+    }
+
+  private:
+    vexwire::UniqueFd fd;
+    vexwire::FrameReader reader;
+};
+
+TEST_F(SimModemTest, WrongSizeOrUnknownRequestIsRejectedAndTheConnectionStays) {
+    RawPeer peer(harness.dir.path());
+    ASSERT_TRUE(peer.ok());
+    peer.hello();
+    struct Case {
+        unsigned int msgId;
+        size_t length;
+    } cases[] = {{VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, 3},
+                 {VEX_WDS_CREATE_PROFILE_REQ_V01, 3257},
+                 {0x0999, 8}};
+    for (const Case& c : cases) {
+        peer.request(c.msgId, std::vector<uint8_t>(c.length, 0));
+        auto frame = peer.next();
+        ASSERT_TRUE(frame.has_value()) << c.msgId;
+        EXPECT_EQ(frame->header.kind, vexwire::FrameKind::Response);
+        EXPECT_EQ(frame->header.status, vexwire::FrameStatus::Rejected);
+        EXPECT_EQ(frame->header.msgId, c.msgId);
+        EXPECT_EQ(frame->header.txnId, 9u);
+        EXPECT_TRUE(frame->payload.empty());
+    }
+    peer.request(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, std::vector<uint8_t>(4, 0));
+    auto frame = peer.next();
+    ASSERT_TRUE(frame.has_value());
+    EXPECT_EQ(frame->header.status, vexwire::FrameStatus::Ok);
+    EXPECT_EQ(frame->payload.size(), sizeof(wds_bind_subscription_resp_msg_v01));
+}
+
+TEST_F(SimModemTest, GarbageAndVanishingPeersNeitherCrashNorBlockTheModem) {
+    auto header = [](uint8_t kind, uint32_t length) {
+        vexwire::FrameHeader h;
+        h.kind = static_cast<vexwire::FrameKind>(kind);
+        auto bytes = vexwire::encodeFrame(h, nullptr, 0);
+        std::memcpy(&bytes[12], &length, sizeof length);
+        return bytes;
+    };
+    std::vector<std::pair<const char*, std::function<void(RawPeer&)>>> closing = {
+        {"text instead of frames",
+         [](RawPeer& p) {
+             p.send({'G', 'E', 'T', ' ', '/', '\r', '\n', 0, 0, 0, 0, 0, 0, 0, 0, 0});
+         }},
+        {"request before hello",
+         [](RawPeer& p) {
+             p.request(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, {0, 0, 0, 0});
+         }},
+        {"oversized length",
+         [&](RawPeer& p) {
+             p.hello();
+             p.send(header(2, 0xFFFFFFFF));
+         }},
+        {"unknown frame kind",
+         [&](RawPeer& p) {
+             p.hello();
+             p.send(header(9, 0));
+         }},
+        {"indication from a client",
+         [&](RawPeer& p) {
+             p.hello();
+             p.send(header(4, 0));
+         }},
+    };
+    for (auto& [what, act] : closing) {
+        RawPeer peer(harness.dir.path());
+        ASSERT_TRUE(peer.ok()) << what;
+        act(peer);
+        EXPECT_FALSE(peer.next().has_value()) << what << ": the modem kept the connection";
+    }
+    // Peers that vanish halfway through a frame or before their answer.
+    for (int i = 0; i < 20; ++i) {
+        RawPeer peer(harness.dir.path());
+        peer.hello();
+        if (i % 2 == 0) {
+            peer.request(VEX_WDS_CREATE_PROFILE_REQ_V01,
+                         std::vector<uint8_t>(sizeof(wds_create_profile_req_msg_v01), 0));
+        } else {
+            peer.send(header(2, 100));
+        }
+    }
+    RecordingClient client;
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    EXPECT_EQ(getProfile(client, id3gpp(1))->resp.result, VEX_RESULT_SUCCESS_V01);
+    EXPECT_EQ(harness.waitForClients(1).size(), 1u);
+}
+
+TEST_F(SimModemTest, ConcurrentClientsGetDistinctIndexesAndHearEveryChange) {
+    constexpr int kClients = 4, kEach = 5;
+    std::vector<std::unique_ptr<RecordingClient>> clients;
+    for (int i = 0; i < kClients; ++i) {
+        clients.push_back(registered(0));
+    }
+    std::vector<std::vector<uint8_t>> indexes(kClients);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kClients; ++i) {
+        threads.emplace_back([&, i] {
+            for (int n = 0; n < kEach; ++n) {
+                wds_create_profile_resp_msg_v01 resp;
+                std::string name = "c" + std::to_string(i) + "_" + std::to_string(n);
+                if (createProfile(*clients[static_cast<size_t>(i)], WDS_PROFILE_TYPE_3GPP_V01,
+                                  settings3gpp(name, name), &resp) == VEX_NO_ERR &&
+                    resp.resp.result == 0) {
+                    indexes[static_cast<size_t>(i)].push_back(resp.profile.profile_index);
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    std::set<uint8_t> all;
+    for (const auto& mine : indexes) {
+        EXPECT_EQ(mine.size(), static_cast<size_t>(kEach));
+        all.insert(mine.begin(), mine.end());
+    }
+    EXPECT_EQ(all.size(), static_cast<size_t>(kClients * kEach));
+    EXPECT_EQ(*all.begin(), 4);
+    EXPECT_EQ(*all.rbegin(), 3 + kClients * kEach);
+    for (auto& client : clients) {
+        ASSERT_TRUE(client->waitForIndications(2 * kClients * kEach));
+        EXPECT_EQ(client->events().size(), static_cast<size_t>(2 * kClients * kEach));
+    }
+}
+
+TEST_F(SimModemTest, WaitUntilGivesUpWhenThePredicateNeverHolds) {
+    EXPECT_FALSE(modem().waitUntil([] { return false; }, 20ms));
+    EXPECT_TRUE(modem().waitUntil([&] { return modem().isUp(); }, 20ms));
+}
+
+}  // namespace

@@ -1,1 +1,514 @@
-// Replaced by the real tests.
+// The vex client library against the simulated modem over its socket: service discovery, the
+// notifier, synchronous messages and their failures, callbacks, release and decoding.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+
+#include "platform/VexTestClient.h"
+
+namespace {
+
+using namespace vextest;
+
+const char* const kSeed =
+    "profile 3gpp index=1 name=internet apn=internet pdp=ipv4v6 types=default,supl\n"
+    "profile 3gpp index=2 name=ims apn=ims pdp=ipv4v6 class=1 types=ims\n"
+    "profile 3gpp index=3 name=mms apn=mms.example pdp=ipv4 types=mms\n";
+
+wds_get_profile_settings_req_msg_v01 getRequest(uint8_t index) {
+    wds_get_profile_settings_req_msg_v01 req{};
+    req.profile.profile_type = WDS_PROFILE_TYPE_3GPP_V01;
+    req.profile.profile_index = index;
+    return req;
+}
+
+bool allZero(const void* data, size_t len) {
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    for (size_t i = 0; i < len; ++i) {
+        if (bytes[i] != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+TEST(WdsServiceObjectTest, ServedOnlyForItsMajorVersionAndNoNewerMinor) {
+    struct Case {
+        int32_t major;
+        int32_t minor;
+        bool served;
+    } cases[] = {{1, 0xF7, true}, {1, 0, true}, {1, 0xF8, false}, {2, 0xF7, false}, {0, 1, false}};
+    for (const Case& c : cases) {
+        EXPECT_EQ(wds_get_service_object_internal_v01(c.major, c.minor, 6) != nullptr, c.served)
+            << c.major << "." << c.minor;
+    }
+}
+
+class VexClientTest : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(harness.start()) << harness.error; }
+
+    ModemHarness harness{kSeed};
+    vexsim::SimModem& modem() { return *harness.modem; }
+};
+
+TEST_F(VexClientTest, GetAnyServiceFindsTheModemOnlyWhileItIsUp) {
+    vex_service_info info{};
+    ASSERT_EQ(vex_client_get_any_service(wds(), &info), VEX_NO_ERR);
+    EXPECT_EQ(info.service_id, WDS_SERVICE_ID_V01);
+    EXPECT_EQ(std::string(info.path), harness.dir.path() + "/wds");
+
+    modem().stop();
+    EXPECT_EQ(vex_client_get_any_service(wds(), &info), VEX_ERR_NO_SERVICE);
+    RecordingClient client;
+    EXPECT_EQ(client.connect(), VEX_ERR_NO_SERVICE);
+    EXPECT_EQ(client.handle, nullptr);
+}
+
+TEST_F(VexClientTest, NotifierReportsAtOnceWhenUpAndAgainAfterEveryRestart) {
+    NotifyCounter counter;
+    vex_client_type notifier = counter.startNotifier();
+    ASSERT_NE(notifier, nullptr);
+    ASSERT_TRUE(counter.waitForUps(1));
+    EXPECT_NE(counter.callbackThread(), std::this_thread::get_id());
+
+    for (int restart = 1; restart <= 2; ++restart) {
+        modem().stop();
+        ASSERT_TRUE(modem().start(&harness.error)) << harness.error;
+        ASSERT_TRUE(counter.waitForUps(1 + restart)) << "restart " << restart;
+    }
+    EXPECT_EQ(vex_client_release(notifier), VEX_NO_ERR);
+    EXPECT_EQ(counter.count(), 3);
+}
+
+TEST_F(VexClientTest, NotifierRegisteredWhileDownReportsWhenTheModemComesUp) {
+    modem().stop();
+    NotifyCounter counter;
+    vex_client_type notifier = counter.startNotifier();
+    ASSERT_NE(notifier, nullptr);
+    ASSERT_TRUE(modem().start(&harness.error)) << harness.error;
+    ASSERT_TRUE(counter.waitForUps(1));
+    // The notifier's watch connection is not a WDS client.
+    ASSERT_TRUE(modem().waitUntil(
+        [&] {
+            auto clients = modem().clients();
+            return clients.size() == 1 && clients[0].notifierOnly;
+        },
+        kWait));
+    EXPECT_EQ(vex_client_release(notifier), VEX_NO_ERR);
+}
+
+TEST_F(VexClientTest, InvalidHandlesAreRejectedByEveryCall) {
+    vex_client_type notifier = nullptr;
+    vex_client_os_params os{};
+    ASSERT_EQ(vex_client_notifier_init(wds(), &os, &notifier), VEX_NO_ERR);
+    RecordingClient released;
+    ASSERT_EQ(released.connect(), VEX_NO_ERR);
+    vex_client_type stale = released.handle;
+    released.release();
+
+    auto req = getRequest(1);
+    wds_get_profile_settings_resp_msg_v01 resp;
+    for (vex_client_type handle : {static_cast<vex_client_type>(nullptr), stale, notifier}) {
+        std::memset(&resp, 0xAB, sizeof resp);
+        EXPECT_EQ(vex_client_send_msg_sync(handle, VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, &req,
+                                           sizeof req, &resp, sizeof resp, 1000),
+                  VEX_ERR_INVALID_CLIENT);
+        EXPECT_TRUE(allZero(&resp, sizeof resp));
+        EXPECT_EQ(vex_client_register_error_cb(
+                      handle, [](vex_client_type, vex_client_error_type, void*) {}, nullptr),
+                  VEX_ERR_INVALID_CLIENT);
+    }
+    EXPECT_EQ(vex_client_release(stale), VEX_ERR_INVALID_CLIENT);
+    EXPECT_EQ(vex_client_release(nullptr), VEX_ERR_INVALID_CLIENT);
+    EXPECT_EQ(vex_client_release(notifier), VEX_NO_ERR);
+    EXPECT_EQ(vex_client_release(notifier), VEX_ERR_INVALID_CLIENT);
+}
+
+TEST_F(VexClientTest, WronglySizedOrUnknownMessagesAreRejectedBeforeSending) {
+    RecordingClient client;
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    std::vector<uint8_t> req(4096), resp(16384);
+    struct Case {
+        const char* what;
+        unsigned int msgId;
+        unsigned int reqLen;
+        unsigned int respLen;
+    } cases[] = {
+        {"unknown id", 0x0999, 8, 8},
+        {"indication id", VEX_WDS_PROFILE_CHANGED_IND_V01, 16, 8},
+        {"short request", VEX_WDS_CREATE_PROFILE_REQ_V01, 3255, 24},
+        {"long request", VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, 5, 8},
+        {"short response", VEX_WDS_GET_PROFILE_LIST_REQ_V01, 184, 14299},
+        {"long response", VEX_WDS_DELETE_PROFILE_REQ_V01, 8, 24},
+    };
+    for (const Case& c : cases) {
+        std::fill(resp.begin(), resp.end(), 0xAB);
+        EXPECT_EQ(vex_client_send_msg_sync(client.handle, c.msgId, req.data(), c.reqLen,
+                                           resp.data(), c.respLen, 1000),
+                  VEX_ERR_BAD_MESSAGE)
+            << c.what;
+        EXPECT_TRUE(allZero(resp.data(), c.respLen)) << c.what;
+    }
+    EXPECT_EQ(vex_client_send_msg_sync(client.handle, VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, nullptr, 4,
+                                       resp.data(), 8, 1000),
+              VEX_ERR_PARAM);
+    // None of them reached the modem.
+    auto clients = harness.waitForClients(1);
+    ASSERT_EQ(clients.size(), 1u);
+    EXPECT_EQ(clients[0].requestsServed, 0u);
+}
+
+TEST_F(VexClientTest, TimedOutRequestLeavesZerosAndItsLateResponseReachesNoOtherRequest) {
+    RecordingClient client;
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    modem().setResponseDelay(400ms, VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01);
+    auto first = getRequest(1);
+    wds_get_profile_settings_resp_msg_v01 resp;
+    std::memset(&resp, 0xAB, sizeof resp);
+    EXPECT_EQ(client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, first, resp, 50), VEX_ERR_TIMEOUT);
+    EXPECT_TRUE(allZero(&resp, sizeof resp));
+
+    // The next answer comes after the late one; the late one must not be taken for it.
+    modem().setResponseDelay(800ms, VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01);
+    auto second = getRequest(3);
+    ASSERT_EQ(client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, second, resp, 10000), VEX_NO_ERR);
+    EXPECT_STREQ(resp.settings.profile_name, "mms");
+}
+
+TEST_F(VexClientTest, ModemErrorResultIsDeliveredAsAResponse) {
+    RecordingClient client;
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    modem().failNext(1, VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, VEX_ERR_INTERNAL_V01);
+    auto req = getRequest(1);
+    wds_get_profile_settings_resp_msg_v01 resp{};
+    ASSERT_EQ(client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, req, resp), VEX_NO_ERR);
+    EXPECT_EQ(resp.resp.result, VEX_RESULT_FAILURE_V01);
+    EXPECT_EQ(resp.resp.error, VEX_ERR_INTERNAL_V01);
+    ASSERT_EQ(client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, req, resp), VEX_NO_ERR);
+    EXPECT_EQ(resp.resp.result, VEX_RESULT_SUCCESS_V01);
+    EXPECT_STREQ(resp.settings.apn_name, "internet");
+}
+
+TEST_F(VexClientTest, DroppedConnectionReportsTheErrorOnceAndFailsLaterSends) {
+    RecordingClient client;
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    auto clients = harness.waitForClients(1);
+    ASSERT_EQ(clients.size(), 1u);
+    ASSERT_TRUE(modem().dropClient(clients[0].id));
+    ASSERT_TRUE(client.waitForErrors(1));
+    EXPECT_EQ(client.lastError(), VEX_ERR_CONNECTION_LOST);
+    EXPECT_NE(client.errorThread(), std::this_thread::get_id());
+
+    auto req = getRequest(1);
+    wds_get_profile_settings_resp_msg_v01 resp{};
+    EXPECT_EQ(client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, req, resp),
+              VEX_ERR_CONNECTION_LOST);
+    // Going down afterwards, or another modem event, does not report the loss again.
+    modem().stop();
+    RecordingClient witness;
+    ASSERT_TRUE(modem().start(&harness.error));
+    ASSERT_EQ(witness.connect(), VEX_NO_ERR);
+    client.release();
+    EXPECT_EQ(client.errorCount(), 1);
+}
+
+TEST_F(VexClientTest, ErrorCallbackRegisteredAfterTheLossRunsOnceOnTheLibraryThread) {
+    vex_service_info info{};
+    ASSERT_EQ(vex_client_get_any_service(wds(), &info), VEX_NO_ERR);
+    vex_client_type handle = nullptr;
+    vex_client_os_params os{};
+    ASSERT_EQ(vex_client_init(&info, wds(), nullptr, nullptr, &os, &handle), VEX_NO_ERR);
+    modem().stop();
+    auto req = getRequest(1);
+    wds_get_profile_settings_resp_msg_v01 resp{};
+    // The loss is seen by the first send after it at the latest.
+    vex_client_error_type rc = vex_client_send_msg_sync(
+        handle, VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, &req, sizeof req, &resp, sizeof resp, 5000);
+    EXPECT_EQ(rc, VEX_ERR_CONNECTION_LOST);
+
+    struct Seen {
+        std::promise<std::thread::id> thread;
+        std::atomic<int> calls{0};
+    } seen;
+    ASSERT_EQ(vex_client_register_error_cb(
+                  handle,
+                  [](vex_client_type, vex_client_error_type, void* data) {
+                      auto* s = static_cast<Seen*>(data);
+                      if (s->calls.fetch_add(1) == 0) {
+                          s->thread.set_value(std::this_thread::get_id());
+                      }
+                  },
+                  &seen),
+              VEX_NO_ERR);
+    auto thread = seen.thread.get_future();
+    ASSERT_EQ(thread.wait_for(kWait), std::future_status::ready);
+    EXPECT_NE(thread.get(), std::this_thread::get_id());
+    EXPECT_EQ(vex_client_release(handle), VEX_NO_ERR);
+    EXPECT_EQ(seen.calls.load(), 1);
+}
+
+TEST_F(VexClientTest, EveryClientHearsOnceThatTheModemWentDown) {
+    RecordingClient first, second;
+    ASSERT_EQ(first.connect(), VEX_NO_ERR);
+    ASSERT_EQ(second.connect(), VEX_NO_ERR);
+    modem().stop();
+    ASSERT_TRUE(first.waitForErrors(1));
+    ASSERT_TRUE(second.waitForErrors(1));
+    ASSERT_TRUE(modem().start(&harness.error));
+    first.release();
+    second.release();
+    EXPECT_EQ(first.errorCount(), 1);
+    EXPECT_EQ(second.errorCount(), 1);
+}
+
+TEST_F(VexClientTest, IndicationsArriveInOrderOnTheLibraryThread) {
+    RecordingClient client;
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    ASSERT_TRUE(client.registerAll(0));
+    ASSERT_TRUE(client.waitForIndications(1));  // profiles ready
+    modem().sendIndicationBurst(0, 300);
+    ASSERT_TRUE(client.waitForIndications(301));
+    auto events = client.events();
+    ASSERT_EQ(events.size(), 301u);
+    EXPECT_EQ(events[0].profile_change_evt, WDS_PROFILES_READY_EVT_V01);
+    for (size_t i = 1; i < events.size(); ++i) {
+        EXPECT_EQ(events[i].profile_change_evt, WDS_PROFILE_MODIFY_EVT_V01);
+        EXPECT_EQ(events[i].profile_index, (i - 1) % 3 + 1) << i;
+    }
+    for (const auto& ind : client.received()) {
+        EXPECT_NE(ind.thread, std::this_thread::get_id());
+    }
+}
+
+TEST_F(VexClientTest, ReleaseWaitsForTheCallbackInFlight) {
+    struct Gate {
+        std::promise<void> entered;
+        std::promise<void> go;
+        std::shared_future<void> goFuture = go.get_future().share();
+        std::atomic<bool> finished{false};
+        std::atomic<int> calls{0};
+    } gate;
+    vex_service_info info{};
+    ASSERT_EQ(vex_client_get_any_service(wds(), &info), VEX_NO_ERR);
+    vex_client_type handle = nullptr;
+    vex_client_os_params os{};
+    ASSERT_EQ(vex_client_init(
+                  &info, wds(),
+                  [](vex_client_type, unsigned int, void*, unsigned int, void* data) {
+                      auto* g = static_cast<Gate*>(data);
+                      if (g->calls.fetch_add(1) == 0) {
+                          g->entered.set_value();
+                          g->goFuture.wait();
+                          g->finished = true;
+                      }
+                  },
+                  &gate, &os, &handle),
+              VEX_NO_ERR);
+    modem().setProfilesReadyOnRegister(false);
+    wds_bind_subscription_req_msg_v01 bind{};
+    wds_bind_subscription_resp_msg_v01 bindResp{};
+    ASSERT_EQ(vex_client_send_msg_sync(handle, VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, &bind,
+                                       sizeof bind, &bindResp, sizeof bindResp, 5000),
+              VEX_NO_ERR);
+    wds_indication_register_req_msg_v01 reg{};
+    reg.report_profile_changed_events_valid = 1;
+    reg.report_profile_changed_events = 1;
+    wds_indication_register_resp_msg_v01 regResp{};
+    ASSERT_EQ(vex_client_send_msg_sync(handle, VEX_WDS_INDICATION_REGISTER_REQ_V01, &reg,
+                                       sizeof reg, &regResp, sizeof regResp, 5000),
+              VEX_NO_ERR);
+    modem().sendUnknownIndication(0, 0x0777);
+    ASSERT_EQ(gate.entered.get_future().wait_for(kWait), std::future_status::ready);
+
+    auto released = std::async(std::launch::async, [&] {
+        vex_client_error_type rc = vex_client_release(handle);
+        return std::make_pair(rc, gate.finished.load());
+    });
+    gate.go.set_value();
+    auto [rc, finishedBeforeReturn] = released.get();
+    EXPECT_EQ(rc, VEX_NO_ERR);
+    EXPECT_TRUE(finishedBeforeReturn);
+}
+
+TEST_F(VexClientTest, ReleasingAClientFromANotifierCallbackIsSafe) {
+    struct Context {
+        vex_client_type client = nullptr;
+        std::promise<vex_client_error_type> result;
+    } context;
+    vex_service_info info{};
+    ASSERT_EQ(vex_client_get_any_service(wds(), &info), VEX_NO_ERR);
+    vex_client_os_params os{};
+    ASSERT_EQ(vex_client_init(&info, wds(), nullptr, nullptr, &os, &context.client), VEX_NO_ERR);
+    vex_client_type notifier = nullptr;
+    ASSERT_EQ(vex_client_notifier_init(wds(), &os, &notifier), VEX_NO_ERR);
+    ASSERT_EQ(vex_client_register_notify_cb(
+                  notifier,
+                  [](vex_client_type, vex_idl_service_object_type, vex_client_notify_event_type,
+                     void* data) {
+                      auto* c = static_cast<Context*>(data);
+                      if (c->client != nullptr) {
+                          c->result.set_value(vex_client_release(c->client));
+                          c->client = nullptr;
+                      }
+                  },
+                  &context),
+              VEX_NO_ERR);
+    auto result = context.result.get_future();
+    ASSERT_EQ(result.wait_for(kWait), std::future_status::ready);
+    EXPECT_EQ(result.get(), VEX_NO_ERR);
+    EXPECT_EQ(vex_client_release(notifier), VEX_NO_ERR);
+    ASSERT_TRUE(modem().waitUntil([&] { return modem().clients().empty(); }, kWait));
+}
+
+TEST_F(VexClientTest, ConcurrentSendersOnOneHandleEachGetTheirOwnResponse) {
+    RecordingClient client;
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    const char* const apns[] = {"internet", "ims", "mms.example"};
+    std::vector<std::thread> senders;
+    std::atomic<int> mismatches{0};
+    for (uint8_t index = 1; index <= 3; ++index) {
+        senders.emplace_back([&, index] {
+            auto req = getRequest(index);
+            for (int i = 0; i < 40; ++i) {
+                wds_get_profile_settings_resp_msg_v01 resp{};
+                if (client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, req, resp) != VEX_NO_ERR ||
+                    std::string(resp.settings.apn_name) != apns[index - 1]) {
+                    ++mismatches;
+                }
+            }
+        });
+    }
+    for (auto& sender : senders) {
+        sender.join();
+    }
+    EXPECT_EQ(mismatches.load(), 0);
+    auto clients = harness.waitForClients(1);
+    ASSERT_EQ(clients.size(), 1u);
+    EXPECT_EQ(clients[0].requestsServed, 120u);
+}
+
+// --- Decoding ---
+
+std::vector<uint8_t> tlv(uint8_t type, std::vector<uint8_t> value, int declaredLength = -1) {
+    size_t length = declaredLength < 0 ? value.size() : static_cast<size_t>(declaredLength);
+    std::vector<uint8_t> out = {type, static_cast<uint8_t>(length & 0xFF),
+                                static_cast<uint8_t>(length >> 8)};
+    out.insert(out.end(), value.begin(), value.end());
+    return out;
+}
+
+std::vector<uint8_t> concat(std::vector<uint8_t> a, const std::vector<uint8_t>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+class VexDecodeTest : public VexClientTest {
+  protected:
+    void SetUp() override {
+        VexClientTest::SetUp();
+        ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    }
+    vex_client_error_type decode(const std::vector<uint8_t>& bytes, void* record,
+                                 unsigned int recordLen,
+                                 unsigned int msgId = VEX_WDS_PROFILE_CHANGED_IND_V01) {
+        return vex_client_message_decode(client.handle, VEX_IDL_INDICATION, msgId, bytes.data(),
+                                         static_cast<unsigned int>(bytes.size()), record,
+                                         recordLen);
+    }
+    RecordingClient client;
+};
+
+const std::vector<uint8_t> kModify3 = {0x01, 0x03, 0x03, 0x00, 0x00, 0x00};
+
+TEST_F(VexDecodeTest, ExpandsAProfileChangedIndicationIntoItsRecord) {
+    struct Case {
+        std::vector<uint8_t> value;
+        wds_profile_type_enum_v01 type;
+        uint8_t index;
+        int32_t event;
+    } cases[] = {
+        {kModify3, WDS_PROFILE_TYPE_3GPP2_V01, 3, WDS_PROFILE_MODIFY_EVT_V01},
+        {{0x00, 0xFE, 0x00, 0x00, 0x00, 0x00}, WDS_PROFILE_TYPE_3GPP_V01, 254, 0},
+        {{0x00, 0x01, 0x78, 0x56, 0x34, 0x12}, WDS_PROFILE_TYPE_3GPP_V01, 1, 0x12345678},
+    };
+    for (const Case& c : cases) {
+        wds_profile_changed_ind_msg_v01 ind;
+        std::memset(&ind, 0xAB, sizeof ind);
+        ASSERT_EQ(decode(tlv(0x10, c.value), &ind, sizeof ind), VEX_NO_ERR);
+        EXPECT_EQ(ind.profile_changed_ind_valid, 1);
+        EXPECT_EQ(ind.profile_changed_ind.profile_type, c.type);
+        EXPECT_EQ(ind.profile_changed_ind.profile_index, c.index);
+        EXPECT_EQ(ind.profile_changed_ind.profile_change_evt, c.event);
+    }
+}
+
+TEST_F(VexDecodeTest, RejectsMalformedInputAndLeavesTheRecordZeroed) {
+    struct Case {
+        const char* what;
+        std::vector<uint8_t> bytes;
+        unsigned int recordLen;
+        unsigned int msgId;
+    } cases[] = {
+        {"empty", {}, 16, VEX_WDS_PROFILE_CHANGED_IND_V01},
+        {"half a header", {0x10, 0x06}, 16, VEX_WDS_PROFILE_CHANGED_IND_V01},
+        {"value cut short", tlv(0x10, {0x00, 0x01, 0x03}, 6), 16, VEX_WDS_PROFILE_CHANGED_IND_V01},
+        {"wrong item length", tlv(0x10, {0x00, 0x01, 0x03, 0x00, 0x00}), 16,
+         VEX_WDS_PROFILE_CHANGED_IND_V01},
+        {"unknown item", concat(tlv(0x10, kModify3), tlv(0x11, {0x01})), 16,
+         VEX_WDS_PROFILE_CHANGED_IND_V01},
+        {"only an unknown item", tlv(0x01, {0x00, 0x00, 0x00, 0x00}), 16,
+         VEX_WDS_PROFILE_CHANGED_IND_V01},
+        {"repeated item", concat(tlv(0x10, kModify3), tlv(0x10, kModify3)), 16,
+         VEX_WDS_PROFILE_CHANGED_IND_V01},
+        {"trailing byte", concat(tlv(0x10, kModify3), {0x00}), 16, VEX_WDS_PROFILE_CHANGED_IND_V01},
+        {"record too small", tlv(0x10, kModify3), 15, VEX_WDS_PROFILE_CHANGED_IND_V01},
+        {"record too large", tlv(0x10, kModify3), 17, VEX_WDS_PROFILE_CHANGED_IND_V01},
+        {"unknown indication", tlv(0x10, kModify3), 16, 0x00A9},
+        {"request id as indication", tlv(0x10, kModify3), 16, VEX_WDS_CREATE_PROFILE_REQ_V01},
+    };
+    for (const Case& c : cases) {
+        uint8_t record[32];
+        std::memset(record, 0xAB, sizeof record);
+        EXPECT_EQ(decode(c.bytes, record, c.recordLen, c.msgId), VEX_ERR_BAD_MESSAGE) << c.what;
+        if (c.recordLen == 16 && c.msgId == VEX_WDS_PROFILE_CHANGED_IND_V01) {
+            EXPECT_TRUE(allZero(record, c.recordLen)) << c.what;
+        }
+    }
+}
+
+TEST_F(VexDecodeTest, NeedsAHandleThatNamesTheServiceButNotALiveConnection) {
+    wds_profile_changed_ind_msg_v01 ind{};
+    auto bytes = tlv(0x10, kModify3);
+    EXPECT_EQ(vex_client_message_decode(nullptr, VEX_IDL_INDICATION,
+                                        VEX_WDS_PROFILE_CHANGED_IND_V01, bytes.data(),
+                                        static_cast<unsigned int>(bytes.size()), &ind, sizeof ind),
+              VEX_ERR_INVALID_CLIENT);
+    // Indications queued before a release are still decoded after it.
+    vex_client_type stale = client.handle;
+    client.release();
+    EXPECT_EQ(vex_client_message_decode(stale, VEX_IDL_INDICATION, VEX_WDS_PROFILE_CHANGED_IND_V01,
+                                        bytes.data(), static_cast<unsigned int>(bytes.size()), &ind,
+                                        sizeof ind),
+              VEX_NO_ERR);
+    EXPECT_EQ(ind.profile_changed_ind.profile_index, 3);
+}
+
+TEST_F(VexDecodeTest, RequestsAndResponsesDecodeAsCheckedCopiesOfTheirRecords) {
+    wds_delete_profile_resp_msg_v01 resp{};
+    resp.resp.result = 1;
+    resp.resp.error = VEX_ERR_INVALID_PROFILE_V01;
+    wds_delete_profile_resp_msg_v01 out{};
+    EXPECT_EQ(
+        vex_client_message_decode(client.handle, VEX_IDL_RESPONSE, VEX_WDS_DELETE_PROFILE_RESP_V01,
+                                  &resp, sizeof resp, &out, sizeof out),
+        VEX_NO_ERR);
+    EXPECT_EQ(out.resp.error, VEX_ERR_INVALID_PROFILE_V01);
+    EXPECT_EQ(
+        vex_client_message_decode(client.handle, VEX_IDL_RESPONSE, VEX_WDS_DELETE_PROFILE_RESP_V01,
+                                  &resp, sizeof resp - 1, &out, sizeof out),
+        VEX_ERR_BAD_MESSAGE);
+}
+
+}  // namespace

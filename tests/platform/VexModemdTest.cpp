@@ -1,0 +1,215 @@
+// vex-modemd and vex-modemctl as real processes: the daemon from the build tree with the shipped
+// seed, driven from the control command while a vex client talks to it.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "platform/VexTestClient.h"
+
+extern char** environ;
+
+namespace {
+
+using namespace vextest;
+
+struct Result {
+    int status;
+    std::string output;  // stdout and stderr together
+};
+
+// Runs vex-modemctl and returns its exit status and output.
+Result modemctl(const std::string& dir, const std::string& args) {
+    std::string command = std::string(VEX_MODEMCTL_PATH) + " --dir '" + dir + "' " + args + " 2>&1";
+    Result result{-1, ""};
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (pipe == nullptr) {
+        return result;
+    }
+    char buffer[4096];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+        result.output.append(buffer, n);
+    }
+    int status = ::pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+// vex-modemd in the foreground of a child process; its stdout comes back through a pipe.
+class Daemon {
+  public:
+    bool start(const std::vector<std::string>& args) {
+        int fds[2];
+        if (::pipe(fds) != 0) {
+            return false;
+        }
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+        posix_spawn_file_actions_addclose(&actions, fds[0]);
+        std::vector<std::string> argv = {VEX_MODEMD_PATH};
+        argv.insert(argv.end(), args.begin(), args.end());
+        std::vector<char*> cargs;
+        for (auto& arg : argv) {
+            cargs.push_back(arg.data());
+        }
+        cargs.push_back(nullptr);
+        int rc = ::posix_spawn(&pid, VEX_MODEMD_PATH, &actions, nullptr, cargs.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(fds[1]);
+        output = ::fdopen(fds[0], "r");
+        return rc == 0 && output != nullptr;
+    }
+    // The daemon's next line of output; empty at its end.
+    std::string readLine() {
+        char line[1024];
+        return output != nullptr && std::fgets(line, sizeof line, output) != nullptr ? line : "";
+    }
+    int stop(int signal) {
+        ::kill(pid, signal);
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    ~Daemon() {
+        if (pid > 0) {
+            stop(SIGKILL);
+        }
+        if (output != nullptr) {
+            std::fclose(output);
+        }
+    }
+
+  private:
+    pid_t pid = -1;
+    FILE* output = nullptr;
+};
+
+class VexModemdTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ::setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1);
+        ASSERT_TRUE(daemon.start({"--seed", testsupport::sourceDir() + "/data/modem-seed.conf",
+                                  "--state", dir.file("state.conf"), "--dir", dir.path()}));
+        std::string banner = daemon.readLine();
+        ASSERT_NE(banner.find("vex-modemd: serving WDS in " + dir.path()), std::string::npos)
+            << banner;
+    }
+    Result ctl(const std::string& args) { return modemctl(dir.path(), args); }
+
+    testsupport::TempDir dir;
+    Daemon daemon;
+};
+
+size_t countLines(const std::string& text) {
+    return std::count(text.begin(), text.end(), '\n');
+}
+
+TEST_F(VexModemdTest, ListsChangesAndStopsCleanly) {
+    Result profiles = ctl("profiles");
+    ASSERT_EQ(profiles.status, 0) << profiles.output;
+    EXPECT_EQ(countLines(profiles.output), 8u);
+    EXPECT_NE(profiles.output.find("profile 3gpp sub=0 index=1 persistent=yes name=internet "
+                                   "apn=internet pdp=ipv4v6"),
+              std::string::npos);
+    EXPECT_NE(profiles.output.find("name=\"Second Internet\""), std::string::npos);
+    EXPECT_EQ(countLines(ctl("profiles 1").output), 2u);
+
+    Result created = ctl("create 3gpp name='Test APN' apn=test.example pdp=ipv4 types=default");
+    ASSERT_EQ(created.status, 0) << created.output;
+    EXPECT_EQ(created.output, "created 3gpp sub=0 index=6\n");
+    EXPECT_EQ(ctl("modify 3gpp index=6 apn=changed.example").output,
+              "modified 3gpp sub=0 index=6\n");
+    Result listed = ctl("profiles 0");
+    EXPECT_NE(listed.output.find("index=6 persistent=yes name=\"Test APN\" apn=changed.example"),
+              std::string::npos)
+        << listed.output;
+    EXPECT_EQ(ctl("delete 3gpp2 index=1").status, 0);
+
+    EXPECT_EQ(daemon.stop(SIGTERM), 0);
+    EXPECT_NE(daemon.readLine().find("stopped by SIGTERM"), std::string::npos);
+    struct stat info;
+    EXPECT_NE(::stat(dir.file("wds").c_str(), &info), 0);
+    EXPECT_NE(::stat(dir.file("vex-modemd.ctl").c_str(), &info), 0);
+    // The state file holds the changes for the next start.
+    std::ifstream state(dir.file("state.conf"));
+    std::stringstream text;
+    text << state.rdbuf();
+    EXPECT_NE(text.str().find("apn=changed.example"), std::string::npos);
+    EXPECT_EQ(text.str().find("profile 3gpp2"), std::string::npos);
+}
+
+TEST_F(VexModemdTest, BadCommandsFailWithOneLineAndChangeNothing) {
+    struct Case {
+        const char* args;
+        const char* message;
+    } cases[] = {
+        {"bogus", "vex-modemctl: unknown command 'bogus'; try 'help'\n"},
+        {"delete 3gpp index=99", "vex-modemctl: delete: no such profile: 3gpp sub=0 index=99\n"},
+        {"create 3gpp index=3 apn=x", "vex-modemctl: create: the modem assigns the index\n"},
+        {"create 3gpp pdp=ipv5", "vex-modemctl: bad value for pdp: 'ipv5'\n"},
+        {"modify 3gpp apn=x", "vex-modemctl: modify: index=N is required\n"},
+        {"profiles 7", "vex-modemctl: bad subscription '7' (the modem has 2)\n"},
+        {"fail-next many", "vex-modemctl: usage: fail-next COUNT [MSGID [ERROR]]\n"},
+        {"drop 12345", "vex-modemctl: no client 12345\n"},
+    };
+    std::string before = ctl("profiles").output;
+    for (const Case& c : cases) {
+        Result result = ctl(c.args);
+        EXPECT_EQ(result.status, 1) << c.args;
+        EXPECT_EQ(result.output, c.message) << c.args;
+    }
+    EXPECT_EQ(ctl("profiles").output, before);
+    Result unreachable = modemctl(dir.file("nowhere"), "status");
+    EXPECT_EQ(unreachable.status, 1);
+    EXPECT_NE(unreachable.output.find("no vex-modemd answers"), std::string::npos);
+}
+
+TEST_F(VexModemdTest, BreaksAConnectedClientFromTheShell) {
+    RecordingClient client;
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    ASSERT_TRUE(client.registerAll(0));
+    ASSERT_TRUE(client.waitForIndications(1));  // profiles ready
+    Result clients = ctl("clients");
+    ASSERT_EQ(clients.status, 0);
+    EXPECT_NE(clients.output.find("bound=yes sub=0 indications=yes events=yes ready=yes "
+                                  "requests=3 indications_sent=1 last=0x00a7"),
+              std::string::npos)
+        << clients.output;
+
+    ASSERT_EQ(ctl("fail-next 1 0x2a 0x51").status, 0);
+    wds_get_profile_list_req_msg_v01 req{};
+    req.profile_type_valid = 1;
+    auto resp = std::make_unique<wds_get_profile_list_resp_msg_v01>();
+    ASSERT_EQ(client.send(VEX_WDS_GET_PROFILE_LIST_REQ_V01, req, *resp), VEX_NO_ERR);
+    EXPECT_EQ(resp->resp.error, VEX_ERR_EXTENDED_INTERNAL_V01);
+
+    ASSERT_EQ(ctl("create 3gpp apn=from.shell").status, 0);
+    ASSERT_EQ(ctl("ind-burst 3").status, 0);
+    ASSERT_TRUE(client.waitForIndications(6));
+    EXPECT_EQ(client.events().at(1).profile_change_evt, WDS_PROFILE_CREATE_EVT_V01);
+
+    std::string id = clients.output.substr(7, clients.output.find(' ', 7) - 7);
+    ASSERT_EQ(ctl("drop " + id).status, 0);
+    ASSERT_TRUE(client.waitForErrors(1));
+
+    EXPECT_EQ(ctl("down").output, "down\n");
+    EXPECT_EQ(ctl("status").output, "down " + dir.path() + "\n");
+    RecordingClient refused;
+    EXPECT_EQ(refused.connect(), VEX_ERR_NO_SERVICE);
+    EXPECT_EQ(ctl("up").output, "up\n");
+    RecordingClient again;
+    EXPECT_EQ(again.connect(), VEX_NO_ERR);
+    EXPECT_EQ(daemon.stop(SIGINT), 0);
+}
+
+}  // namespace

@@ -1,0 +1,265 @@
+// Helpers of the platform tests: a modem in a fresh service directory, and a vex client that
+// records its callbacks so a test can wait for them.
+#ifndef KELR_TESTS_PLATFORM_VEX_TEST_CLIENT_H
+#define KELR_TESTS_PLATFORM_VEX_TEST_CLIENT_H
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/TestSupport.h"
+#include "vex/vex_client.h"
+#include "vex/wireless_data_service_v01.h"
+#include "vexsim/SimModem.h"
+
+namespace vextest {
+
+using namespace std::chrono_literals;
+
+constexpr auto kWait = std::chrono::milliseconds(10000);
+
+inline vex_idl_service_object_type wds() {
+    return wds_get_service_object_v01();
+}
+
+// A modem serving in its own temporary directory, which VEX_SERVICE_DIR names for the clients.
+struct ModemHarness {
+    explicit ModemHarness(const std::string& seed = "", vexsim::Config config = {}) {
+        config.serviceDir = dir.path();
+        if (config.seedFile.empty() && config.seedText.empty()) {
+            config.seedText = seed;
+        }
+        ::setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1);
+        modem = std::make_unique<vexsim::SimModem>(config);
+    }
+    bool start() { return modem->start(&error); }
+    // The WDS clients (not notifiers) once there are exactly count of them.
+    std::vector<vexsim::ClientInfo> waitForClients(size_t count) {
+        std::vector<vexsim::ClientInfo> found;
+        modem->waitUntil(
+            [&] {
+                found.clear();
+                for (const auto& info : modem->clients()) {
+                    if (!info.notifierOnly) {
+                        found.push_back(info);
+                    }
+                }
+                return found.size() == count;
+            },
+            kWait);
+        return found;
+    }
+
+    testsupport::TempDir dir;
+    std::unique_ptr<vexsim::SimModem> modem;
+    std::string error;
+};
+
+inline wds_profile_settings_v01 settings3gpp(const std::string& name, const std::string& apn) {
+    wds_profile_settings_v01 s{};
+    s.profile_name_valid = 1;
+    std::strncpy(s.profile_name, name.c_str(), WDS_PROFILE_NAME_MAX_V01);
+    s.apn_name_valid = 1;
+    std::strncpy(s.apn_name, apn.c_str(), WDS_APN_NAME_MAX_V01);
+    s.pdp_type_valid = 1;
+    s.pdp_type = WDS_PDP_TYPE_PDP_IPV4V6_V01;
+    return s;
+}
+
+// One vex client whose callbacks are recorded. Threads: the test's thread, and the library's
+// thread for the callbacks; guarded by mu.
+class RecordingClient {
+  public:
+    RecordingClient() = default;
+    ~RecordingClient() { release(); }
+    RecordingClient(const RecordingClient&) = delete;
+    RecordingClient& operator=(const RecordingClient&) = delete;
+
+    vex_client_error_type connect() {
+        vex_service_info info{};
+        vex_client_error_type rc = vex_client_get_any_service(wds(), &info);
+        if (rc != VEX_NO_ERR) {
+            return rc;
+        }
+        vex_client_os_params os{};
+        rc = vex_client_init(&info, wds(), &RecordingClient::onIndication, this, &os, &handle);
+        if (rc != VEX_NO_ERR) {
+            return rc;
+        }
+        return vex_client_register_error_cb(handle, &RecordingClient::onError, this);
+    }
+
+    void release() {
+        if (handle != nullptr) {
+            vex_client_release(handle);
+            handle = nullptr;
+        }
+    }
+
+    template <typename Req, typename Resp>
+    vex_client_error_type send(unsigned int msgId, Req& req, Resp& resp,
+                               unsigned int timeoutMs = 5000) {
+        return vex_client_send_msg_sync(handle, msgId, &req, sizeof req, &resp, sizeof resp,
+                                        timeoutMs);
+    }
+
+    // Binds to the subscription, registers for indications and hears every profile event, as
+    // the library does.
+    bool registerAll(int subscription) {
+        wds_bind_subscription_req_msg_v01 bind{};
+        bind.subscription = static_cast<wds_bind_subscription_enum_v01>(subscription);
+        wds_bind_subscription_resp_msg_v01 bindResp{};
+        wds_indication_register_req_msg_v01 reg{};
+        reg.report_profile_changed_events_valid = 1;
+        reg.report_profile_changed_events = 1;
+        wds_indication_register_resp_msg_v01 regResp{};
+        auto config = std::make_unique<wds_configure_profile_event_list_req_msg_v01>();
+        config->profile_event_register_valid = 1;
+        config->profile_event_register_len = 1;
+        config->profile_event_register[0].profile_type =
+            static_cast<wds_profile_type_enum_v01>(0xFF);
+        config->profile_event_register[0].profile_index = 0xFF;
+        config->report_profile_events_valid = 1;
+        config->report_profile_events = 1;
+        wds_configure_profile_event_list_resp_msg_v01 configResp{};
+        return send(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, bind, bindResp) == VEX_NO_ERR &&
+               bindResp.resp.result == 0 &&
+               send(VEX_WDS_INDICATION_REGISTER_REQ_V01, reg, regResp) == VEX_NO_ERR &&
+               regResp.resp.result == 0 &&
+               send(VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01, *config, configResp) ==
+                   VEX_NO_ERR &&
+               configResp.resp.result == 0;
+    }
+
+    struct Indication {
+        unsigned int msgId;
+        std::vector<uint8_t> bytes;
+        std::thread::id thread;
+    };
+
+    bool waitForIndications(size_t count) {
+        std::unique_lock<std::mutex> lock(mu);
+        return cv.wait_for(lock, kWait, [&] { return indications.size() >= count; });
+    }
+    bool waitForErrors(int count) {
+        std::unique_lock<std::mutex> lock(mu);
+        return cv.wait_for(lock, kWait, [&] { return errors >= count; });
+    }
+    std::vector<Indication> received() {
+        std::lock_guard<std::mutex> lock(mu);
+        return indications;
+    }
+    // The profile-changed events received so far, decoded; an undecodable one is skipped.
+    std::vector<wds_profile_changed_ind_type_v01> events() {
+        std::vector<wds_profile_changed_ind_type_v01> out;
+        for (const Indication& ind : received()) {
+            wds_profile_changed_ind_msg_v01 msg{};
+            if (ind.msgId == VEX_WDS_PROFILE_CHANGED_IND_V01 &&
+                vex_client_message_decode(handle, VEX_IDL_INDICATION, ind.msgId, ind.bytes.data(),
+                                          static_cast<unsigned int>(ind.bytes.size()), &msg,
+                                          sizeof msg) == VEX_NO_ERR) {
+                out.push_back(msg.profile_changed_ind);
+            }
+        }
+        return out;
+    }
+    int errorCount() {
+        std::lock_guard<std::mutex> lock(mu);
+        return errors;
+    }
+    vex_client_error_type lastError() {
+        std::lock_guard<std::mutex> lock(mu);
+        return lastErr;
+    }
+    std::thread::id errorThread() {
+        std::lock_guard<std::mutex> lock(mu);
+        return errThread;
+    }
+
+    vex_client_type handle = nullptr;
+
+  private:
+    static void onIndication(vex_client_type, unsigned int msgId, void* buf, unsigned int len,
+                             void* data) {
+        auto* self = static_cast<RecordingClient*>(data);
+        const auto* bytes = static_cast<const uint8_t*>(buf);
+        {
+            std::lock_guard<std::mutex> lock(self->mu);
+            self->indications.push_back(
+                {msgId, std::vector<uint8_t>(bytes, bytes + len), std::this_thread::get_id()});
+        }
+        self->cv.notify_all();
+    }
+    static void onError(vex_client_type, vex_client_error_type error, void* data) {
+        auto* self = static_cast<RecordingClient*>(data);
+        {
+            std::lock_guard<std::mutex> lock(self->mu);
+            ++self->errors;
+            self->lastErr = error;
+            self->errThread = std::this_thread::get_id();
+        }
+        self->cv.notify_all();
+    }
+
+    std::mutex mu;  // guards the recorded callbacks below
+    std::condition_variable cv;
+    std::vector<Indication> indications;
+    int errors = 0;
+    vex_client_error_type lastErr = VEX_NO_ERR;
+    std::thread::id errThread;
+};
+
+// Counts a notifier's service-up reports. Threads: the test's and the library's; guarded by mu.
+class NotifyCounter {
+  public:
+    // A notifier that reports to this counter; null when it cannot be made.
+    vex_client_type startNotifier() {
+        vex_client_type notifier = nullptr;
+        vex_client_os_params os{};
+        if (vex_client_notifier_init(wds(), &os, &notifier) != VEX_NO_ERR ||
+            vex_client_register_notify_cb(notifier, &NotifyCounter::onNotify, this) != VEX_NO_ERR) {
+            return nullptr;
+        }
+        return notifier;
+    }
+    static void onNotify(vex_client_type, vex_idl_service_object_type,
+                         vex_client_notify_event_type event, void* data) {
+        auto* self = static_cast<NotifyCounter*>(data);
+        {
+            std::lock_guard<std::mutex> lock(self->mu);
+            if (event == VEX_CLIENT_SERVICE_COUNT_INCREASING) {
+                ++self->ups;
+            }
+            self->thread = std::this_thread::get_id();
+        }
+        self->cv.notify_all();
+    }
+    bool waitForUps(int count) {
+        std::unique_lock<std::mutex> lock(mu);
+        return cv.wait_for(lock, kWait, [&] { return ups >= count; });
+    }
+    int count() {
+        std::lock_guard<std::mutex> lock(mu);
+        return ups;
+    }
+    std::thread::id callbackThread() {
+        std::lock_guard<std::mutex> lock(mu);
+        return thread;
+    }
+
+  private:
+    std::mutex mu;  // guards ups and thread
+    std::condition_variable cv;
+    int ups = 0;
+    std::thread::id thread;
+};
+
+}  // namespace vextest
+
+#endif  // KELR_TESTS_PLATFORM_VEX_TEST_CLIENT_H

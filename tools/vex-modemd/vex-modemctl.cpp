@@ -1,0 +1,88 @@
+// vex-modemctl: tells a running vex-modemd what to do, and prints what it answers.
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "ModemControl.h"
+#include "VexWire.h"
+
+namespace {
+
+constexpr int kReplyTimeoutMs = 30000;
+
+const char* const kUsage =
+    "usage: vex-modemctl [--dir DIR] COMMAND [ARGS...]\n"
+    "  --dir DIR   service directory of the daemon (default: $VEX_SERVICE_DIR, else "
+    "/tmp/vex-services)\n"
+    "Run 'vex-modemctl help' for the commands.\n";
+
+bool readReply(int fd, std::string* reply) {
+    char chunk[4096];
+    for (;;) {
+        pollfd pfd{fd, POLLIN, 0};
+        if (::poll(&pfd, 1, kReplyTimeoutMs) <= 0) {
+            return false;
+        }
+        ssize_t n = ::recv(fd, chunk, sizeof chunk, MSG_DONTWAIT);
+        if (n == 0) {
+            return true;
+        }
+        if (n < 0 && errno != EAGAIN && errno != EINTR) {
+            return false;
+        }
+        if (n > 0) {
+            reply->append(chunk, static_cast<size_t>(n));
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string dir = vexwire::serviceDirectory();
+    int first = 1;
+    if (argc > 2 && std::strcmp(argv[1], "--dir") == 0) {
+        dir = argv[2];
+        first = 3;
+    }
+    if (first >= argc || std::strcmp(argv[first], "--help") == 0) {
+        std::fputs(kUsage, first >= argc ? stderr : stdout);
+        return first >= argc ? 2 : 0;
+    }
+    std::string path = dir + "/" + vexmodemd::kControlSocketName;
+    vexwire::UniqueFd fd = vexwire::connectUnix(path);
+    if (!fd) {
+        std::fprintf(stderr, "vex-modemctl: no vex-modemd answers at %s\n", path.c_str());
+        return 1;
+    }
+    std::string request;
+    for (int i = first; i < argc; ++i) {
+        request.append(argv[i]).push_back('\0');
+    }
+    auto deadline = vexwire::Clock::now() + std::chrono::milliseconds(kReplyTimeoutMs);
+    if (vexwire::writeAll(fd.get(), reinterpret_cast<const uint8_t*>(request.data()),
+                          request.size(), deadline) != request.size()) {
+        std::fprintf(stderr, "vex-modemctl: cannot send the command to %s\n", path.c_str());
+        return 1;
+    }
+    ::shutdown(fd.get(), SHUT_WR);
+    std::string reply;
+    if (!readReply(fd.get(), &reply) || reply.empty()) {
+        std::fprintf(stderr, "vex-modemctl: no answer from %s\n", path.c_str());
+        return 1;
+    }
+    size_t eol = reply.find('\n');
+    std::string status = reply.substr(0, eol);
+    std::string output = eol == std::string::npos ? "" : reply.substr(eol + 1);
+    if (status != "ok") {
+        std::fprintf(stderr, "vex-modemctl: %s\n",
+                     status.rfind("error: ", 0) == 0 ? status.c_str() + 7 : status.c_str());
+        return 1;
+    }
+    std::fputs(output.c_str(), stdout);
+    return 0;
+}

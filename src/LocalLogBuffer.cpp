@@ -45,8 +45,16 @@ LogWrapper* LogWrapper::getInstance() {
     return &instance;
 }
 
+LogWrapper::~LogWrapper() {
+    // Handles released during the process's exit may still log after this instance is gone;
+    // leaving no writer behind makes their messages go nowhere instead of through a freed one.
+    std::atomic_store(&logWriter, std::shared_ptr<LogWriter>());
+}
+
 void LogWrapper::setLogWriter(std::unique_ptr<LogWriter> writer) {
-    logWriter.swap(writer);
+    std::shared_ptr<LogWriter> previous =
+        std::atomic_exchange(&logWriter, std::shared_ptr<LogWriter>(std::move(writer)));
+    // previous is destroyed here, or by the last log call still writing through it.
 }
 
 void LogWrapper::log(LogLevel level, const char* tag, const char* format, ...) {
@@ -59,8 +67,8 @@ void LogWrapper::log(LogLevel level, const char* tag, const char* format, ...) {
         va_end(args);
     }
     std::string message(buffer);
-    if (logWriter) {
-        logWriter->write(level, tagCopy, message);
+    if (std::shared_ptr<LogWriter> writer = std::atomic_load(&logWriter)) {
+        writer->write(level, tagCopy, message);
     }
     if (keptInHistory(level)) {
         LocalLogBuffer::getInstance()->addLogWithTimestamp(std::move(message));

@@ -2,8 +2,10 @@
 // log and the modem diagnostics log) and the bounded, time-stamped history that Manager::dump
 // returns.
 //
-// Threads: LogWrapper::log may be called on any thread; it holds no lock, so the writer is to be
-// installed (Manager::init) before other threads log. LocalLogBuffer is guarded by logMutex.
+// Threads: LogWrapper::log may be called on any thread. The writer is read and replaced
+// atomically, so Manager::init may install a new one while an older pipeline still logs; a
+// replaced writer is destroyed once the last message in flight through it is written.
+// LocalLogBuffer is guarded by logMutex.
 #ifndef KEL_LOCAL_LOG_BUFFER_H
 #define KEL_LOCAL_LOG_BUFFER_H
 
@@ -66,8 +68,9 @@ class LogWrapper {
 
   private:
     LogWrapper() = default;
+    ~LogWrapper();
 
-    std::unique_ptr<LogWriter> logWriter;
+    std::shared_ptr<LogWriter> logWriter;  // only through std::atomic_load / atomic_exchange
 };
 
 class LocalLogBuffer {

@@ -1,1 +1,301 @@
-// Replaced by the real source.
+#include "ProfileCache.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <limits>
+#include <utility>
+
+#include "LocalLogBuffer.h"
+
+namespace kel {
+
+namespace {
+
+constexpr const char* kTokenMissing = "ProfileCache: token is not present or expired";
+
+// Atomic although tokens are drawn on a worker thread: while a second Manager::init hands over,
+// two workers exist for a moment.
+std::atomic<unsigned long long> nextToken{0};
+
+}  // namespace
+
+unsigned long long ProfileCache::generateToken() {
+    unsigned long long token = nextToken.load();
+    do {
+        // A wrapped token would name two entries at once.
+        if (token == std::numeric_limits<unsigned long long>::max()) {
+            KEL_LOG(Error, "ProfileCache: token counter exhausted");
+            std::abort();
+        }
+    } while (!nextToken.compare_exchange_weak(token, token + 1));
+    return token;
+}
+
+ProfileCache::ProfileCache(EventManager& eventManager, int subscriptionId, SendRequestFn send)
+    : sendRequest(std::move(send)), vexWdsProxy(eventManager, subscriptionId) {
+    vexWdsProxy.registerProfileChangedInd(
+        [this](ProfileChangedInd ind) { onIndication(std::move(ind)); });
+}
+
+ProfileCache::ProfileMap::iterator ProfileCache::find(unsigned long long token, LogLevel level) {
+    auto it = profiles.find(token);
+    if (it == profiles.end()) {
+        LogWrapper::getInstance()->log(level, kLogTag, "%s", kTokenMissing);
+    }
+    return it;
+}
+
+ProfileCache::ProfileMap::iterator ProfileCache::find(const ProfileKey& key, LogLevel level) {
+    return find(key.getToken(), level);
+}
+
+void ProfileCache::expect(TechType techType, int profileId, ProfileChangedEvent event) {
+    if (pendingTransactions.size() == pendingTransactions.max_size()) {
+        KEL_LOG(Error, "ProfileCache: pending transactions exhausted");
+        std::abort();
+    }
+    pendingTransactions.push_back(ProfileChangedInd{techType, profileId, event});
+}
+
+std::shared_ptr<ProfileKey> ProfileCache::makeKey(const ModemProfile& profile,
+                                                  unsigned long long token) {
+    return std::make_shared<ProfileKey>(profile.getTechType(), profile.getProfileId(), token,
+                                        sendRequest);
+}
+
+std::shared_ptr<ProfileKey> ProfileCache::add(AddProfileParams& params) {
+    // Drawn before anything can fail, so a failed add still consumes a token.
+    const unsigned long long token = generateToken();
+    std::shared_ptr<ModemProfile> profile;
+    switch (params.getTechType()) {
+        case TechType::TYPE_3GPP2:
+            profile = std::make_shared<Modem3gpp2Profile>(params);
+            break;
+        case TechType::TYPE_3GPP: {
+            auto profile3gpp = std::make_shared<Modem3gppProfile>(params);
+            // The library names its own profiles; a client-given name is discarded on purpose.
+            profile3gpp->setProfileName(params.getIsIAProfile() ? kKelIAProfileName
+                                                                : kKelProfileName);
+            profile = std::move(profile3gpp);
+            break;
+        }
+    }
+    if (!profile) {
+        KEL_LOG(Error, "ProfileCache: failed to create profile");
+        return nullptr;
+    }
+    profile->setIsPersistent(params.getIsPersistent());
+    profile->setIsKelCreated(true);
+    if (!vexWdsProxy.add(*profile)) {
+        return nullptr;
+    }
+    profile->incRefCount();
+    profiles.emplace(token, profile);
+    // The modem reports a creation as a create indication followed by a modify indication.
+    expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Create);
+    expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify);
+    KEL_LOG(History, "Added: %s", profile->dump().c_str());
+    return makeKey(*profile, token);
+}
+
+bool ProfileCache::modify(ModifyProfileParams& params, std::shared_ptr<ProfileKey> key) {
+    if (!key) {
+        return false;
+    }
+    auto it = find(*key, LogLevel::History);
+    if (it == profiles.end()) {
+        return false;
+    }
+    std::shared_ptr<ModemProfile> profile = it->second;
+    if (!profile) {
+        return true;
+    }
+    std::shared_ptr<ModemProfile> diff = profile->diff(params);
+    if (!diff) {
+        KEL_LOG(History, "ProfileCache: profile is unchanged");
+        return true;
+    }
+    if (!vexWdsProxy.modify(*diff, profile->getTechType(), profile->getProfileId())) {
+        // Deliberately reported as success: the cache stays as the modem has it.
+        KEL_LOG(Error, "ProfileCache: failed to modify modem profile");
+        return true;
+    }
+    profile->apply(diff);
+    KEL_LOG(History, "Diff: %s", diff->dump().c_str());
+    expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify);
+    return true;
+}
+
+bool ProfileCache::remove(std::shared_ptr<ProfileKey> key) {
+    if (!key) {
+        return false;
+    }
+    auto it = find(*key, LogLevel::Error);
+    if (it == profiles.end()) {
+        return false;
+    }
+    // The handle's identity is used, not the profile's; they agree unless the modem renumbered.
+    if (!vexWdsProxy.remove(key->getTechType(), key->getProfileId())) {
+        KEL_LOG(Error, "ProfileCache: Failed to remove profile");
+        return false;
+    }
+    TechType techType = key->getTechType();
+    int profileId = key->getProfileId();
+    if (it->second) {
+        techType = it->second->getTechType();
+        profileId = it->second->getProfileId();
+    }
+    // An explicit remove ignores counts and persistence: every handle to the profile expires.
+    profiles.erase(it);
+    expect(techType, profileId, ProfileChangedEvent::Delete);
+    return true;
+}
+
+bool ProfileCache::match(FilterProfileParams& params, std::shared_ptr<ProfileKey> key) {
+    if (!key) {
+        return false;
+    }
+    auto it = find(*key, LogLevel::Error);
+    if (it == profiles.end() || !it->second) {
+        return false;
+    }
+    return it->second->match(params);
+}
+
+std::optional<ProfileParams> ProfileCache::get(std::shared_ptr<ProfileKey> key) {
+    if (!key) {
+        return std::nullopt;
+    }
+    auto it = find(*key, LogLevel::Error);
+    if (it == profiles.end() || !it->second) {
+        return std::nullopt;
+    }
+    return it->second->get();
+}
+
+std::list<std::shared_ptr<ProfileKey>> ProfileCache::filter(FilterProfileParams& params) {
+    std::list<std::shared_ptr<ProfileKey>> keys;
+    for (auto& [token, profile] : profiles) {
+        if (!profile) {
+            KEL_LOG(Error, "ProfileCache: null profile");
+            continue;
+        }
+        if (profile->match(params)) {
+            profile->incRefCount();
+            keys.push_back(makeKey(*profile, token));
+        }
+    }
+    return keys;
+}
+
+bool ProfileCache::registerExpirationListener(std::function<void()> callback,
+                                              std::weak_ptr<IProfileKey> key,
+                                              unsigned long long token) {
+    KEL_LOG(Verbose, "ProfileCache: registerExpirationListener %llu", token);
+    auto it = find(token, LogLevel::Error);
+    if (it == profiles.end() || !it->second) {
+        return false;
+    }
+    it->second->registerExpirationListener(std::move(callback), std::move(key));
+    // False on purpose in every case; the sending handle ignores the answer.
+    return false;
+}
+
+bool ProfileCache::releaseProfile(unsigned long long token) {
+    KEL_LOG(History, "ProfileCache: releaseProfile token=%llu", token);
+    auto it = find(token, LogLevel::Error);
+    if (it == profiles.end() || !it->second) {
+        return false;
+    }
+    std::shared_ptr<ModemProfile> profile = it->second;
+    profile->clearExpiredListeners();
+    if (profile->getRefCount() >= 2) {
+        profile->decRefCount();
+        return true;
+    }
+    if (!profile->getIsPersistent() && profile->getIsKelCreated()) {
+        if (!vexWdsProxy.remove(profile->getTechType(), profile->getProfileId())) {
+            KEL_LOG(Error, "ProfileCache: failed to release profile");
+            return false;
+        }
+        profile->decRefCount();
+        KEL_LOG(History, "Released profile %d", profile->getProfileId());
+        expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Delete);
+        profiles.erase(it);
+        return true;
+    }
+    // The text says "non-persistent" for what is the persistent case; log readers match on it,
+    // so it stays. The count is deliberately kept, so the profile stays cached with it.
+    KEL_LOG(History, "ProfileCache: ignoring non-persistent or non-kel created");
+    return true;
+}
+
+bool ProfileCache::refresh() {
+    // Every handle issued so far expires here; pending echoes are kept.
+    profiles.clear();
+    profiles.rehash(0);
+    for (std::shared_ptr<ModemProfile>& profile : vexWdsProxy.getAllProfiles()) {
+        profiles.emplace(generateToken(), std::move(profile));
+    }
+    KEL_LOG(History, "Refreshed Profiles:");
+    for (const auto& [token, profile] : profiles) {
+        KEL_LOG(History, "%s", profile ? profile->dump().c_str() : "null");
+    }
+    return true;
+}
+
+void ProfileCache::onIndication(ProfileChangedInd ind) {
+    KEL_LOG(History, "ProfileCache: onIndication < %s", ind.dump().c_str());
+    for (auto it = pendingTransactions.begin(); it != pendingTransactions.end(); ++it) {
+        if (*it == ind) {
+            // The modem echoes a change the cache already reflects.
+            KEL_LOG(History, "ProfileCache: pending transaction confirmed");
+            pendingTransactions.erase(it);
+            return;
+        }
+    }
+    KEL_LOG(History, "ProfileCache: updating cache due to indication!");
+    auto matches = [&ind](const std::shared_ptr<ModemProfile>& profile) {
+        return profile && profile->getTechType() == ind.techType &&
+               profile->getProfileId() == ind.profileId;
+    };
+    switch (ind.event) {
+        case ProfileChangedEvent::Create:
+            profiles.emplace(generateToken(), vexWdsProxy.get(ind.techType, ind.profileId));
+            return;
+        case ProfileChangedEvent::Delete:
+            for (auto it = profiles.begin(); it != profiles.end();) {
+                it = matches(it->second) ? profiles.erase(it) : std::next(it);
+            }
+            return;
+        case ProfileChangedEvent::Modify:
+            // The token stays, so handles stay valid; the old object (and its listeners) goes.
+            for (auto& [token, profile] : profiles) {
+                if (matches(profile)) {
+                    profile = vexWdsProxy.get(ind.techType, ind.profileId);
+                }
+            }
+            return;
+        case ProfileChangedEvent::SubscriptionChange:
+        case ProfileChangedEvent::ProfileReady:
+            refresh();
+            return;
+    }
+    KEL_LOG(Error, "Invalid ProfileChangedEvent");
+}
+
+std::vector<std::string> ProfileCache::dump() {
+    std::vector<std::string> lines;
+    lines.reserve(profiles.size() + pendingTransactions.size() + 2);
+    lines.emplace_back("Cache:");
+    for (const auto& [token, profile] : profiles) {
+        lines.push_back("  " + std::to_string(token) + ": " + (profile ? profile->dump() : "null"));
+    }
+    lines.emplace_back("Pending:");
+    for (const ProfileChangedInd& ind : pendingTransactions) {
+        lines.push_back("  " + ind.dump());
+    }
+    return lines;
+}
+
+}  // namespace kel

@@ -1,1 +1,276 @@
-// Replaced by the real tests.
+// End to end: the kel::Manager facade and its request pipeline against the embedded simulated
+// modem: the traces of every call, the refresh gate, a second init, and many client threads at
+// once, handles that outlive their pipeline and calls made on the worker thread included.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <list>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "SimModemFixture.h"
+
+namespace e2e {
+namespace {
+
+using kel::FilterProfileParams;
+using kel::IProfileKey;
+using kel::Manager;
+using kel::ModifyProfileParams;
+using kel::PDCRefreshStatus;
+using Keys = std::list<std::shared_ptr<IProfileKey>>;
+
+ModifyProfileParams newApn(const std::string& apn) {
+    ModifyProfileParams params;
+    params.setApnName(apn);
+    return params;
+}
+
+// --- Before init ---
+
+class UninitializedManagerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        kel::LocalLogBuffer::getInstance()->flush();
+        capture.clear();
+    }
+    hostlog::LogCapture capture;
+    Manager manager;
+};
+
+TEST_F(UninitializedManagerTest, EveryOperationFailsAndSaysWhyOnce) {
+    kel::AddProfileParams add(false, kel::TechType::TYPE_3GPP, false);
+    const std::vector<std::function<bool()>> operations = {
+        [&] { return manager.addProfile(add) == nullptr; },
+        [&] { return !manager.modifyProfile(ModifyProfileParams(), nullptr); },
+        [&] { return !manager.deleteProfile(nullptr); },
+        [&] { return manager.filter(FilterProfileParams()).empty(); },
+        [&] { return !manager.getProfile(nullptr).has_value(); },
+        [&] { return !manager.match(FilterProfileParams(), nullptr); },
+        [&] { return manager.refresh(PDCRefreshStatus::Completed), true; },
+    };
+    for (size_t i = 0; i < operations.size(); ++i) {
+        const int before = static_cast<int>(kel::LocalLogBuffer::getInstance()->getLogs().size());
+        EXPECT_TRUE(operations[i]()) << "operation " << i;
+        const std::vector<std::string> logs = kel::LocalLogBuffer::getInstance()->getLogs();
+        ASSERT_EQ(static_cast<int>(logs.size()), before + 1) << "operation " << i;
+        EXPECT_NE(logs.back().find("[KEL]Manager not initialized!"), std::string::npos);
+    }
+}
+
+TEST_F(UninitializedManagerTest, DumpIsAnEmptyLineLogsAndTheHistory) {
+    manager.getProfile(nullptr);
+    const std::vector<std::string> history = kel::LocalLogBuffer::getInstance()->getLogs();
+    std::vector<std::string> expected = {"", "Logs:"};
+    expected.insert(expected.end(), history.begin(), history.end());
+    EXPECT_EQ(manager.dump(), expected);
+}
+
+// --- Traces ---
+
+class ManagerSimModemTest : public SimModemFixture {};
+
+TEST_F(ManagerSimModemTest, TracesEveryCallAndItsAnswer) {
+    kel::AddProfileParams add(false, kel::TechType::TYPE_3GPP, false);
+    add.setApnName("trace.example");
+    std::shared_ptr<IProfileKey> key = manager.addProfile(add);
+    ASSERT_TRUE(key);
+    const std::string handle = key->dump();
+    manager.modifyProfile(newApn("traced.example"), key);
+    manager.match(byApn("traced.example"), key);
+    manager.getProfile(key);
+    manager.filter(byApn("nothing.example"));
+    manager.deleteProfile(key);
+    manager.refresh(PDCRefreshStatus::Completed);
+
+    for (const std::string& line : std::vector<std::string>{
+             "Manager::addProfile > Add 3GPP persist=false: "
+             "ApnName=trace.example,IsIAProfile=false,",
+             "Manager::addProfile < Add Success " + handle,
+             "Manager::modifyProfile > Modify " + handle + " ApnName=traced.example,",
+             "Manager::modifyProfile < Modify Success",
+             "Manager::match > Match " + handle + " None: ApnName=traced.example,",
+             "Manager::match < Match Success true",
+             "Manager::getProfile > Get " + handle,
+             "Manager::filter > Filter params: None: ApnName=nothing.example,",
+             "Manager::filter < Filter Success ",
+             "Manager::deleteProfile > Delete " + handle,
+             "Manager::deleteProfile < Delete Success",
+             "Manager::refresh > Refresh ",
+             "Manager::refresh < Refresh Success",
+         }) {
+        EXPECT_TRUE(history(line)) << line;
+    }
+    EXPECT_TRUE(logged("Manager::getProfile < Get Success ApnName=traced.example,"));
+    EXPECT_TRUE(info("KEL refresh completed"));
+}
+
+// --- The refresh gate ---
+
+TEST_F(ManagerSimModemTest, RefreshGateFailsEveryOperationUntilTheRefreshCompletes) {
+    std::shared_ptr<IProfileKey> key = manager.addProfile(addParams("gate.example"));
+    ASSERT_TRUE(key);
+    const int id = key->getProfileId();
+    manager.refresh(PDCRefreshStatus::Started);
+    EXPECT_TRUE(info("KEL refresh started"));
+    const std::uint64_t before = served();
+
+    EXPECT_FALSE(manager.addProfile(addParams("closed.example")));
+    EXPECT_FALSE(manager.modifyProfile(newApn("closed.example"), key));
+    EXPECT_FALSE(manager.match(byApn("gate.example"), key));
+    EXPECT_FALSE(manager.getProfile(key));
+    EXPECT_TRUE(manager.filter(FilterProfileParams()).empty());
+    EXPECT_TRUE(history("Manager::filter < Filter Failure "));
+    EXPECT_FALSE(manager.deleteProfile(key));
+    key.reset();
+    EXPECT_TRUE(onModem(k3gpp, id)) << "a release during the refresh is refused";
+    EXPECT_EQ(served(), before) << "nothing reaches the modem while the gate is closed";
+
+    manager.refresh(PDCRefreshStatus::Completed);
+    EXPECT_EQ(served(), before + 2 + modem->profiles(0).size()) << "the cache is re-read";
+    EXPECT_TRUE(manager.addProfile(addParams("open.example")));
+}
+
+// --- A second init ---
+
+class ManagerSecondInitTest : public SimModemFixture {
+  protected:
+    ManagerSecondInitTest() {
+        config.seedText += "profile 3gpp sub=1 index=5 name=Second apn=second.example pdp=ipv4\n";
+    }
+};
+
+TEST_F(ManagerSecondInitTest, ServesTheNewSubscriptionAndCutsOffOldHandles) {
+    std::shared_ptr<IProfileKey> old = manager.addProfile(addParams("first.example"));
+    ASSERT_TRUE(old);
+    const int oldClient = newestClientId();
+
+    connect(manager, 1);
+
+    ASSERT_TRUE(modem->waitUntil([this] { return wdsClients().size() == 1; }, kTimeout))
+        << "the first pipeline's client is released";
+    std::vector<vexsim::ClientInfo> clients = wdsClients();
+    ASSERT_EQ(clients.size(), 1u);
+    EXPECT_GT(clients[0].id, oldClient);
+    EXPECT_EQ(clients[0].subscription, 1);
+    Keys keys = manager.filter(FilterProfileParams());
+    ASSERT_EQ(keys.size(), 1u);
+    EXPECT_EQ(keys.front()->getProfileId(), 5);
+
+    // The old handle's pipeline is gone: its calls are logged and go nowhere.
+    clearLogs();
+    const std::string text = old->dump();
+    old->registerExpirationListener([] {});
+    const int id = old->getProfileId();
+    old.reset();
+    EXPECT_TRUE(logged("pipeline is gone, dropping Callback Register " + text));
+    EXPECT_TRUE(logged("pipeline is gone, dropping Callback Release"));
+    EXPECT_TRUE(onModem(k3gpp, id)) << "nobody deleted it";
+}
+
+// --- Many client threads ---
+
+TEST_F(ManagerSimModemTest, ConcurrentCallersEachGetTheirOwnAnswer) {
+    constexpr int kThreads = 8;
+    constexpr int kRounds = 10;
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int round = 0; round < kRounds; ++round) {
+                const std::string apn = "t" + std::to_string(t) + "r" + std::to_string(round);
+                std::shared_ptr<IProfileKey> key = manager.addProfile(addParams(apn));
+                if (!key) {
+                    ++wrong;
+                    continue;
+                }
+                std::optional<kel::ProfileParams> read = manager.getProfile(key);
+                Keys found = manager.filter(byApn(apn));
+                const bool renamed = manager.modifyProfile(newApn(apn + ".x"), key);
+                const bool matches = manager.match(byApn(apn + ".x"), key);
+                if (!read || read->getApnName() != apn || found.size() != 1 ||
+                    tokenOf(found.front()) != tokenOf(key) || !renamed || !matches) {
+                    ++wrong;
+                }
+                // Both handles are released from this thread, among the others' calls.
+                found.clear();
+                key.reset();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_TRUE(onModemNamed("kel_profile").empty()) << "every last release deleted its profile";
+}
+
+// --- Calls on the worker thread ---
+
+TEST_F(ManagerSimModemTest, CallsFromAListenerAreRefusedInsteadOfDeadlocking) {
+    std::shared_ptr<IProfileKey> added = manager.addProfile(addParams("listener.example"));
+    std::shared_ptr<IProfileKey> watcher = manager.filter(byApn("listener.example")).front();
+    // The listener drops the last reference to a handle, and calls the facade.
+    auto held =
+        std::make_shared<std::shared_ptr<IProfileKey>>(manager.filter(byApn("ims")).front());
+    const std::string heldToken = std::to_string(tokenOf(*held));
+    std::atomic<bool> answered{true};
+    watcher->registerExpirationListener([this, held, &answered] {
+        held->reset();
+        answered = manager.getProfile(nullptr).has_value() || !manager.filter(byApn("ims")).empty();
+    });
+
+    EXPECT_TRUE(manager.deleteProfile(added));
+    EXPECT_FALSE(answered.load());
+    EXPECT_TRUE(logged("request on the worker thread refused: Callback Release " + heldToken));
+    EXPECT_TRUE(logged("request on the worker thread refused: Get "));
+    EXPECT_TRUE(logged("request on the worker thread refused: Filter "));
+    EXPECT_FALSE(manager.filter(byApn("ims")).empty()) << "the pipeline still answers";
+}
+
+// --- A handle that outlives the process's Manager ---
+
+// Destroyed after every function-local static, the process-wide Manager included.
+std::shared_ptr<IProfileKey> lateHandle;
+
+TEST(ManagerAtExitTest, HandleReleasedAfterTheManagerIsDestroyedIsHarmless) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            testsupport::TempDir dir;
+            vexsim::Config config;
+            config.serviceDir = dir.path();
+            config.seedText = kDefaultSeed;
+            auto modem = std::make_unique<vexsim::SimModem>(config);
+            if (!modem->start() || setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1) != 0) {
+                std::exit(2);
+            }
+            Manager::getInstance().init(0, true);
+            modem->waitUntil(
+                [&] {
+                    for (const vexsim::ClientInfo& client : modem->clients()) {
+                        if (!client.notifierOnly && client.profilesReadySent) {
+                            return true;
+                        }
+                    }
+                    return false;
+                },
+                kTimeout);
+            lateHandle = Manager::getInstance().addProfile(addParams("late"));
+            if (!lateHandle) {
+                std::exit(3);
+            }
+            modem.reset();
+            std::filesystem::remove_all(dir.path());
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace e2e

@@ -1,1 +1,381 @@
-// Replaced by the real tests.
+// End to end: the profile cache through kel::Manager against the embedded simulated modem: how it
+// fills, tells its own changes from those of others, releases handles and fires listeners.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "SimModemFixture.h"
+
+namespace e2e {
+namespace {
+
+using kel::FilterProfileParams;
+using kel::IProfileKey;
+using kel::ModifyProfileParams;
+using kel::PDCRefreshStatus;
+using Keys = std::list<std::shared_ptr<IProfileKey>>;
+
+class ProfileCacheSimModemTest : public SimModemFixture {
+  protected:
+    Keys all() { return manager.filter(FilterProfileParams()); }
+    std::shared_ptr<IProfileKey> carrierInternet() {
+        FilterProfileParams filter = byApn("internet");
+        filter.setFilterByTechType(kel::TechType::TYPE_3GPP);
+        Keys keys = manager.filter(filter);
+        return keys.empty() ? nullptr : keys.front();
+    }
+    std::string apnOf(const std::shared_ptr<IProfileKey>& key) {
+        std::optional<kel::ProfileParams> params = manager.getProfile(key);
+        return params ? params->getApnName() : std::string("(none)");
+    }
+    static ModifyProfileParams newApn(const std::string& apn) {
+        ModifyProfileParams params;
+        params.setApnName(apn);
+        return params;
+    }
+    // Settings as another client of the modem would write them.
+    static wds_profile_settings_v01 apnSettings(const std::string& apn) {
+        wds_profile_settings_v01 settings{};
+        settings.apn_name_valid = 1;
+        std::snprintf(settings.apn_name, sizeof(settings.apn_name), "%s", apn.c_str());
+        return settings;
+    }
+};
+
+// --- Filling ---
+
+TEST_F(ProfileCacheSimModemTest, HoldsEveryModemProfileOnceTheModemAnnouncesThem) {
+    Keys keys = all();
+    ASSERT_EQ(keys.size(), modem->profiles(0).size());
+    for (const std::shared_ptr<IProfileKey>& key : keys) {
+        auto type = key->getTechType() == kel::TechType::TYPE_3GPP ? k3gpp : k3gpp2;
+        std::optional<vexsim::Profile> profile = onModem(type, key->getProfileId());
+        ASSERT_TRUE(profile) << key->dump();
+        EXPECT_EQ(apnOf(key),
+                  type == k3gpp ? profile->settings.apn_name : profile->settings.apn_string);
+    }
+}
+
+struct Announcement {
+    const char* event;
+    std::function<void(vexsim::SimModem&)> announce;
+};
+
+class ProfileCacheAnnouncementTest : public ProfileCacheSimModemTest,
+                                     public ::testing::WithParamInterface<Announcement> {};
+
+TEST_P(ProfileCacheAnnouncementTest, RereadsTheModemAndExpiresOldHandles) {
+    std::shared_ptr<IProfileKey> old = carrierInternet();
+    const std::uint64_t before = served();
+    GetParam().announce(*modem);
+    ASSERT_TRUE(waitUntilServed(before + 2 + modem->profiles(0).size()));
+    sync();
+
+    EXPECT_TRUE(history(std::string("ProfileCache: onIndication < 3GPP:0 ") + GetParam().event));
+    EXPECT_TRUE(history("ProfileCache: updating cache due to indication!"));
+    EXPECT_TRUE(history("Refreshed Profiles:"));
+    EXPECT_EQ(all().size(), modem->profiles(0).size());
+    EXPECT_FALSE(manager.getProfile(old));
+    EXPECT_TRUE(error("ProfileCache: token is not present or expired"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Events, ProfileCacheAnnouncementTest,
+    ::testing::Values(Announcement{"ProfileReady",
+                                   [](vexsim::SimModem& m) { m.announceProfilesReady(0); }},
+                      Announcement{"SubscriptionChange",
+                                   [](vexsim::SimModem& m) { m.announceSubscriptionChange(0); }}),
+    [](const ::testing::TestParamInfo<Announcement>& param) { return param.param.event; });
+
+class ProfileCacheWithoutAnnouncementTest : public ProfileCacheSimModemTest {
+  protected:
+    ProfileCacheWithoutAnnouncementTest() { config.profilesReadyOnRegister = false; }
+};
+
+TEST_F(ProfileCacheWithoutAnnouncementTest, StaysEmptyUntilARefreshCompletes) {
+    EXPECT_TRUE(all().empty());
+    manager.refresh(PDCRefreshStatus::Completed);
+    EXPECT_EQ(all().size(), modem->profiles(0).size());
+}
+
+// --- Adding and the modem's echoes ---
+
+struct NamedAdd {
+    bool initialAttach;
+    const char* name;
+};
+
+class ProfileCacheAddTest : public ProfileCacheSimModemTest,
+                            public ::testing::WithParamInterface<NamedAdd> {};
+
+TEST_P(ProfileCacheAddTest, CreatesAProfileUnderTheLibrarysOwnName) {
+    kel::AddProfileParams params(false, kel::TechType::TYPE_3GPP, GetParam().initialAttach);
+    params.setApnName("Named.Example");
+    std::shared_ptr<IProfileKey> key = manager.addProfile(params);
+    ASSERT_TRUE(key);
+
+    std::vector<vexsim::Profile> created = onModemNamed(GetParam().name);
+    ASSERT_EQ(created.size(), 1u);
+    EXPECT_EQ(created[0].index, key->getProfileId());
+    EXPECT_STREQ(created[0].settings.apn_name, "named.example");
+    EXPECT_FALSE(created[0].persistent);
+    EXPECT_TRUE(history("VexWdsProxy VEX_WDS_CREATE_PROFILE_REQ_V01 request successful!"));
+    EXPECT_TRUE(logged("Added: TechType=3GPP,ProfileId=" + std::to_string(key->getProfileId())));
+    std::optional<kel::ProfileParams> read = manager.getProfile(key);
+    ASSERT_TRUE(read);
+    EXPECT_TRUE(read->getIsKelProfile());
+    EXPECT_EQ(read->getIsIAProfile(), GetParam().initialAttach);
+}
+
+INSTANTIATE_TEST_SUITE_P(Names, ProfileCacheAddTest,
+                         ::testing::Values(NamedAdd{false, "kel_profile"},
+                                           NamedAdd{true, "kel_profile_ia"}),
+                         [](const ::testing::TestParamInfo<NamedAdd>& param) {
+                             return std::string(param.param.name);
+                         });
+
+TEST_F(ProfileCacheSimModemTest, AddsA3gpp2ProfileWithoutAName) {
+    std::shared_ptr<IProfileKey> key =
+        manager.addProfile(addParams("cdma.example", false, kel::TechType::TYPE_3GPP2));
+    ASSERT_TRUE(key);
+    std::optional<vexsim::Profile> created = onModem(k3gpp2, key->getProfileId());
+    ASSERT_TRUE(created);
+    EXPECT_STREQ(created->settings.apn_string, "cdma.example");
+    EXPECT_FALSE(created->settings.profile_name_valid);
+}
+
+TEST_F(ProfileCacheSimModemTest, AddOfAnUnknownTechnologyReachesNoModem) {
+    const std::uint64_t before = served();
+    EXPECT_FALSE(manager.addProfile(addParams("x.example", false, static_cast<kel::TechType>(5))));
+    EXPECT_TRUE(error("ProfileCache: failed to create profile"));
+    EXPECT_EQ(served(), before);
+}
+
+TEST_F(ProfileCacheSimModemTest, TokensOnlyGrowAndAFailedAddStillConsumesOne) {
+    std::shared_ptr<IProfileKey> first = manager.addProfile(addParams("a.example"));
+    modem->failNext(1, VEX_WDS_CREATE_PROFILE_REQ_V01);
+    EXPECT_FALSE(manager.addProfile(addParams("b.example")));
+    std::shared_ptr<IProfileKey> third = manager.addProfile(addParams("c.example"));
+    ASSERT_TRUE(first && third);
+    EXPECT_EQ(tokenOf(third), tokenOf(first) + 2);
+}
+
+TEST_F(ProfileCacheSimModemTest, ConsumesItsOwnEchoesWithoutReadingTheModem) {
+    std::shared_ptr<IProfileKey> key = manager.addProfile(addParams("echo.example"));
+    ASSERT_TRUE(key);
+    ASSERT_TRUE(manager.modifyProfile(newApn("echoed.example"), key));
+    ASSERT_TRUE(manager.deleteProfile(key));
+    ASSERT_TRUE(settle());
+
+    // Create, modify (of the creation), modify, delete: four echoes, each expected.
+    EXPECT_EQ(count(ANDROID_LOG_INFO, "ProfileCache: pending transaction confirmed"), 4);
+    // The only change the cache did not make itself is settle()'s.
+    EXPECT_EQ(count(ANDROID_LOG_INFO, "ProfileCache: updating cache due to indication!"), 1);
+    std::vector<std::string> lines = manager.dump();
+    auto pending = std::find(lines.begin(), lines.end(), "Pending:");
+    ASSERT_NE(pending, lines.end());
+    EXPECT_EQ(*std::next(pending), "") << "no echo is still expected";
+}
+
+TEST_F(ProfileCacheSimModemTest, ChangesByAnotherClientReachTheCache) {
+    std::uint64_t before = served();
+    std::optional<std::uint8_t> index =
+        modem->createProfile(0, k3gpp, apnSettings("other.example"), false);
+    ASSERT_TRUE(index);
+    // A creation is announced as create and modify: the library reads the profile twice.
+    ASSERT_TRUE(waitUntilServed(before + 2));
+    sync();
+    Keys found = manager.filter(byApn("other.example"));
+    ASSERT_EQ(found.size(), 1u);
+    std::shared_ptr<IProfileKey> key = found.front();
+    EXPECT_EQ(key->getProfileId(), *index);
+
+    before = served();
+    ASSERT_TRUE(modem->modifyProfile(0, k3gpp, *index, apnSettings("renamed.example")));
+    ASSERT_TRUE(waitUntilServed(before + 1));
+    sync();
+    EXPECT_EQ(apnOf(key), "renamed.example") << "the handle stays valid across the change";
+
+    ASSERT_TRUE(modem->deleteProfile(0, k3gpp, *index));
+    ASSERT_TRUE(settle());
+    EXPECT_FALSE(manager.getProfile(key));
+    EXPECT_TRUE(manager.filter(byApn("renamed.example")).empty());
+}
+
+// --- Modify ---
+
+TEST_F(ProfileCacheSimModemTest, ModifyChangesModemAndCache) {
+    std::shared_ptr<IProfileKey> key = carrierInternet();
+    ASSERT_TRUE(manager.modifyProfile(newApn("Internet.Example"), key));
+    EXPECT_STREQ(onModem(k3gpp, key->getProfileId())->settings.apn_name, "internet.example");
+    EXPECT_EQ(apnOf(key), "internet.example");
+    EXPECT_TRUE(logged("Diff: TechType=3GPP,ProfileId=-1,ApnName=internet.example,"));
+}
+
+TEST_F(ProfileCacheSimModemTest, ModifyThatChangesNothingDoesNotReachTheModem) {
+    std::shared_ptr<IProfileKey> key = carrierInternet();
+    const std::uint64_t before = served();
+    EXPECT_TRUE(manager.modifyProfile(newApn("INTERNET"), key));
+    EXPECT_TRUE(history("ProfileCache: profile is unchanged"));
+    EXPECT_EQ(served(), before);
+}
+
+// --- Release ---
+
+struct Release {
+    bool persistent;
+    bool deleted;
+    const char* log;
+};
+
+class ProfileCacheReleaseTest : public ProfileCacheSimModemTest,
+                                public ::testing::WithParamInterface<Release> {};
+
+TEST_P(ProfileCacheReleaseTest, LastHandleDeletesOnlyNonPersistentLibraryProfiles) {
+    std::shared_ptr<IProfileKey> key =
+        manager.addProfile(addParams("release.example", GetParam().persistent));
+    ASSERT_TRUE(key);
+    const int id = key->getProfileId();
+    const std::string expectedLog =
+        std::string(GetParam().log) + (GetParam().deleted ? std::to_string(id) : "");
+    key.reset();
+
+    EXPECT_EQ(!onModem(k3gpp, id), GetParam().deleted);
+    EXPECT_EQ(manager.filter(byApn("release.example")).empty(), GetParam().deleted);
+    EXPECT_TRUE(history(expectedLog));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Persistence, ProfileCacheReleaseTest,
+    ::testing::Values(Release{false, true, "Released profile "},
+                      Release{true, false,
+                              "ProfileCache: ignoring non-persistent or non-kel created"}),
+    [](const ::testing::TestParamInfo<Release>& param) {
+        return std::string(param.param.persistent ? "Persistent" : "NotPersistent");
+    });
+
+TEST_F(ProfileCacheSimModemTest, TwoHandlesOfOneProfileKeepItUntilBothAreGone) {
+    std::shared_ptr<IProfileKey> added = manager.addProfile(addParams("shared.example"));
+    Keys found = manager.filter(byApn("shared.example"));
+    ASSERT_TRUE(added);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(tokenOf(found.front()), tokenOf(added));
+    const int id = added->getProfileId();
+
+    added.reset();
+    EXPECT_TRUE(onModem(k3gpp, id));
+    found.clear();
+    EXPECT_FALSE(onModem(k3gpp, id));
+}
+
+TEST_F(ProfileCacheSimModemTest, ReleasingAHandleOfACarrierProfileKeepsIt) {
+    std::shared_ptr<IProfileKey> key = carrierInternet();
+    const int id = key->getProfileId();
+    key.reset();
+    EXPECT_TRUE(onModem(k3gpp, id));
+    EXPECT_TRUE(carrierInternet());
+}
+
+TEST_F(ProfileCacheSimModemTest, RefreshExpiresEveryHandleAndTheirReleasesDeleteNothing) {
+    std::shared_ptr<IProfileKey> added = manager.addProfile(addParams("stale.example"));
+    ASSERT_TRUE(added);
+    const int id = added->getProfileId();
+    manager.refresh(PDCRefreshStatus::Completed);
+
+    EXPECT_FALSE(manager.getProfile(added));
+    EXPECT_FALSE(manager.match(byApn("stale.example"), added));
+    EXPECT_FALSE(manager.modifyProfile(newApn("other.example"), added));
+    EXPECT_FALSE(manager.deleteProfile(added));
+    added.reset();
+    EXPECT_TRUE(error("ProfileCache: token is not present or expired"));
+    EXPECT_TRUE(onModem(k3gpp, id)) << "a release of an expired handle deletes nothing";
+}
+
+// --- Expiration listeners ---
+
+struct Expiry {
+    const char* name;
+    // Makes the profile behind `added` go away (or be replaced) while a listener watches it.
+    std::function<void(kel::Manager&, vexsim::SimModem&, std::shared_ptr<IProfileKey>&)> cause;
+};
+
+class ProfileCacheExpiryTest : public ProfileCacheSimModemTest,
+                               public ::testing::WithParamInterface<Expiry> {};
+
+TEST_P(ProfileCacheExpiryTest, ListenerOfAHeldHandleFiresOnce) {
+    Calls calls;
+    std::shared_ptr<IProfileKey> added = manager.addProfile(addParams("watched.example", true));
+    ASSERT_TRUE(added);
+    std::shared_ptr<IProfileKey> watcher = manager.filter(byApn("watched.example")).front();
+    watcher->registerExpirationListener(calls.callback());
+
+    GetParam().cause(manager, *modem, added);
+    EXPECT_TRUE(calls.waitFor(1));
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(calls.count(), 1);
+    EXPECT_TRUE(debug("invoke callback"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Causes, ProfileCacheExpiryTest,
+    ::testing::Values(
+        Expiry{"AnotherHandleDeletes",
+               [](kel::Manager& m, vexsim::SimModem&, std::shared_ptr<IProfileKey>& key) {
+                   m.deleteProfile(key);
+               }},
+        Expiry{"ModemDeletes",
+               [](kel::Manager&, vexsim::SimModem& sim, std::shared_ptr<IProfileKey>& key) {
+                   sim.deleteProfile(0, k3gpp, static_cast<std::uint8_t>(key->getProfileId()));
+               }},
+        // The cache replaces the profile object and keeps its token.
+        Expiry{"ModemModifies",
+               [](kel::Manager&, vexsim::SimModem& sim, std::shared_ptr<IProfileKey>& key) {
+                   wds_profile_settings_v01 change{};
+                   change.apn_class_valid = 1;
+                   change.apn_class = 4;
+                   sim.modifyProfile(0, k3gpp, static_cast<std::uint8_t>(key->getProfileId()),
+                                     change);
+               }},
+        Expiry{"Refresh",
+               [](kel::Manager& m, vexsim::SimModem&, std::shared_ptr<IProfileKey>&) {
+                   m.refresh(PDCRefreshStatus::Completed);
+               }}),
+    [](const ::testing::TestParamInfo<Expiry>& param) { return param.param.name; });
+
+TEST_F(ProfileCacheSimModemTest, ListenerOfADroppedHandleNeverFires) {
+    Calls calls;
+    std::shared_ptr<IProfileKey> added = manager.addProfile(addParams("dropped.example"));
+    std::shared_ptr<IProfileKey> watcher = manager.filter(byApn("dropped.example")).front();
+    watcher->registerExpirationListener(calls.callback());
+    watcher.reset();
+    EXPECT_TRUE(manager.deleteProfile(added));
+    EXPECT_EQ(calls.count(), 0);
+}
+
+// --- Dump ---
+
+TEST_F(ProfileCacheSimModemTest, DumpListsEveryEntryThenTheLogHistory) {
+    std::shared_ptr<IProfileKey> key = manager.addProfile(addParams("dump.example"));
+    ASSERT_TRUE(settle());
+    std::vector<std::string> lines = manager.dump();
+
+    ASSERT_GE(lines.size(), modem->profiles(0).size() + 4);
+    EXPECT_EQ(lines[0], "Cache:");
+    const std::string entry = "  " + std::to_string(tokenOf(key)) +
+                              ": TechType=3GPP,ProfileId=" + std::to_string(key->getProfileId()) +
+                              ",ApnName=dump.example,";
+    EXPECT_NE(std::find_if(lines.begin(), lines.end(),
+                           [&](const std::string& line) { return line.rfind(entry, 0) == 0; }),
+              lines.end());
+    auto logs = std::find(lines.begin(), lines.end(), "Logs:");
+    ASSERT_NE(logs, lines.end());
+    EXPECT_EQ(*std::prev(logs), "");
+    EXPECT_EQ(std::distance(logs, lines.end()) - 1,
+              static_cast<long>(kel::LocalLogBuffer::getInstance()->getLogs().size()));
+}
+
+}  // namespace
+}  // namespace e2e

@@ -1,1 +1,439 @@
-// Replaced by the real tests.
+// End to end: the library's connection to the modem's data service, through kel::Manager against
+// the embedded simulated modem: registration, the modem going down and coming back, a modem that
+// answers errors or answers too late, and indications the library must survive. One test uses a
+// scripted modem on the same socket, for a profile list that the simulated modem never sends.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "SimModemFixture.h"
+#include "VexWire.h"
+
+namespace e2e {
+namespace {
+
+using kel::FilterProfileParams;
+using kel::IProfileKey;
+using kel::PDCRefreshStatus;
+
+std::shared_ptr<IProfileKey> first3gpp(kel::Manager& manager, const std::string& apn) {
+    FilterProfileParams filter = byApn(apn);
+    filter.setFilterByTechType(kel::TechType::TYPE_3GPP);
+    auto keys = manager.filter(filter);
+    return keys.empty() ? nullptr : keys.front();
+}
+
+// --- Connecting ---
+
+class VexWdsProxySimModemTest : public SimModemFixture {};
+
+// Starts the modem only; each test connects the library itself.
+class VexWdsProxyConnectTest : public SimModemFixture {
+  protected:
+    void SetUp() override { startModem(); }
+};
+
+TEST_F(VexWdsProxyConnectTest, BindsRegistersAndReleasesItsNotifier) {
+    connect(manager, 0);
+
+    ASSERT_TRUE(modem->waitUntil([this] { return modem->clients().size() == 1; }, kTimeout))
+        << "only the WDS client stays connected; the notifier is released";
+    vexsim::ClientInfo client = modem->clients()[0];
+    EXPECT_FALSE(client.notifierOnly);
+    EXPECT_TRUE(isRegistered(client));
+    EXPECT_EQ(client.subscription, 0);
+    EXPECT_TRUE(history("KEL thread started"));
+    EXPECT_TRUE(history("VexWdsProxy::registerVexSvcUp"));
+    EXPECT_TRUE(debug("VexWdsProxy service is up, trying to initialize svc client"));
+    EXPECT_TRUE(debug("vex_client_register_error_cb result: 0"));
+    EXPECT_TRUE(debug("VexWdsProxy bind register request successful!"));
+    EXPECT_TRUE(debug("VexWdsProxy indication register request successful!"));
+    EXPECT_TRUE(debug("VexWdsProxy config register request successful!"));
+}
+
+struct Registration {
+    const char* name;
+    unsigned int msgId;
+    const char* failure;
+    std::function<bool(const vexsim::ClientInfo&)> done;
+};
+
+class VexWdsProxyRegistrationTest : public VexWdsProxyConnectTest,
+                                    public ::testing::WithParamInterface<Registration> {};
+
+TEST_P(VexWdsProxyRegistrationTest, AFailedRegistrationIsLoggedAndTheOthersAreStillSent) {
+    modem->failNext(1, GetParam().msgId);
+    manager.init(0, true);
+    ASSERT_TRUE(waitUntilServed(kRegistrationRequests));
+    sync();
+
+    vexsim::ClientInfo client = *libraryClient();
+    EXPECT_FALSE(GetParam().done(client));
+    EXPECT_EQ(client.bound + client.indicationsRegistered + client.eventListConfigured, 2);
+    EXPECT_TRUE(error(GetParam().failure));
+    EXPECT_EQ(client.requestsServed, kRegistrationRequests) << "nothing is retried";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Requests, VexWdsProxyRegistrationTest,
+    ::testing::Values(
+        Registration{"Bind", VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, "Unable send bind req message",
+                     [](const vexsim::ClientInfo& c) { return c.bound; }},
+        Registration{"IndicationRegister", VEX_WDS_INDICATION_REGISTER_REQ_V01,
+                     "Unable send indication req message",
+                     [](const vexsim::ClientInfo& c) { return c.indicationsRegistered; }},
+        Registration{"EventList", VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01,
+                     "Unable send config req message",
+                     [](const vexsim::ClientInfo& c) { return c.eventListConfigured; }}),
+    [](const ::testing::TestParamInfo<Registration>& param) { return param.param.name; });
+
+// --- The modem going down and coming back ---
+
+TEST_F(VexWdsProxySimModemTest, ReconnectsAndRereadsTheModemAfterItsLinkBreaks) {
+    std::shared_ptr<IProfileKey> old = first3gpp(manager, "internet");
+    const int oldClient = newestClientId();
+    ASSERT_TRUE(modem->dropClient(oldClient));
+    ASSERT_TRUE(waitUntilFilled(oldClient, 0));
+    sync();
+
+    EXPECT_EQ(wdsClients().size(), 1u);
+    EXPECT_TRUE(debug("src/VexWdsProxy.cpp:163:vexErrorCb"));
+    EXPECT_TRUE(debug("src/VexWdsProxy.cpp:232:handleError"));
+    EXPECT_TRUE(info("Handling modem down"));
+    EXPECT_TRUE(history("VexWdsProxy::registerVexSvcUp"));
+    EXPECT_FALSE(manager.getProfile(old)) << "the cache was read again";
+    EXPECT_TRUE(first3gpp(manager, "internet"));
+}
+
+TEST_F(VexWdsProxySimModemTest, ARestartedModemKeepsOnlyPersistentProfiles) {
+    std::shared_ptr<IProfileKey> kept = manager.addProfile(addParams("kept.example", true));
+    std::shared_ptr<IProfileKey> lost = manager.addProfile(addParams("lost.example", false));
+    const int oldClient = newestClientId();
+    modem->stop();
+    std::string why;
+    ASSERT_TRUE(modem->start(&why)) << why;
+    ASSERT_TRUE(waitUntilFilled(oldClient, 0));
+    sync();
+
+    EXPECT_EQ(manager.filter(byApn("kept.example")).size(), 1u);
+    EXPECT_TRUE(manager.filter(byApn("lost.example")).empty());
+    lost.reset();
+    EXPECT_TRUE(error("ProfileCache: token is not present or expired"));
+}
+
+TEST_F(VexWdsProxySimModemTest, AfterReconnectingReadsTheModemOnlyWhenItAnnouncesItsProfiles) {
+    modem->setProfilesReadyOnRegister(false);
+    std::shared_ptr<IProfileKey> key = first3gpp(manager, "internet");
+    const int oldClient = newestClientId();
+    ASSERT_TRUE(modem->dropClient(oldClient));
+    ASSERT_TRUE(waitUntilRegistered(oldClient));
+    sync();
+    EXPECT_EQ(served(), kRegistrationRequests);
+    EXPECT_TRUE(manager.getProfile(key)) << "the cache is kept until the modem announces";
+
+    modem->announceProfilesReady(0);
+    ASSERT_TRUE(waitUntilServed(kRegistrationRequests + 2 + modem->profiles(0).size()));
+    sync();
+    EXPECT_FALSE(manager.getProfile(key));
+}
+
+// --- Errors and late answers ---
+
+class VexWdsProxyFaultTest;
+
+struct ModemFault {
+    const char* name;
+    unsigned int msgId;
+    std::vector<const char*> errors;
+    // Runs the operation against the failing modem; true when the library answered as it must.
+    std::function<bool(VexWdsProxyFaultTest&)> operation;
+};
+
+class VexWdsProxyFaultTest : public VexWdsProxySimModemTest,
+                             public ::testing::WithParamInterface<ModemFault> {
+  public:
+    kel::Manager& library() { return manager; }
+    vexsim::SimModem& sim() { return *modem; }
+    using SimModemFixture::served;
+};
+
+TEST_P(VexWdsProxyFaultTest, AnsweredErrorIsLoggedAndLeavesCacheAsTheModemHasIt) {
+    modem->failNext(1, GetParam().msgId);
+    EXPECT_TRUE(GetParam().operation(*this));
+    for (const char* text : GetParam().errors) {
+        EXPECT_TRUE(error(text)) << text;
+    }
+}
+
+bool apnIs(kel::Manager& manager, const std::shared_ptr<IProfileKey>& key, const char* apn) {
+    std::optional<kel::ProfileParams> params = manager.getProfile(key);
+    return params && params->getApnName() == apn;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Messages, VexWdsProxyFaultTest,
+    ::testing::Values(
+        ModemFault{"Create",
+                   VEX_WDS_CREATE_PROFILE_REQ_V01,
+                   {"Unable send VEX_WDS_CREATE_PROFILE_REQ_V01 message"},
+                   [](VexWdsProxyFaultTest& fixture) {
+                       return !fixture.library().addProfile(addParams("refused.example")) &&
+                              fixture.library().filter(byApn("refused.example")).empty();
+                   }},
+        ModemFault{"Modify",
+                   VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01,
+                   {"Unable send VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 message",
+                    "ProfileCache: failed to modify modem profile"},
+                   [](VexWdsProxyFaultTest& fixture) {
+                       auto key = first3gpp(fixture.library(), "internet");
+                       kel::ModifyProfileParams change;
+                       change.setApnName("refused.example");
+                       // Reported as done, deliberately; the cache keeps the modem's
+                       // value.
+                       return fixture.library().modifyProfile(change, key) &&
+                              apnIs(fixture.library(), key, "internet");
+                   }},
+        ModemFault{"Delete",
+                   VEX_WDS_DELETE_PROFILE_REQ_V01,
+                   {"Unable send VEX_WDS_DELETE_PROFILE_REQ_V01 message",
+                    "ProfileCache: Failed to remove profile"},
+                   [](VexWdsProxyFaultTest& fixture) {
+                       auto key = first3gpp(fixture.library(), "internet");
+                       return !fixture.library().deleteProfile(key) &&
+                              apnIs(fixture.library(), key, "internet");
+                   }},
+        ModemFault{"List",
+                   VEX_WDS_GET_PROFILE_LIST_REQ_V01,
+                   {"Unable send VEX_WDS_GET_PROFILE_LIST_REQ_V01 message"},
+                   [](VexWdsProxyFaultTest& fixture) {
+                       const std::uint64_t before = fixture.served();
+                       fixture.library().refresh(PDCRefreshStatus::Completed);
+                       // The 3GPP2 list is not asked for once the 3GPP list failed.
+                       return fixture.library().filter(FilterProfileParams()).empty() &&
+                              fixture.served() == before + 1;
+                   }},
+        ModemFault{"Settings",
+                   VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01,
+                   {"Unable send VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01 message",
+                    "ProfileCache: null profile"},
+                   [](VexWdsProxyFaultTest& fixture) {
+                       fixture.library().refresh(PDCRefreshStatus::Completed);
+                       const std::vector<std::string> lines = fixture.library().dump();
+                       const bool nullEntry =
+                           std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+                               return line.size() > 6 && line.substr(line.size() - 6) == ": null";
+                           });
+                       return nullEntry && fixture.library().filter(FilterProfileParams()).size() ==
+                                               fixture.sim().profiles(0).size() - 1;
+                   }}),
+    [](const ::testing::TestParamInfo<ModemFault>& param) { return param.param.name; });
+
+TEST_F(VexWdsProxySimModemTest, AnswerTooLateIsAFailureAndIsNotTakenForTheNextOne) {
+    modem->setResponseDelay(std::chrono::milliseconds(1500), VEX_WDS_CREATE_PROFILE_REQ_V01);
+    EXPECT_FALSE(manager.addProfile(addParams("late.example")));
+    EXPECT_TRUE(error("Unable send VEX_WDS_CREATE_PROFILE_REQ_V01 message"));
+
+    modem->setResponseDelay(std::chrono::milliseconds(0));
+    std::shared_ptr<IProfileKey> next = manager.addProfile(addParams("next.example"));
+    ASSERT_TRUE(next);
+    std::optional<vexsim::Profile> created = onModem(k3gpp, next->getProfileId());
+    ASSERT_TRUE(created);
+    EXPECT_STREQ(created->settings.apn_name, "next.example");
+    // The modem made the late profile all the same; its announcements bring it into the cache.
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(manager.filter(byApn("late.example")).size(), 1u);
+}
+
+// --- Indications ---
+
+TEST_F(VexWdsProxySimModemTest, HandlesABurstOfIndicationsInArrivalOrder) {
+    const std::uint64_t before = served();
+    modem->sendIndicationBurst(0, 3);
+    ASSERT_TRUE(waitUntilServed(before + 3));
+    sync();
+
+    std::vector<std::string> seen;
+    for (const hostlog::AndroidLogRecord& record :
+         capture.androidContaining("ProfileCache: onIndication < ")) {
+        seen.push_back(record.message);
+    }
+    EXPECT_EQ(seen, (std::vector<std::string>{"ProfileCache: onIndication < 3GPP:1 Modify",
+                                              "ProfileCache: onIndication < 3GPP:2 Modify",
+                                              "ProfileCache: onIndication < 3GPP2:1 Modify"}));
+}
+
+TEST_F(VexWdsProxySimModemTest, IgnoresAnIndicationOfAnotherMessage) {
+    modem->sendUnknownIndication(0, 0x1234);
+    ASSERT_TRUE(settle());
+    EXPECT_TRUE(verbose("Unknown message ID 4660 received"));
+}
+
+TEST_F(VexWdsProxySimModemTest, DropsAMalformedIndicationAndHandlesLaterOnes) {
+    modem->sendMalformedIndication(0);
+    // An undecodable indication ends its turn: one that arrived with it waits for the next
+    // wake-up, so the sentinel is changed until the library has read it.
+    bool handled = false;
+    for (int attempt = 0; attempt < 5 && !handled; ++attempt) {
+        const std::uint64_t before = served();
+        wds_profile_settings_v01 change{};
+        change.apn_class_3gpp2_valid = 1;
+        change.apn_class_3gpp2 = static_cast<std::uint8_t>(100 + attempt);
+        auto sentinelIndex = manager.filter(byApn(kSentinelApn)).front()->getProfileId();
+        ASSERT_TRUE(
+            modem->modifyProfile(0, k3gpp2, static_cast<std::uint8_t>(sentinelIndex), change));
+        handled = modem->waitUntil([&] { return served() > before; }, std::chrono::seconds(1));
+    }
+    EXPECT_TRUE(handled);
+    EXPECT_TRUE(error("Unable to decode the nr status ind message"));
+}
+
+// --- A modem that claims more profiles than its list holds ---
+
+// Serves WDS on the real socket by script: registrations succeed, every profile read returns
+// empty settings, and every profile list claims `claimed` entries. Threads: its own serving
+// thread; the counters are atomic.
+class OverclaimingModem {
+  public:
+    OverclaimingModem(const std::string& dir, std::uint32_t claimedCount) : claimed(claimedCount) {
+        std::string why;
+        listener =
+            vexwire::listenUnix(vexwire::servicePath(dir, wds_get_service_object_v01()), &why);
+        wake = vexwire::makeWakeFd();
+        thread = std::thread([this] { serve(); });
+    }
+    ~OverclaimingModem() {
+        stopping = true;
+        vexwire::signalWakeFd(wake.get());
+        thread.join();
+    }
+
+    // The library has sent its three registrations and had them answered.
+    bool waitUntilRegistered() {
+        std::unique_lock<std::mutex> lock(mutex);
+        return registered.wait_for(lock, kTimeout, [this] { return registrations >= 3; });
+    }
+
+    std::atomic<int> lists{0};
+    std::atomic<int> reads{0};
+
+  private:
+    struct Peer {
+        vexwire::UniqueFd fd;
+        vexwire::FrameReader reader;
+    };
+
+    void serve() {
+        std::vector<std::unique_ptr<Peer>> peers;
+        while (!stopping) {
+            std::vector<pollfd> fds = {{wake.get(), POLLIN, 0}, {listener.get(), POLLIN, 0}};
+            for (const auto& peer : peers) {
+                fds.push_back({peer->fd.get(), POLLIN, 0});
+            }
+            ::poll(fds.data(), fds.size(), -1);
+            if (fds[1].revents != 0) {
+                vexwire::UniqueFd fd(::accept4(listener.get(), nullptr, nullptr, SOCK_NONBLOCK));
+                if (fd) {
+                    peers.push_back(std::make_unique<Peer>(Peer{std::move(fd), {}}));
+                }
+            }
+            for (size_t i = 2; i < fds.size(); ++i) {
+                if (fds[i].revents != 0) {
+                    Peer& peer = *peers[i - 2];
+                    if (!peer.reader.fill(peer.fd.get())) {
+                        peer.fd.reset();
+                    }
+                    vexwire::Frame frame;
+                    while (peer.fd &&
+                           peer.reader.next(&frame) == vexwire::FrameReader::Result::Frame) {
+                        answer(peer, frame);
+                    }
+                }
+            }
+            peers.erase(std::remove_if(peers.begin(), peers.end(),
+                                       [](const auto& peer) { return !peer->fd; }),
+                        peers.end());
+        }
+    }
+
+    void answer(Peer& peer, const vexwire::Frame& request) {
+        if (request.header.kind != vexwire::FrameKind::Request) {
+            return;
+        }
+        std::vector<std::uint8_t> payload;
+        switch (request.header.msgId) {
+            case VEX_WDS_GET_PROFILE_LIST_REQ_V01: {
+                ++lists;
+                auto list = std::make_unique<wds_get_profile_list_resp_msg_v01>();
+                list->profile_list_len = claimed;
+                payload = bytesOf(*list);
+                break;
+            }
+            case VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01:
+                ++reads;
+                payload = bytesOf(*std::make_unique<wds_get_profile_settings_resp_msg_v01>());
+                break;
+            default: {
+                std::lock_guard<std::mutex> lock(mutex);
+                ++registrations;
+                registered.notify_all();
+                payload = bytesOf(vex_response_type_v01{});
+                break;
+            }
+        }
+        vexwire::FrameHeader header = request.header;
+        header.kind = vexwire::FrameKind::Response;
+        auto bytes = vexwire::encodeFrame(header, payload.data(), payload.size());
+        vexwire::writeAll(peer.fd.get(), bytes.data(), bytes.size(),
+                          vexwire::Clock::now() + std::chrono::seconds(1));
+    }
+
+    template <typename T>
+    static std::vector<std::uint8_t> bytesOf(const T& record) {
+        const auto* at = reinterpret_cast<const std::uint8_t*>(&record);
+        return std::vector<std::uint8_t>(at, at + sizeof(record));
+    }
+
+    const std::uint32_t claimed;
+    std::mutex mutex;  // guards registrations
+    std::condition_variable registered;
+    int registrations = 0;
+    vexwire::UniqueFd listener;
+    vexwire::UniqueFd wake;
+    std::atomic<bool> stopping{false};
+    std::thread thread;
+};
+
+TEST(VexWdsProxyOverclaimingModemTest, ListCountBeyondTheRecordReadsNoFurtherThanTheRecord) {
+    testsupport::TempDir dir;
+    hostlog::LogCapture capture;
+    ASSERT_EQ(setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1), 0);
+    OverclaimingModem modem(dir.path(), 100000);
+    kel::Manager manager;
+    manager.init(0, true);
+    ASSERT_TRUE(modem.waitUntilRegistered());
+    // The worker answered the last registration before taking this round trip.
+    manager.getProfile(nullptr);
+
+    manager.refresh(PDCRefreshStatus::Completed);
+
+    EXPECT_EQ(modem.lists.load(), 2);
+    EXPECT_EQ(modem.reads.load(), 2 * WDS_PROFILE_LIST_MAX_V01);
+    EXPECT_FALSE(
+        capture.androidContaining("VexWdsProxy profile list length 100000 exceeds 255").empty());
+}
+
+}  // namespace
+}  // namespace e2e

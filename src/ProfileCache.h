@@ -1,0 +1,77 @@
+// The library's single picture of the modem's profiles: every profile under a token, the
+// handles given to clients, their release and expiration, and the modem's profile-changed
+// indications, the cache's own changes told apart by the echoes it expects.
+//
+// Threads: worker thread only (client requests through ClientRequestManager, indications through
+// the event loop the same thread runs); hence no lock.
+#ifndef KEL_PROFILE_CACHE_H
+#define KEL_PROFILE_CACHE_H
+
+#include <functional>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "EventManager.h"
+#include "ModemProfile.h"
+#include "ProfileKey.h"
+#include "VexWdsProxy.h"
+#include "kel/ProfileParams.h"
+
+namespace kel {
+
+class ProfileCache {
+  public:
+    // Reads nothing yet: the cache fills on refresh() or the modem's profiles-ready indication.
+    // sendRequest is handed to every handle the cache creates.
+    ProfileCache(EventManager& eventManager, int subscriptionId, SendRequestFn sendRequest);
+    ProfileCache(const ProfileCache&) = delete;
+    ProfileCache& operator=(const ProfileCache&) = delete;
+
+    // The new profile's handle; empty when it could not be created on the modem.
+    std::shared_ptr<ProfileKey> add(AddProfileParams& params);
+    // True also when nothing changes and (deliberately) when the modem refuses the change.
+    bool modify(ModifyProfileParams& params, std::shared_ptr<ProfileKey> key);
+    // Deletes the profile from the modem, whoever created it; every handle to it expires.
+    bool remove(std::shared_ptr<ProfileKey> key);
+    bool match(FilterProfileParams& params, std::shared_ptr<ProfileKey> key);
+    std::optional<ProfileParams> get(std::shared_ptr<ProfileKey> key);
+    // One new handle (one more reference) per matching profile.
+    std::list<std::shared_ptr<ProfileKey>> filter(FilterProfileParams& params);
+    // Always false, whether or not the listener was registered; the handle ignores the answer.
+    bool registerExpirationListener(std::function<void()> callback, std::weak_ptr<IProfileKey> key,
+                                    unsigned long long token);
+    // One handle of token is gone. The last one of a non-persistent profile that the library
+    // created deletes it from the modem.
+    bool releaseProfile(unsigned long long token);
+    // Drops every entry (expiring every handle) and re-reads the modem.
+    bool refresh();
+    void onIndication(ProfileChangedInd ind);
+    // "Cache:", one line per entry, "Pending:", one line per expected echo.
+    std::vector<std::string> dump();
+
+    // Tokens are process-wide and never reused; the first is 0.
+    static unsigned long long generateToken();
+
+  private:
+    using ProfileMap = std::unordered_map<unsigned long long, std::shared_ptr<ModemProfile>>;
+
+    // The entry of the key's token; end() (after logging at level) when there is none.
+    ProfileMap::iterator find(const ProfileKey& key, LogLevel level);
+    ProfileMap::iterator find(unsigned long long token, LogLevel level);
+    // Records an indication that the modem will send as the echo of the cache's own change.
+    void expect(TechType techType, int profileId, ProfileChangedEvent event);
+    std::shared_ptr<ProfileKey> makeKey(const ModemProfile& profile, unsigned long long token);
+
+    SendRequestFn sendRequest;
+    VexWdsProxy vexWdsProxy;
+    ProfileMap profiles;
+    std::list<ProfileChangedInd> pendingTransactions;
+};
+
+}  // namespace kel
+
+#endif  // KEL_PROFILE_CACHE_H

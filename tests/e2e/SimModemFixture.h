@@ -1,0 +1,291 @@
+// The base of the end-to-end tests: a simulated modem serving WDS in the test's own directory,
+// a Manager connected to it through the real vex client library, its cache filled, and the log
+// observed. Everything is waited for through the modem's view of its clients and Manager round
+// trips, never by sleeping.
+#ifndef KELR_TESTS_E2E_SIM_MODEM_FIXTURE_H
+#define KELR_TESTS_E2E_SIM_MODEM_FIXTURE_H
+
+#include <android/log.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "LocalLogBuffer.h"
+#include "hostlog/LogCapture.h"
+#include "kel/Manager.h"
+#include "support/TestSupport.h"
+#include "vexsim/SimModem.h"
+
+namespace e2e {
+
+constexpr wds_profile_type_enum_v01 k3gpp = WDS_PROFILE_TYPE_3GPP_V01;
+constexpr wds_profile_type_enum_v01 k3gpp2 = WDS_PROFILE_TYPE_3GPP2_V01;
+constexpr std::chrono::seconds kTimeout{10};
+
+// Two carrier profiles per technology, all persistent (the seed's default).
+constexpr char kDefaultSeed[] = R"(
+profile 3gpp index=1 name=Internet apn=internet pdp=ipv4v6 class=3 types=default
+profile 3gpp index=2 name=IMS apn=ims pdp=ipv4v6 class=1 types=ims
+profile 3gpp2 index=1 apn=internet pdn=ipv4v6 class=3 types=default
+profile 3gpp2 index=2 apn=vzwims pdn=ipv4v6 class=1 types=ims
+)";
+
+// Requests a client sends to register: bind, indication register, event list configuration.
+constexpr std::uint64_t kRegistrationRequests = 3;
+
+// A profile to add: the APN name, dual stack.
+inline kel::AddProfileParams addParams(const std::string& apn, bool persistent = false,
+                                       kel::TechType tech = kel::TechType::TYPE_3GPP) {
+    kel::AddProfileParams params(persistent, tech, false);
+    params.setApnName(apn);
+    params.setHomeIPType(kel::IPType::V4V6);
+    return params;
+}
+
+inline kel::FilterProfileParams byApn(const std::string& apn) {
+    kel::FilterProfileParams filter;
+    filter.setApnName(apn);
+    return filter;
+}
+
+// Counts the calls of an expiration listener (made on the library's worker thread) and lets the
+// test wait for them.
+class Calls {
+  public:
+    std::function<void()> callback() {
+        return [this] {
+            std::lock_guard<std::mutex> lock(mutex);
+            ++calls;
+            changed.notify_all();
+        };
+    }
+    int count() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return calls;
+    }
+    bool waitFor(int expected) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, kTimeout, [&] { return calls >= expected; });
+    }
+
+  private:
+    std::mutex mutex;  // guards calls
+    std::condition_variable changed;
+    int calls = 0;
+};
+
+// The token a handle carries, read from its dump ("3GPP:3 token=12").
+inline unsigned long long tokenOf(const std::shared_ptr<kel::IProfileKey>& key) {
+    const std::string text = key->dump();
+    return std::stoull(text.substr(text.find("token=") + 6));
+}
+
+class SimModemFixture : public ::testing::Test {
+  protected:
+    SimModemFixture() {
+        config.seedText = kDefaultSeed;
+        config.serviceDir = dir.path();
+    }
+
+    // Starts the modem as config says, connects `manager` to subscription 0 and waits until its
+    // cache holds the modem's profiles; the log starts empty.
+    void SetUp() override {
+        startModem();
+        connect(manager, 0);
+        clearLogs();
+    }
+
+    // Starts the modem with config's profiles plus a sentinel 3GPP2 profile on subscription 0
+    // that settle() changes.
+    void startModem() {
+        vexsim::Config withSentinel = config;
+        withSentinel.seedText += std::string("\nprofile 3gpp2 apn=") + kSentinelApn + "\n";
+        modem = std::make_unique<vexsim::SimModem>(withSentinel);
+        std::string error;
+        ASSERT_TRUE(modem->start(&error)) << error;
+        ASSERT_EQ(setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1), 0);
+        for (const vexsim::Profile& profile : modem->profiles(0)) {
+            if (profile.type == k3gpp2 &&
+                kSentinelApn == std::string(profile.settings.apn_string)) {
+                sentinel = profile.index;
+            }
+        }
+        ASSERT_TRUE(sentinel.has_value());
+    }
+
+    // init(), then waits until the library's client has registered and, when the modem
+    // announces its profiles on registration, until the cache has read them all.
+    void connect(kel::Manager& target, int subscription) {
+        const int previous = newestClientId();
+        target.init(subscription, true);
+        if (config.profilesReadyOnRegister) {
+            ASSERT_TRUE(waitUntilFilled(previous, subscription));
+        } else {
+            ASSERT_TRUE(waitUntilRegistered(previous));
+        }
+        sync(target);
+    }
+
+    // --- The modem's view of the library ---
+
+    // The WDS clients (not notifiers) the modem sees now.
+    std::vector<vexsim::ClientInfo> wdsClients() const {
+        std::vector<vexsim::ClientInfo> found;
+        for (const vexsim::ClientInfo& client : modem->clients()) {
+            if (!client.notifierOnly) {
+                found.push_back(client);
+            }
+        }
+        return found;
+    }
+    // The client connected last; the library's current one.
+    std::optional<vexsim::ClientInfo> libraryClient() const {
+        std::optional<vexsim::ClientInfo> newest;
+        for (const vexsim::ClientInfo& client : wdsClients()) {
+            if (!newest || client.id > newest->id) {
+                newest = client;
+            }
+        }
+        return newest;
+    }
+    int newestClientId() const {
+        std::optional<vexsim::ClientInfo> client = modem ? libraryClient() : std::nullopt;
+        return client ? client->id : 0;
+    }
+    static bool isRegistered(const vexsim::ClientInfo& client) {
+        return client.bound && client.indicationsRegistered && client.eventListConfigured;
+    }
+    // Requests the library's current client has had served.
+    std::uint64_t served() const {
+        std::optional<vexsim::ClientInfo> client = libraryClient();
+        return client ? client->requestsServed : 0;
+    }
+
+    // A client newer than afterId has registered.
+    bool waitUntilRegistered(int afterId) {
+        return modem->waitUntil(
+            [&] {
+                std::optional<vexsim::ClientInfo> client = libraryClient();
+                return client && client->id > afterId && isRegistered(*client);
+            },
+            kTimeout);
+    }
+    // A client newer than afterId has registered, been told that the profiles are ready and
+    // read them all (two lists and one read per profile).
+    bool waitUntilFilled(int afterId, int subscription) {
+        const std::uint64_t reads = 2 + modem->profiles(subscription).size();
+        return modem->waitUntil(
+            [&] {
+                std::optional<vexsim::ClientInfo> client = libraryClient();
+                return client && client->id > afterId && isRegistered(*client) &&
+                       client->profilesReadySent &&
+                       client->requestsServed >= kRegistrationRequests + reads;
+            },
+            kTimeout);
+    }
+    // The library's client has had at least count requests served.
+    bool waitUntilServed(std::uint64_t count) {
+        return modem->waitUntil([&] { return served() >= count; }, kTimeout);
+    }
+
+    // A round trip through the worker thread that touches nothing: once it returns, whatever
+    // the worker was doing (a refresh, an indication) is finished.
+    static void sync(kel::Manager& target) { target.getProfile(nullptr); }
+    void sync() { sync(manager); }
+
+    // Waits until the library has handled every indication the modem sent so far: the modem
+    // changes a profile that no test holds, as another client would, and the library reads it
+    // back. Indications are handled in order, so the earlier ones are done.
+    bool settle() {
+        wds_profile_settings_v01 change{};
+        change.apn_class_3gpp2_valid = 1;
+        change.apn_class_3gpp2 = static_cast<std::uint8_t>(++sentinelChanges);
+        const std::uint64_t before = served();
+        if (!sentinel || !modem->modifyProfile(0, k3gpp2, *sentinel, change)) {
+            return false;
+        }
+        const bool read = waitUntilServed(before + 1);
+        sync();
+        return read;
+    }
+
+    std::optional<vexsim::Profile> onModem(wds_profile_type_enum_v01 type, int index) const {
+        return modem->profile(0, type, static_cast<std::uint8_t>(index));
+    }
+    // The modem's profiles of subscription 0 named name (3GPP only).
+    std::vector<vexsim::Profile> onModemNamed(const std::string& name) const {
+        std::vector<vexsim::Profile> found;
+        for (const vexsim::Profile& profile : modem->profiles(0)) {
+            if (profile.type == k3gpp && profile.settings.profile_name_valid &&
+                name == profile.settings.profile_name) {
+                found.push_back(profile);
+            }
+        }
+        return found;
+    }
+
+    // --- The log ---
+
+    void clearLogs() {
+        kel::LocalLogBuffer::getInstance()->flush();
+        capture.clear();
+    }
+    // Lines written to the Android log at priority that equal text.
+    int count(int priority, const std::string& text) const {
+        int found = 0;
+        for (const hostlog::AndroidLogRecord& record : capture.android()) {
+            found += record.priority == priority && record.message == text ? 1 : 0;
+        }
+        return found;
+    }
+    // Whether the history (Manager::dump's "Logs:") holds a line ending in text.
+    static bool inHistory(const std::string& text) {
+        const std::string tail = "[KEL]" + text;
+        for (const std::string& line : kel::LocalLogBuffer::getInstance()->getLogs()) {
+            if (line.size() >= tail.size() &&
+                line.compare(line.size() - tail.size(), tail.size(), tail) == 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+    // History and Error lines reach both the Android log and the history.
+    bool history(const std::string& text) const {
+        return count(ANDROID_LOG_INFO, text) > 0 && inHistory(text);
+    }
+    bool error(const std::string& text) const {
+        return count(ANDROID_LOG_ERROR, text) > 0 && inHistory(text);
+    }
+    bool info(const std::string& text) const { return count(ANDROID_LOG_INFO, text) > 0; }
+    bool debug(const std::string& text) const { return count(ANDROID_LOG_DEBUG, text) > 0; }
+    bool verbose(const std::string& text) const { return count(ANDROID_LOG_VERBOSE, text) > 0; }
+    // Whether any line at any priority contains text.
+    bool logged(const std::string& text) const { return !capture.androidContaining(text).empty(); }
+
+    static constexpr const char* kSentinelApn = "sentinel.test";
+
+    testsupport::TempDir dir;
+    hostlog::LogCapture capture;
+    vexsim::Config config;
+    std::unique_ptr<vexsim::SimModem> modem;
+    // Declared after the modem, so the library goes first and never sees the modem vanish.
+    kel::Manager manager;
+
+  private:
+    std::optional<std::uint8_t> sentinel;  // the sentinel's index
+    int sentinelChanges = 0;
+};
+
+}  // namespace e2e
+
+#endif  // KELR_TESTS_E2E_SIM_MODEM_FIXTURE_H

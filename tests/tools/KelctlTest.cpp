@@ -1,0 +1,840 @@
+// kelctl run as a user runs it: a real process with real arguments, its standard output, standard
+// error and exit status read back, against its embedded modem and against a running vex-modemd.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+#include "support/TestSupport.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+// A hung child must not hang the suite; nothing here takes more than a fraction of this.
+constexpr std::chrono::seconds kChildLimit{60};
+
+class Fd {
+  public:
+    explicit Fd(int owned = -1) : fd(owned) {}
+    ~Fd() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    int get() const { return fd; }
+    void reset() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        fd = -1;
+    }
+
+  private:
+    int fd;
+};
+
+struct Outcome {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+struct RunOptions {
+    std::string input;    // standard input
+    std::string workDir;  // empty: the test's own
+    // Environment changes: a value sets the variable, none removes it.
+    std::vector<std::pair<std::string, std::optional<std::string>>> env;
+};
+
+std::vector<std::string> environmentWith(const RunOptions& options) {
+    std::vector<std::string> env;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string text = *entry;
+        const std::string name = text.substr(0, text.find('='));
+        bool replaced = false;
+        for (const auto& change : options.env) {
+            replaced = replaced || change.first == name;
+        }
+        if (!replaced) {
+            env.push_back(text);
+        }
+    }
+    for (const auto& [name, value] : options.env) {
+        if (value) {
+            env.push_back(name + "=" + *value);
+        }
+    }
+    return env;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& strings) {
+    std::vector<char*> out;
+    for (auto& s : strings) {
+        out.push_back(s.data());
+    }
+    out.push_back(nullptr);
+    return out;
+}
+
+// Reads both pipes to their end, then reaps the child.
+Outcome collect(pid_t pid, int outFd, int errFd) {
+    Outcome outcome;
+    const auto deadline = std::chrono::steady_clock::now() + kChildLimit;
+    pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
+    std::string* sinks[2] = {&outcome.out, &outcome.err};
+    int open = 2;
+    while (open > 0 && std::chrono::steady_clock::now() < deadline) {
+        if (::poll(fds, 2, 1000) < 0 && errno != EINTR) {
+            break;
+        }
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd < 0 || fds[i].revents == 0) {
+                continue;
+            }
+            char chunk[4096];
+            const ssize_t n = ::read(fds[i].fd, chunk, sizeof(chunk));
+            if (n > 0) {
+                sinks[i]->append(chunk, static_cast<std::size_t>(n));
+            } else if (n == 0 || errno != EINTR) {
+                fds[i].fd = -1;
+                --open;
+            }
+        }
+    }
+    if (open > 0) {
+        ::kill(pid, SIGKILL);
+        ADD_FAILURE() << "the child did not finish within the limit";
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return outcome;
+}
+
+// Runs program with args in its own process, as a shell would.
+Outcome run(const std::string& program, std::vector<std::string> args,
+            const RunOptions& options = {}) {
+    testsupport::TempDir scratch;
+    const std::string inputPath = scratch.file("stdin");
+    std::ofstream(inputPath) << options.input;
+    args.insert(args.begin(), program);
+    std::vector<std::string> env = environmentWith(options);
+    std::vector<char*> argv = pointers(args);
+    std::vector<char*> envp = pointers(env);
+
+    int outPipe[2];
+    int errPipe[2];
+    if (::pipe2(outPipe, O_CLOEXEC) != 0 || ::pipe2(errPipe, O_CLOEXEC) != 0) {
+        ADD_FAILURE() << "pipe: " << std::strerror(errno);
+        return {};
+    }
+    Fd outRead(outPipe[0]), outWrite(outPipe[1]), errRead(errPipe[0]), errWrite(errPipe[1]);
+    Fd input(::open(inputPath.c_str(), O_RDONLY | O_CLOEXEC));
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        // Only async-signal-safe calls between fork and exec.
+        if (!options.workDir.empty() && ::chdir(options.workDir.c_str()) != 0) {
+            ::_exit(126);
+        }
+        ::dup2(input.get(), STDIN_FILENO);
+        ::dup2(outWrite.get(), STDOUT_FILENO);
+        ::dup2(errWrite.get(), STDERR_FILENO);
+        ::execve(argv[0], argv.data(), envp.data());
+        ::_exit(127);
+    }
+    outWrite.reset();
+    errWrite.reset();
+    return collect(pid, outRead.get(), errRead.get());
+}
+
+bool exists(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0;
+}
+
+std::string dataFile(const std::string& name) {
+    return testsupport::sourceDir() + "/tests/data/" + name;
+}
+
+int countOf(const std::string& text, const std::string& part) {
+    int count = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos;
+         at = text.find(part, at + part.size())) {
+        ++count;
+    }
+    return count;
+}
+
+// vex-modemd serving in dir, started for one test and stopped with it.
+class RunningModem {
+  public:
+    RunningModem(const std::string& dir, const std::string& seed,
+                 const std::vector<std::string>& extra = {}) {
+        std::vector<std::string> args = {VEX_MODEMD_PATH, "--dir", dir, "--seed", seed};
+        args.insert(args.end(), extra.begin(), extra.end());
+        std::vector<char*> argv = pointers(args);
+        int outPipe[2];
+        if (::pipe2(outPipe, O_CLOEXEC) != 0) {
+            return;
+        }
+        Fd write(outPipe[1]);
+        output = std::make_unique<Fd>(outPipe[0]);
+        pid = ::fork();
+        if (pid == 0) {
+            ::dup2(write.get(), STDOUT_FILENO);
+            ::execv(argv[0], argv.data());
+            ::_exit(127);
+        }
+        write.reset();
+        serving = waitForLine("serving WDS");
+    }
+
+    ~RunningModem() {
+        if (pid > 0) {
+            ::kill(pid, SIGTERM);
+            int status = 0;
+            ::waitpid(pid, &status, 0);
+        }
+    }
+
+    bool isServing() const { return serving; }
+
+    // What vex-modemctl answers for the modem's own view.
+    std::string control(const std::string& dir, std::vector<std::string> args) const {
+        args.insert(args.begin(), {"--dir", dir});
+        return run(VEX_MODEMCTL_PATH, args).out;
+    }
+
+  private:
+    // The daemon announces that it serves once its socket is up.
+    bool waitForLine(const std::string& text) {
+        std::string seen;
+        const auto deadline = std::chrono::steady_clock::now() + kChildLimit;
+        while (seen.find(text) == std::string::npos &&
+               std::chrono::steady_clock::now() < deadline) {
+            pollfd fd{output->get(), POLLIN, 0};
+            if (::poll(&fd, 1, 1000) <= 0) {
+                continue;
+            }
+            char chunk[512];
+            const ssize_t n = ::read(output->get(), chunk, sizeof(chunk));
+            if (n <= 0) {
+                return false;
+            }
+            seen.append(chunk, static_cast<std::size_t>(n));
+        }
+        return seen.find(text) != std::string::npos;
+    }
+
+    pid_t pid = -1;
+    std::unique_ptr<Fd> output;  // kept open so the daemon can still print when it stops
+    bool serving = false;
+};
+
+class KelctlTest : public ::testing::Test {
+  protected:
+    // kelctl with the test seed's embedded modem, unless args choose otherwise. Every run must
+    // keep standard output free of the library's console line and be free of sanitizer reports.
+    Outcome kelctl(std::vector<std::string> args, RunOptions options = {}) {
+        // A modem a developer runs must not stand in for the one a test chose.
+        const bool chosen =
+            std::any_of(options.env.begin(), options.env.end(),
+                        [](const auto& change) { return change.first == "VEX_SERVICE_DIR"; });
+        if (!chosen) {
+            options.env.emplace_back("VEX_SERVICE_DIR", std::nullopt);
+        }
+        const Outcome outcome = run(KELCTL_PATH, std::move(args), options);
+        EXPECT_THAT(outcome.out, Not(HasSubstr("wake()")));
+        EXPECT_THAT(outcome.err, Not(HasSubstr("Sanitizer")));
+        EXPECT_THAT(outcome.err, Not(HasSubstr("runtime error")));
+        return outcome;
+    }
+
+    Outcome seeded(std::vector<std::string> args, RunOptions options = {}) {
+        args.insert(args.begin(), {"--seed", seed});
+        return kelctl(std::move(args), std::move(options));
+    }
+
+    std::string script(const std::string& name, const std::string& text) {
+        const std::string path = dir.file(name);
+        std::ofstream(path) << text;
+        return path;
+    }
+
+    testsupport::TempDir dir;
+    const std::string seed = dataFile("kelctl-seed.conf");
+    const std::string state = dir.file("modem.state");
+};
+
+// ---------------------------------------------------------------------------------------------
+// Reading the modem
+
+TEST_F(KelctlTest, ListShowsTheSubscriptionsProfilesAsTableAndJson) {
+    const Outcome table = seeded({"list"});
+    EXPECT_EQ(table.status, 0) << table.err;
+    EXPECT_EQ(table.err, "");
+    EXPECT_THAT(table.out, StartsWith("TOKEN  TECH   ID  NAME      APN"));
+    EXPECT_EQ(countOf(table.out, "\n"), 6);  // the header and five profiles of subscription 0
+    EXPECT_THAT(table.out,
+                HasSubstr("3gpp   1   internet  internet   v4v6  v4       default,supl"));
+    EXPECT_THAT(table.out, HasSubstr("3gpp   4   sos       sos        v4v6  -        emergency"));
+    EXPECT_THAT(table.out, HasSubstr("3gpp2  1   -         cdma.test"));
+
+    const Outcome json = seeded({"list", "--json"});
+    EXPECT_EQ(json.status, 0) << json.err;
+    EXPECT_THAT(json.out, StartsWith("[{\"token\":"));
+    EXPECT_THAT(json.out,
+                HasSubstr("\"tech\":\"3gpp\",\"id\":3,\"name\":\"mms\",\"apn\":\"mms.test\","
+                          "\"ip\":\"v4\",\"types\":[\"mms\"],\"types_mask\":2,"
+                          "\"auth\":\"pap\",\"user\":\"mms\",\"password\":\"secret\""));
+    EXPECT_EQ(countOf(json.out, "\"tech\":"), 5);
+    EXPECT_EQ(json.out.substr(json.out.size() - 2), "]\n");
+
+    const Outcome second = seeded({"--sub", "1", "list"});
+    EXPECT_EQ(second.status, 0) << second.err;
+    EXPECT_THAT(second.out, HasSubstr("other.test"));
+    EXPECT_THAT(second.out, Not(HasSubstr("internet")));
+}
+
+TEST_F(KelctlTest, WorksWithNothingButItsDefaults) {
+    const Outcome outcome = kelctl({"list"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_THAT(outcome.out, StartsWith("TOKEN"));
+    EXPECT_GT(countOf(outcome.out, "\n"), 1);
+}
+
+TEST_F(KelctlTest, VerboseSendsTheLibraryLogToStandardErrorOnly) {
+    const Outcome outcome = seeded({"--verbose", "list", "--json"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_THAT(outcome.err, HasSubstr("Manager::filter"));
+    EXPECT_THAT(outcome.out, StartsWith("["));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("Manager::")));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Every command, against the embedded modem and against a running vex-modemd
+
+struct CommandCase {
+    const char* name;
+    std::vector<std::string> args;
+    std::string expected;  // in standard output
+    std::string absent;    // not in standard output, when set
+};
+
+const CommandCase kCommandCases[] = {
+    {"Get", {"get", "3gpp:3"}, "apn mms.test\nip v4\ntypes mms\nauth pap\nuser mms\n", ""},
+    {"GetJson", {"get", "2", "--json"}, "\"class\":\"ims\"", ""},
+    {"AddPersistent",
+     {"add", "--apn", "new.test", "--ip", "v4", "--types", "default,mms", "--persistent"},
+     "added 3gpp:5 name=kel_profile apn=new.test ip=v4 types=default,mms flags=kel\n",
+     ""},
+    {"ModifyTypes",
+     {"modify", "3gpp:1", "--types", "default,supl,mms"},
+     "modified 3gpp:1: types: default,supl -> default,mms,supl\n",
+     ""},
+    {"ModifyToWhatItHas", {"modify", "1", "--apn", "INTERNET"}, "unchanged 3gpp:1", ""},
+    {"Delete", {"delete", "3gpp:3"}, "deleted 3gpp:3\n", ""},
+    {"FilterByTypes", {"filter", "--types", "emergency"}, "sos", "internet"},
+    {"FilterExactly", {"filter", "--apn", "internet", "--ip", "v4"}, "TOKEN", "internet"},
+    {"FilterLoosely",
+     {"filter", "--apn", "internet", "--ip", "v4", "--criteria", "home-subset"},
+     "internet",
+     "ims"},
+    {"FilterByTech", {"filter", "--tech", "3gpp2"}, "cdma.test", "internet"},
+    {"Match", {"match", "3gpp:1", "--apn", "Internet"}, "match\n", "no match"},
+    {"NoMatch", {"match", "3gpp:1", "--apn", "ims"}, "no match\n", ""},
+    {"Refresh", {"refresh"}, "refreshed: 5 profiles\n", ""},
+    {"RefreshStarted", {"refresh", "--started"}, "refresh started", ""},
+    {"DataCallFindsBySubsetIp",
+     {"data-call", "--apn", "internet", "--ip", "v4"},
+     "found 3gpp:1",
+     ""},
+    {"DataCallUpdatesWhenAllowed",
+     {"data-call", "--apn", "internet", "--ip", "v4", "--allow-update"},
+     "updated 3gpp:1",
+     ""},
+    {"DataCallCreates",
+     {"data-call", "--apn", "fresh.test", "--ip", "v6"},
+     "created 3gpp:5 name=kel_profile apn=fresh.test ip=v6 flags=kel\n",
+     ""},
+    {"Emergency", {"emergency"}, "found 3gpp:4 name=sos", ""},
+    {"AttachCreates", {"attach", "--apn", "lte.test"}, "created 3gpp:5 name=kel_profile_ia", ""},
+    {"MatchAttachId", {"match-attach-id", "1", "--apn", "internet"}, "match\n", "no match"},
+    {"MatchAttachIdOfMissingProfile", {"match-attach-id", "9"}, "no match\n", ""},
+    {"ApplyClassesCreates",
+     {"apply-classes", "--class", "app", "--apn", "app.test"},
+     "created 3gpp:5 name=kel_profile apn=app.test",
+     ""},
+    {"ApplyTypes",
+     {"apply-types", "--apn", "ims", "--types", "ims,xcap", "--and", "--apn", "IMS", "--ip", "v6",
+      "--types", "mcx"},
+     "updated 3gpp:2: types: ims -> ims,mcx,xcap\n",
+     ""},
+    {"Dump", {"dump"}, "\nLogs:\n", ""},
+};
+
+void PrintTo(const CommandCase& command, std::ostream* os) {
+    *os << command.name;
+}
+
+enum class ModemKind { Embedded, Running };
+
+class KelctlCommandTest : public KelctlTest,
+                          public ::testing::WithParamInterface<std::tuple<ModemKind, CommandCase>> {
+};
+
+TEST_P(KelctlCommandTest, RunsAndPrintsItsResult) {
+    const auto& [kind, command] = GetParam();
+    std::unique_ptr<RunningModem> modem;
+    std::vector<std::string> args = command.args;
+    if (kind == ModemKind::Running) {
+        modem = std::make_unique<RunningModem>(dir.path(), seed);
+        ASSERT_TRUE(modem->isServing());
+        args.insert(args.begin(), {"--modem", dir.path()});
+    } else {
+        args.insert(args.begin(), {"--seed", seed});
+    }
+    const Outcome outcome = kelctl(args);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr(command.expected));
+    if (!command.absent.empty()) {
+        EXPECT_THAT(outcome.out, Not(HasSubstr(command.absent)));
+    }
+    EXPECT_THAT(outcome.err, Not(HasSubstr("kelctl: " + command.args.front() + ":")));
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, KelctlCommandTest,
+                         ::testing::Combine(::testing::Values(ModemKind::Embedded,
+                                                              ModemKind::Running),
+                                            ::testing::ValuesIn(kCommandCases)),
+                         [](const auto& testCase) {
+                             return std::string(std::get<0>(testCase.param) == ModemKind::Embedded
+                                                    ? "Embedded"
+                                                    : "Running") +
+                                    std::get<1>(testCase.param).name;
+                         });
+
+TEST_F(KelctlTest, EveryCommandHasHelp) {
+    const Outcome general = kelctl({"--help"});
+    EXPECT_EQ(general.status, 0);
+    for (const char* command : {"list",
+                                "dump",
+                                "get",
+                                "add",
+                                "modify",
+                                "delete",
+                                "filter",
+                                "match",
+                                "refresh",
+                                "data-call",
+                                "emergency",
+                                "attach",
+                                "match-attach-id",
+                                "apply-classes",
+                                "apply-types",
+                                "carrier",
+                                "drop",
+                                "handles",
+                                "run",
+                                "shell"}) {
+        SCOPED_TRACE(command);
+        EXPECT_THAT(general.out, HasSubstr(command));
+        const Outcome help = kelctl({command, "--help"});
+        EXPECT_EQ(help.status, 0);
+        EXPECT_THAT(help.out, StartsWith(std::string("Usage: kelctl ") + command));
+        EXPECT_EQ(help.err, "");
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Bad command lines: a clear one-line error, and nothing reaches the modem
+
+struct BadCase {
+    const char* name;
+    std::vector<std::string> args;
+    std::string error;
+};
+
+const BadCase kBadCases[] = {
+    {"UnknownCommand", {"lst"}, "kelctl: unknown command \"lst\""},
+    {"NoCommand", {}, "kelctl: no command given"},
+    {"Tech", {"add", "--tech", "lte"}, "kelctl: add: --tech: \"lte\" is not one of 3gpp, 3gpp2"},
+    {"Ip", {"add", "--ip", "v5"}, "kelctl: add: --ip: \"v5\" is not one of v4, v6, v4v6"},
+    {"RoamIp", {"data-call", "--roam-ip", "ipv4"}, "--roam-ip: \"ipv4\" is not one of v4, v6"},
+    {"Types",
+     {"add", "--types", "default,web"},
+     "--types: \"web\" is not an APN type; accepted: default, mms"},
+    {"Auth", {"add", "--auth", "md5"}, "--auth: \"md5\" is not one of none, pap, chap, pap_chap"},
+    {"Class",
+     {"apply-classes", "--class", "voice"},
+     "--class: \"voice\" is not one of ims, admn, inet, app"},
+    {"Number",
+     {"attach", "--max-conns", "many"},
+     "--max-conns: \"many\" is not a number from 0 to 65535"},
+    {"Subscription", {"--sub", "x", "list"}, "--sub: \"x\" is not a subscription number"},
+    {"Timeout", {"--timeout", "-1", "list"}, "--timeout: \"-1\" is not a number of seconds"},
+    {"MissingValue", {"add", "--apn"}, "kelctl: add: --apn needs a value: NAME"},
+    {"UnknownOption", {"list", "--colour"}, "kelctl: list: unknown option --colour"},
+    {"OptionOfAnotherCommand",
+     {"list", "--persistent"},
+     "kelctl: list: this command does not take --persistent"},
+    {"MissingProfile", {"get"}, "kelctl: get: needs PROFILE"},
+    {"BadProfile", {"delete", "3gpp:x"}, "\"3gpp:x\" is not a profile"},
+    {"HandleOutsideScript", {"get", "h1"}, "handle names exist only in scripts"},
+    {"ModifyWithoutChange", {"modify", "1"}, "kelctl: modify: nothing to change"},
+    {"ApplyTypesWithoutTypes", {"apply-types", "--apn", "ims"}, "needs --apn and --types"},
+    {"ScriptOnly", {"drop", "h1"}, "kelctl: drop: only in scripts"},
+    {"CarrierWithoutNetwork", {"carrier", "x.xml"}, "kelctl: carrier: needs --mcc and --mnc"},
+    {"CarrierMcc",
+     {"carrier", "x.xml", "--mcc", "1", "--mnc", "01"},
+     "--mcc: \"1\" is not a mobile country code"},
+    {"CarrierMvnoHalf",
+     {"carrier", "x.xml", "--mcc", "001", "--mnc", "01", "--mvno-type", "spn"},
+     "--mvno-type and --mvno-match go together"},
+};
+
+void PrintTo(const BadCase& bad, std::ostream* os) {
+    *os << bad.name;
+}
+
+class KelctlBadOptionTest : public KelctlTest, public ::testing::WithParamInterface<BadCase> {};
+
+TEST_P(KelctlBadOptionTest, IsRefusedBeforeTheModemIsTouched) {
+    std::vector<std::string> args = {"--state", state};
+    args.insert(args.end(), GetParam().args.begin(), GetParam().args.end());
+    const Outcome outcome = seeded(args);
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_THAT(outcome.err, HasSubstr(GetParam().error));
+    EXPECT_EQ(countOf(outcome.err, "\n"), 1) << outcome.err;
+    // The embedded modem writes its state file when it starts: it never did.
+    EXPECT_FALSE(exists(state));
+}
+
+INSTANTIATE_TEST_SUITE_P(Options, KelctlBadOptionTest, ::testing::ValuesIn(kBadCases),
+                         [](const auto& testCase) { return std::string(testCase.param.name); });
+
+// ---------------------------------------------------------------------------------------------
+// What lasts: the modem's state across runs, and profiles across a handle's life
+
+TEST_F(KelctlTest, ChangesLastAcrossRunsWithAStateFile) {
+    const Outcome deleted = seeded({"--state", state, "delete", "3gpp:3"});
+    ASSERT_EQ(deleted.status, 0) << deleted.err;
+    EXPECT_THAT(deleted.err, Not(HasSubstr("starts from its seed")));
+    const Outcome modified = seeded({"--state", state, "modify", "2", "--types", "ims,xcap"});
+    ASSERT_EQ(modified.status, 0) << modified.err;
+
+    const Outcome listed = seeded({"--state", state, "list"});
+    EXPECT_THAT(listed.out, Not(HasSubstr("mms.test")));
+    EXPECT_THAT(listed.out, HasSubstr("ims,xcap"));
+
+    const Outcome fresh = seeded({"delete", "3gpp:3"});
+    EXPECT_THAT(fresh.err, HasSubstr("note: the embedded modem starts from its seed on every run"));
+}
+
+TEST_F(KelctlTest, NonPersistentProfileGoesWhenKelctlExitsPersistentOneStays) {
+    RunningModem modem(dir.path(), seed);
+    ASSERT_TRUE(modem.isServing());
+
+    const Outcome temporary = kelctl({"--modem", dir.path(), "add", "--apn", "temporary.test"});
+    EXPECT_EQ(temporary.status, 0) << temporary.err;
+    EXPECT_THAT(temporary.out, HasSubstr("added 3gpp:5"));
+    EXPECT_THAT(temporary.err, HasSubstr("is not persistent: the library deletes it when kelctl "
+                                         "exits"));
+    const Outcome kept =
+        kelctl({"--modem", dir.path(), "add", "--apn", "kept.test", "--persistent"});
+    EXPECT_EQ(kept.status, 0) << kept.err;
+    EXPECT_EQ(kept.err, "");
+
+    const std::string profiles = modem.control(dir.path(), {"profiles", "0"});
+    EXPECT_THAT(profiles, Not(HasSubstr("temporary.test")));
+    EXPECT_THAT(profiles, HasSubstr("kept.test"));
+}
+
+TEST_F(KelctlTest, SaysSoWhenNoModemAnswers) {
+    const Outcome outcome = kelctl({"--modem", dir.path(), "--timeout", "0.3", "list"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, "kelctl: no modem answered in " + dir.path() +
+                               " within 0.3 s (is vex-modemd running there?)\n");
+
+    const Outcome missing = kelctl({"--modem", dir.file("nowhere"), "list"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_THAT(missing.err, HasSubstr("no such directory"));
+}
+
+TEST_F(KelctlTest, WaitsForAModemThatNeverAnnouncesItsProfiles) {
+    RunningModem modem(dir.path(), seed, {"--no-ready-on-register"});
+    ASSERT_TRUE(modem.isServing());
+    const Outcome outcome = kelctl({"--modem", dir.path(), "--timeout", "0.5", "list"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr("mms.test"));
+}
+
+TEST_F(KelctlTest, FindsTheRunningModemThroughTheEnvironment) {
+    RunningModem modem(dir.path(), seed);
+    ASSERT_TRUE(modem.isServing());
+    ASSERT_EQ(modem.control(dir.path(), {"delete", "3gpp", "index=3"}),
+              "deleted 3gpp sub=0 index=3\n");
+
+    RunOptions environment;
+    environment.env.emplace_back("VEX_SERVICE_DIR", dir.path());
+    const Outcome running = kelctl({"list"}, environment);
+    EXPECT_EQ(running.status, 0) << running.err;
+    EXPECT_THAT(running.out, Not(HasSubstr("mms.test")));
+
+    const Outcome embedded = kelctl({"--embedded", "--seed", seed, "list"}, environment);
+    EXPECT_EQ(embedded.status, 0) << embedded.err;
+    EXPECT_THAT(embedded.out, HasSubstr("mms.test"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Scripts: named handles
+
+TEST_F(KelctlTest, NamedHandleKeepsItsProfileUntilDropped) {
+    const std::string path = script("keep.kel",
+                                    "# a data call whose profile the library makes\n"
+                                    "h1 = data-call --apn keep.test --ip v4v6\n"
+                                    "list\n"
+                                    "drop h1\n"
+                                    "list\n");
+    const Outcome outcome = seeded({"run", path});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(outcome.err, "");
+    const std::size_t dropped = outcome.out.find("dropped h1: the library deleted 3gpp:5\n");
+    ASSERT_NE(dropped, std::string::npos) << outcome.out;
+    EXPECT_THAT(outcome.out.substr(0, dropped), HasSubstr("h1 = 3gpp:5\n"));
+    EXPECT_THAT(outcome.out.substr(0, dropped), HasSubstr("keep.test"));
+    EXPECT_THAT(outcome.out.substr(dropped), Not(HasSubstr("keep.test")));
+}
+
+TEST_F(KelctlTest, UnnamedHandleGoesAtTheEndOfItsLine) {
+    const std::string path = script("unnamed.kel", "data-call --apn brief.test\nlist\n");
+    const Outcome outcome = seeded({"run", path});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_THAT(outcome.err, HasSubstr(path + ":1: note: 3gpp:5 is not persistent and no name "
+                                              "holds its handle"));
+    const std::size_t table = outcome.out.find("TOKEN");
+    ASSERT_NE(table, std::string::npos);
+    EXPECT_THAT(outcome.out.substr(table), Not(HasSubstr("brief.test")));
+}
+
+TEST_F(KelctlTest, HandleServesLaterLinesAndExpiresWithItsProfile) {
+    const std::string path = script("later.kel",
+                                    "h1 = add --apn later.test\n"
+                                    "modify h1 --types mms,supl\n"
+                                    "get h1\n"
+                                    "delete h1\n"
+                                    "get h1\n"
+                                    "list\n");
+    const Outcome outcome = seeded({"run", path});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.out, HasSubstr("modified 3gpp:5: types: - -> mms,supl\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("apn later.test\ntypes mms,supl\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("deleted 3gpp:5\n"));
+    EXPECT_THAT(outcome.err, HasSubstr(path + ":4: note: the profile behind h1 (3gpp:5) is gone"));
+    EXPECT_THAT(outcome.err, HasSubstr(path + ":5: get: the profile behind h1 is gone"));
+    // The script stops at the failing line.
+    EXPECT_THAT(outcome.out, Not(HasSubstr("TOKEN")));
+}
+
+TEST_F(KelctlTest, ScriptWithAWrongLineRunsNothing) {
+    const std::string path = script("wrong.kel",
+                                    "h1 = add --apn first.test --persistent\n"
+                                    "\n"
+                                    "modify h1 --ip v5\n"
+                                    "get h2\n");
+    const Outcome outcome = seeded({"--state", state, "run", path});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, path + ":3: modify: --ip: \"v5\" is not one of v4, v6, v4v6\n");
+    EXPECT_FALSE(exists(state));
+
+    const std::string undefined = script("undefined.kel", "get h2\n");
+    const Outcome named = seeded({"run", undefined});
+    EXPECT_EQ(named.status, 2);
+    EXPECT_EQ(named.err, undefined +
+                             ":1: get: no handle is named \"h2\" at this point of the "
+                             "script\n");
+}
+
+TEST_F(KelctlTest, ShellRunsLinesAsTheyComeAndNamesFailingOnes) {
+    RunOptions input;
+    input.input =
+        "list\n"
+        "lst\n"
+        "get h9\n"
+        "get 3gpp:9\n"
+        "h = add --apn shell.test  # kept\n"
+        "h = add --apn again.test\n"
+        "handles\n";
+    const Outcome outcome = seeded({"shell"}, input);
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_THAT(outcome.out, StartsWith("TOKEN"));
+    EXPECT_THAT(outcome.out, HasSubstr("h = 3gpp:5\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("h = 3gpp:6\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("\nh 3gpp:6\n"));
+    EXPECT_THAT(outcome.err, HasSubstr("line 2: unknown command \"lst\""));
+    EXPECT_THAT(outcome.err, HasSubstr("line 3: get: no handle is named \"h9\""));
+    EXPECT_THAT(outcome.err, HasSubstr("line 4: get: the modem has no profile 3gpp:9"));
+    EXPECT_THAT(outcome.err, HasSubstr("line 6: note: the handle h held before (3gpp:5) is "
+                                       "released"));
+    EXPECT_EQ(countOf(outcome.err, "\n"), 4) << outcome.err;
+}
+
+TEST_F(KelctlTest, ShippedBringUpRuns) {
+    RunOptions fromTop;
+    fromTop.workDir = testsupport::sourceDir();
+    const Outcome outcome = kelctl({"run", "--echo", "tools/kelctl/bringup.kel"}, fromTop);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(outcome.err, "");
+    for (const char* part : {"> carrier data/carrier/apns-conf.xml", "carrier mcc 001 mnc 01: ",
+                             "ia = 3gpp:", "internet = 3gpp:", "ims = 3gpp:", "sos = 3gpp:",
+                             "hotspot = 3gpp:", "dropped hotspot: the library deleted"}) {
+        EXPECT_THAT(outcome.out, HasSubstr(part));
+    }
+    EXPECT_EQ(countOf(outcome.out, "TOKEN"), 2);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Carrier APN configuration
+
+TEST_F(KelctlTest, CarrierDryRunMapsEveryQuirkAndTouchesNoModem) {
+    const std::string file = dataFile("apns-quirks.xml");
+    const Outcome outcome = seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc",
+                                    "01", "--dry-run", "--verbose"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(outcome.out,
+              "carrier mcc 001 mnc 01: 6 of 8 entries in " + file +
+                  "\n"
+                  "  line 8 (Quirk MMS): ignored attributes: mmsc, mmsproxy, mmsport\n"
+                  "  line 13 (Quirk IMS): ignored attributes: network_type_bitmask\n"
+                  "  line 13 (Quirk IMS): ignored APN type: bip\n"
+                  "would update APN types with 6 entries:\n"
+                  "  line 5 (Quirk & Co Internet): apn=Internet.Quirk ip=v4v6 roam-ip=v4 "
+                  "types=default,supl,ia\n"
+                  "  line 8 (Quirk MMS): apn=mms.quirk ip=v4 types=mms auth=pap_chap "
+                  "user=mms@quirk password=\"p&\\\"w\"\n"
+                  "  line 11 (Quirk Attach): ip=v6 roam-ip=v4v6 types=ia\n"
+                  "  line 13 (Quirk IMS): apn=ims ip=v6 types=ims,xcap max-conns=8 "
+                  "max-conns-time=120 wait-time=5\n"
+                  "  line 15 (Quirk All): apn=all.quirk "
+                  "types=default,mms,supl,dun,hipri,fota,ims,cbs,ia,emergency,mcx,xcap auth=none "
+                  "disabled=yes\n"
+                  "  line 17 (Quirk Untyped): apn=untyped.quirk "
+                  "types=default,mms,supl,dun,hipri,fota,ims,cbs,ia,emergency,mcx,xcap "
+                  "disabled=no\n"
+                  "would find or create the attach profile:\n"
+                  "  line 5 (Quirk & Co Internet): apn=Internet.Quirk ip=v4v6 roam-ip=v4 "
+                  "types=default,supl,ia\n");
+    EXPECT_FALSE(exists(state));
+
+    const Outcome quiet = seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run"});
+    EXPECT_THAT(quiet.out, Not(HasSubstr("ignored")));
+}
+
+TEST_F(KelctlTest, CarrierSelectsAVirtualOperatorOnlyWhenAsked) {
+    const std::string file = dataFile("apns-quirks.xml");
+    const Outcome network = seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run"});
+    EXPECT_THAT(network.out, Not(HasSubstr("budget.quirk")));
+
+    const Outcome virtualOperator =
+        seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--mvno-type", "GID",
+                "--mvno-match", "ba", "--dry-run"});
+    EXPECT_EQ(virtualOperator.status, 0) << virtualOperator.err;
+    EXPECT_THAT(virtualOperator.out, HasSubstr("1 of 8 entries"));
+    EXPECT_THAT(virtualOperator.out, HasSubstr("apn=budget.quirk ip=v4 types=default,mms\n"));
+
+    const Outcome nobody = seeded({"carrier", file, "--mcc", "999", "--mnc", "01", "--dry-run"});
+    EXPECT_EQ(nobody.status, 2);
+    EXPECT_EQ(nobody.err, "kelctl: carrier: " + file + ": no entry for mcc 999 mnc 01\n");
+}
+
+TEST_F(KelctlTest, CarrierImportSpreadsTypesAndSetsUpAttach) {
+    const std::string file = dataFile("apns-quirks.xml");
+    const Outcome outcome =
+        seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc", "01"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr("updated 3gpp:2: types: ims -> ims,xcap\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("attach: created 3gpp:5 name=kel_profile_ia "
+                                       "apn=internet.quirk ip=v4v6 roam-ip=v4 "
+                                       "types=default,supl,ia flags=kel,ia\n"));
+
+    const Outcome after = seeded({"--state", state, "get", "3gpp:5", "--json"});
+    EXPECT_THAT(after.out, HasSubstr("\"apn\":\"internet.quirk\""));
+    EXPECT_THAT(after.out, HasSubstr("\"ia\":true"));
+}
+
+struct MalformedCase {
+    const char* name;
+    std::string file;  // under tests/data, or written by the test when text is set
+    std::string text;
+    std::string error;  // after "FILE:"
+};
+
+const MalformedCase kMalformedCases[] = {
+    {"UnclosedAttribute", "apns-malformed.xml", "", "4: malformed attribute"},
+    {"UnknownProtocol", "apns-bad-protocol.xml", "",
+     "5: protocol=\"PPP\" is not one of IP, IPV6, IPV4V6"},
+    {"BadNumber", "throttle.xml",
+     "<apns>\n<apn mcc=\"001\" mnc=\"01\" apn=\"a\"\n  max_conns=\"ten\"/>\n</apns>\n",
+     "2: max_conns=\"ten\" is not a number from 0 to 65535"},
+    {"BadAuth", "auth.xml", "<apns>\n\n<apn mcc=\"001\" mnc=\"01\" authtype=\"4\"/></apns>\n",
+     "3: authtype=\"4\" is not one of -1, 0 (none), 1 (pap)"},
+    {"NeverClosed", "open.xml", "<apns>\n  <apn mcc=\"001\" mnc=\"01\"/>\n",
+     "1: an element is never closed"},
+    {"MismatchedTag", "tag.xml", "<apns>\n<apn mcc=\"001\" mnc=\"01\">\n</apns>\n",
+     "2: closing tag does not match the open element"},
+    {"NotADatabase", "other.xml", "<?xml version=\"1.0\"?>\n<carriers/>\n",
+     "2: the file is not a carrier APN database"},
+    {"Empty", "empty.xml", "   \n", "0: the file holds no XML"},
+};
+
+void PrintTo(const MalformedCase& bad, std::ostream* os) {
+    *os << bad.name;
+}
+
+class KelctlMalformedCarrierTest : public KelctlTest,
+                                   public ::testing::WithParamInterface<MalformedCase> {};
+
+TEST_P(KelctlMalformedCarrierTest, IsRefusedWithItsLineNumberAndNothingSent) {
+    const MalformedCase& bad = GetParam();
+    const std::string file = bad.text.empty() ? dataFile(bad.file) : script(bad.file, bad.text);
+    RunningModem modem(dir.path(), seed);
+    ASSERT_TRUE(modem.isServing());
+    const std::string before = modem.control(dir.path(), {"profiles"});
+
+    const Outcome outcome =
+        kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_THAT(outcome.err, StartsWith("kelctl: carrier: " + file + ":" + bad.error));
+    EXPECT_EQ(countOf(outcome.err, "\n"), 1) << outcome.err;
+    EXPECT_EQ(modem.control(dir.path(), {"profiles"}), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, KelctlMalformedCarrierTest, ::testing::ValuesIn(kMalformedCases),
+                         [](const auto& testCase) { return std::string(testCase.param.name); });
+
+}  // namespace

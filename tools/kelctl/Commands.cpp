@@ -1,0 +1,866 @@
+#include "Commands.h"
+
+#include <algorithm>
+#include <cctype>
+#include <optional>
+#include <sstream>
+
+#include "ValueNames.h"
+#include "kel/Manager.h"
+
+namespace kelctl {
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// Profile references: "3gpp:5", "3gpp2:1", "5" (with --tech), or a script's handle name.
+
+struct ProfileRef {
+    std::string handleName;  // set for a named handle
+    kel::TechType tech = kel::TechType::TYPE_3GPP;
+    int id = -1;
+};
+
+bool isHandleName(const std::string& text) {
+    if (text.empty() || !(std::isalpha(static_cast<unsigned char>(text[0])) || text[0] == '_')) {
+        return false;
+    }
+    return std::all_of(text.begin(), text.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-';
+    });
+}
+
+std::optional<int> profileIndex(const std::string& text) {
+    if (text.empty() || text.size() > 3 || !std::all_of(text.begin(), text.end(), [](char c) {
+            return std::isdigit(static_cast<unsigned char>(c));
+        })) {
+        return std::nullopt;
+    }
+    const int id = std::stoi(text);
+    return id <= 255 ? std::optional<int>(id) : std::nullopt;
+}
+
+std::optional<ProfileRef> parseProfileRef(const std::string& text,
+                                          std::optional<kel::TechType> techOption,
+                                          const std::set<std::string>* knownHandles,
+                                          std::string* error) {
+    ProfileRef ref;
+    const std::size_t colon = text.find(':');
+    if (colon != std::string::npos) {
+        const auto tech = techFromName(text.substr(0, colon));
+        const auto id = profileIndex(text.substr(colon + 1));
+        if (tech && id) {
+            ref.tech = *tech;
+            ref.id = *id;
+            return ref;
+        }
+    } else if (const auto id = profileIndex(text)) {
+        ref.tech = techOption.value_or(kel::TechType::TYPE_3GPP);
+        ref.id = *id;
+        return ref;
+    } else if (isHandleName(text)) {
+        if (knownHandles != nullptr && knownHandles->count(text) != 0) {
+            ref.handleName = text;
+            return ref;
+        }
+        *error = knownHandles == nullptr
+                     ? "\"" + text + "\" names no profile; handle names exist only in scripts " +
+                           "(kelctl run, kelctl shell)"
+                     : "no handle is named \"" + text + "\" at this point of the script";
+        return std::nullopt;
+    }
+    *error = "\"" + text + "\" is not a profile: give 3gpp:N, 3gpp2:N, N or a handle name";
+    return std::nullopt;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Reading the modem's profiles through the library.
+
+kel::Manager& manager() {
+    return kel::Manager::getInstance();
+}
+
+std::string tokenOf(const std::shared_ptr<kel::IProfileKey>& key) {
+    // The handle's dump ends in "token=N"; the token is what the library's own dump lists.
+    const std::string dump = key->dump();
+    const std::size_t at = dump.find("token=");
+    return at == std::string::npos ? "" : dump.substr(at + 6);
+}
+
+// The library names its own profiles; others carry the modem's name where kelctl knows it.
+std::string nameOf(const Session& session, const ProfileRow& row) {
+    if (row.params.getIsIAProfile()) {
+        return "kel_profile_ia";
+    }
+    if (row.params.getIsKelProfile()) {
+        return "kel_profile";
+    }
+    return session.link.modemProfileName(row.tech, row.id, row.params.getApnName()).value_or("");
+}
+
+std::vector<ProfileRow> rowsFor(Session& session,
+                                const std::list<std::shared_ptr<kel::IProfileKey>>& keys) {
+    std::vector<ProfileRow> rows;
+    for (const auto& key : keys) {
+        const auto params = manager().getProfile(key);
+        if (!params) {
+            continue;
+        }
+        ProfileRow row;
+        row.tech = key->getTechType();
+        row.id = key->getProfileId();
+        row.token = tokenOf(key);
+        row.params = *params;
+        row.name = nameOf(session, row);
+        rows.push_back(std::move(row));
+    }
+    std::sort(rows.begin(), rows.end(), [](const ProfileRow& a, const ProfileRow& b) {
+        return std::make_pair(a.tech, a.id) < std::make_pair(b.tech, b.id);
+    });
+    return rows;
+}
+
+std::vector<ProfileRow> snapshot(Session& session) {
+    return rowsFor(session, manager().filter(kel::FilterProfileParams()));
+}
+
+const ProfileRow* findRow(const std::vector<ProfileRow>& rows, kel::TechType tech, int id) {
+    for (const auto& row : rows) {
+        if (row.tech == tech && row.id == id) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+std::string quoteIfNeeded(const std::string& text) {
+    return text.find_first_of(" \t") == std::string::npos && !text.empty() ? text
+                                                                           : "\"" + text + "\"";
+}
+
+std::string rowSummary(const ProfileRow& row) {
+    std::string text = profileName(row.tech, row.id);
+    if (!row.name.empty()) {
+        text += " name=" + quoteIfNeeded(row.name);
+    }
+    const std::string settings = settingsLine(row.params);
+    if (!settings.empty()) {
+        text += " " + settings;
+    }
+    const std::string flags = flagsText(row.params);
+    if (flags != "-") {
+        text += " flags=" + flags;
+    }
+    return text;
+}
+
+std::map<std::string, std::string> fieldMap(const ProfileRow& row) {
+    std::map<std::string, std::string> fields;
+    for (const auto& [key, value] : settingsFields(row.params)) {
+        fields[key] = value;
+    }
+    fields["flags"] = flagsText(row.params);
+    return fields;
+}
+
+// "types: default -> default,mms; ip: v4 -> v4v6"; empty when nothing differs.
+std::string fieldChanges(const ProfileRow& before, const ProfileRow& after) {
+    const auto old = fieldMap(before);
+    const auto now = fieldMap(after);
+    std::set<std::string> keys;
+    for (const auto& [key, value] : old) {
+        keys.insert(key);
+    }
+    for (const auto& [key, value] : now) {
+        keys.insert(key);
+    }
+    std::string text;
+    for (const auto& key : keys) {
+        const auto o = old.find(key);
+        const auto n = now.find(key);
+        const std::string from = o == old.end() ? "-" : o->second;
+        const std::string to = n == now.end() ? "-" : n->second;
+        if (from != to) {
+            text += (text.empty() ? "" : "; ") + key + ": " + from + " -> " + to;
+        }
+    }
+    return text;
+}
+
+// One line per profile that appeared, changed or went.
+std::string describeChanges(const std::vector<ProfileRow>& before,
+                            const std::vector<ProfileRow>& after) {
+    std::string text;
+    for (const auto& row : after) {
+        const ProfileRow* old = findRow(before, row.tech, row.id);
+        if (old == nullptr) {
+            text += "created " + rowSummary(row) + "\n";
+        } else if (const std::string changes = fieldChanges(*old, row); !changes.empty()) {
+            text += "updated " + profileName(row.tech, row.id) + ": " + changes + "\n";
+        }
+    }
+    for (const auto& row : before) {
+        if (findRow(after, row.tech, row.id) == nullptr) {
+            text += "deleted " + profileName(row.tech, row.id) + "\n";
+        }
+    }
+    return text.empty() ? "no profile changed\n" : text;
+}
+
+// Which profile a find-or-create chose and what happened to it: "found", "updated" or
+// "created", then the profile as it is now.
+std::string outcome(const std::vector<ProfileRow>& before, const std::vector<ProfileRow>& after,
+                    const std::shared_ptr<kel::IProfileKey>& key, bool* created) {
+    const kel::TechType tech = key->getTechType();
+    const int id = key->getProfileId();
+    const ProfileRow* old = findRow(before, tech, id);
+    const ProfileRow* now = findRow(after, tech, id);
+    *created = old == nullptr;
+    const std::string verb =
+        old == nullptr
+            ? "created"
+            : (now != nullptr && !fieldChanges(*old, *now).empty() ? "updated" : "found");
+    return verb + " " + (now != nullptr ? rowSummary(*now) : profileName(tech, id)) + "\n";
+}
+
+std::shared_ptr<kel::IProfileKey> resolve(Session& session, const ProfileRef& ref,
+                                          std::string* error) {
+    if (!ref.handleName.empty()) {
+        const auto found = session.handles.find(ref.handleName);
+        if (found == session.handles.end() || !found->second.key) {
+            *error = "no handle is named " + ref.handleName;
+            return nullptr;
+        }
+        if (found->second.gone->load()) {
+            *error = "the profile behind " + ref.handleName + " is gone";
+            return nullptr;
+        }
+        return found->second.key;
+    }
+    kel::FilterProfileParams filter;
+    filter.setFilterByTechType(ref.tech);
+    filter.setFilterByProfileId(ref.id);
+    const auto keys = manager().filter(filter);
+    if (keys.empty()) {
+        *error = "the modem has no profile " + profileName(ref.tech, ref.id);
+        return nullptr;
+    }
+    return keys.front();
+}
+
+std::optional<ProfileRef> refOperand(const Invocation& inv, std::size_t index,
+                                     const Session& session) {
+    std::set<std::string> names;
+    for (const auto& [name, handle] : session.handles) {
+        names.insert(name);
+    }
+    std::string ignored;
+    return parseProfileRef(inv.args.positional.at(index), inv.args.tech(), &names, &ignored);
+}
+
+std::shared_ptr<kel::IProfileKey> operandKey(Session& session, const Invocation& inv,
+                                             std::string* error) {
+    const auto ref = refOperand(inv, 0, session);
+    if (!ref) {
+        *error = "no profile " + inv.args.positional.at(0);
+        return nullptr;
+    }
+    return resolve(session, *ref, error);
+}
+
+kel::FilterProfileParams filterFrom(const Args& args) {
+    kel::FilterProfileParams filter(args.settings());
+    if (args.tech()) {
+        filter.setFilterByTechType(*args.tech());
+    }
+    if (args.id) {
+        filter.setFilterByProfileId(*args.id);
+    }
+    if (args.kel) {
+        filter.setFilterByIsKelProfile(*args.kel);
+    }
+    if (args.ia) {
+        filter.setFilterByIsIAProfile(*args.ia);
+    }
+    filter.addFilterMatchCriteria(args.criteria);
+    return filter;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The commands.
+
+bool cmdList(Session& session, const Invocation& inv, CommandResult* result) {
+    const auto rows = snapshot(session);
+    result->output = inv.args.json ? profilesJson(rows) : profileTable(rows);
+    return true;
+}
+
+bool cmdDump(Session&, const Invocation&, CommandResult* result) {
+    // A call through the worker first, so the dump shows everything the worker has done.
+    manager().filter(kel::FilterProfileParams());
+    for (const std::string& line : manager().dump()) {
+        result->output += line + "\n";
+    }
+    return true;
+}
+
+bool cmdGet(Session& session, const Invocation& inv, CommandResult* result) {
+    const auto key = operandKey(session, inv, &result->error);
+    if (!key) {
+        return false;
+    }
+    const auto rows = rowsFor(session, {key});
+    if (rows.empty()) {
+        result->error = "the library cannot read " + inv.args.positional.at(0);
+        return false;
+    }
+    const ProfileRow& row = rows.front();
+    if (inv.args.json) {
+        result->output = profileJson(row) + "\n";
+        return true;
+    }
+    std::ostringstream out;
+    out << "profile " << profileName(row.tech, row.id) << "\n";
+    if (!row.token.empty()) {
+        out << "token " << row.token << "\n";
+    }
+    if (!row.name.empty()) {
+        out << "name " << row.name << "\n";
+    }
+    for (const auto& [field, value] : settingsFields(row.params)) {
+        out << field << " " << value << "\n";
+    }
+    out << "flags " << flagsText(row.params) << "\n";
+    result->output = out.str();
+    return true;
+}
+
+bool cmdAdd(Session& session, const Invocation& inv, CommandResult* result) {
+    const Args& args = inv.args;
+    const kel::AddProfileParams params(args.settings(), args.persistent,
+                                       args.tech().value_or(kel::TechType::TYPE_3GPP),
+                                       args.ia.value_or(false));
+    auto key = manager().addProfile(params);
+    if (!key) {
+        result->error = "the modem did not add the profile (kelctl --verbose shows why)";
+        return false;
+    }
+    const auto rows = rowsFor(session, {key});
+    const std::string profile = profileName(key->getTechType(), key->getProfileId());
+    result->output = "added " + (rows.empty() ? profile : rowSummary(rows.front())) + "\n";
+    if (!args.persistent) {
+        result->transientProfile = profile;
+    }
+    result->handle = std::move(key);
+    return true;
+}
+
+bool cmdModify(Session& session, const Invocation& inv, CommandResult* result) {
+    const auto key = operandKey(session, inv, &result->error);
+    if (!key) {
+        return false;
+    }
+    const std::string profile = profileName(key->getTechType(), key->getProfileId());
+    const auto before = rowsFor(session, {key});
+    if (!manager().modifyProfile(kel::ModifyProfileParams(inv.args.settings()), key)) {
+        result->error = "the library refused to modify " + profile;
+        return false;
+    }
+    const auto after = rowsFor(session, {key});
+    const std::string changes =
+        before.empty() || after.empty() ? "" : fieldChanges(before.front(), after.front());
+    if (!changes.empty()) {
+        result->output = "modified " + profile + ": " + changes + "\n";
+        return true;
+    }
+    // The library answers a modify the modem refused as done; the profile tells the truth.
+    if (!manager().match(kel::FilterProfileParams(inv.args.settings()), key)) {
+        result->error = "the modem did not take the change to " + profile;
+        return false;
+    }
+    result->output = "unchanged " + profile + ": it already has these settings\n";
+    return true;
+}
+
+bool cmdDelete(Session& session, const Invocation& inv, CommandResult* result) {
+    const auto key = operandKey(session, inv, &result->error);
+    if (!key) {
+        return false;
+    }
+    const std::string profile = profileName(key->getTechType(), key->getProfileId());
+    if (!manager().deleteProfile(key)) {
+        result->error = "the modem did not delete " + profile;
+        return false;
+    }
+    result->output = "deleted " + profile + "\n";
+    return true;
+}
+
+bool cmdFilter(Session& session, const Invocation& inv, CommandResult* result) {
+    const auto keys = manager().filter(filterFrom(inv.args));
+    const auto rows = rowsFor(session, keys);
+    result->output = inv.args.json ? profilesJson(rows) : profileTable(rows);
+    if (!keys.empty()) {
+        result->handle = keys.front();
+    }
+    return true;
+}
+
+bool cmdMatch(Session& session, const Invocation& inv, CommandResult* result) {
+    const auto key = operandKey(session, inv, &result->error);
+    if (!key) {
+        return false;
+    }
+    result->output = manager().match(filterFrom(inv.args), key) ? "match\n" : "no match\n";
+    return true;
+}
+
+bool cmdRefresh(Session&, const Invocation& inv, CommandResult* result) {
+    const auto step = inv.args.refreshStep.value_or(kel::PDCRefreshStatus::Completed);
+    manager().refresh(step);
+    switch (step) {
+        case kel::PDCRefreshStatus::Started:
+            result->output =
+                "refresh started: the library refuses profile operations until "
+                "refresh --completed\n";
+            break;
+        case kel::PDCRefreshStatus::Completed:
+            result->output = "refreshed: " +
+                             std::to_string(manager().filter(kel::FilterProfileParams()).size()) +
+                             " profiles\n";
+            break;
+    }
+    return true;
+}
+
+using FindOrCreate = std::shared_ptr<kel::IProfileKey> (*)(Session&, const Args&);
+
+// Runs one of Util's find-or-create searches and says which profile it chose.
+bool chooseProfile(Session& session, const Invocation& inv, CommandResult* result,
+                   FindOrCreate search, bool createsTransient) {
+    session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
+    const auto before = snapshot(session);
+    auto key = search(session, inv.args);
+    if (!key) {
+        result->error = "no profile fits, and the modem did not add one";
+        return false;
+    }
+    const auto after = snapshot(session);
+    bool created = false;
+    result->output = outcome(before, after, key, &created);
+    if (created && createsTransient) {
+        result->transientProfile = profileName(key->getTechType(), key->getProfileId());
+    }
+    result->handle = std::move(key);
+    return true;
+}
+
+bool cmdDataCall(Session& session, const Invocation& inv, CommandResult* result) {
+    return chooseProfile(
+        session, inv, result,
+        [](Session& s, const Args& args) {
+            return s.util.findOrCreateProfileForSetupDataCall(
+                args.tech().value_or(kel::TechType::TYPE_3GPP), args.settings());
+        },
+        true);
+}
+
+bool cmdEmergency(Session& session, const Invocation& inv, CommandResult* result) {
+    return chooseProfile(
+        session, inv, result,
+        [](Session& s, const Args& args) {
+            return s.util.findOrCreateProfileForEmergencyDataCall(args.settings());
+        },
+        false);
+}
+
+bool cmdAttach(Session& session, const Invocation& inv, CommandResult* result) {
+    return chooseProfile(
+        session, inv, result,
+        [](Session& s, const Args& args) {
+            return s.util.findOrCreateProfileForLteAttach(args.settings());
+        },
+        false);
+}
+
+bool cmdMatchAttachId(Session& session, const Invocation& inv, CommandResult* result) {
+    const auto ref = refOperand(inv, 0, session);
+    int id = ref ? ref->id : -1;
+    if (ref && !ref->handleName.empty()) {
+        const auto key = resolve(session, *ref, &result->error);
+        if (!key) {
+            return false;
+        }
+        id = key->getProfileId();
+    }
+    session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
+    const bool matched = session.util.matchLteAttachProfileId(id, inv.args.settings());
+    result->output = matched ? "match\n" : "no match\n";
+    return true;
+}
+
+bool cmdApplyClasses(Session& session, const Invocation& inv, CommandResult* result) {
+    std::list<kel::ProfileParams> profiles3gpp;
+    std::list<kel::ProfileParams> profiles3gpp2;
+    for (const Entry& entry : inv.args.entries) {
+        (entry.tech == kel::TechType::TYPE_3GPP2 ? profiles3gpp2 : profiles3gpp)
+            .push_back(entry.settings);
+    }
+    const auto before = snapshot(session);
+    session.util.updateModemProfileByApnClass(profiles3gpp, profiles3gpp2);
+    result->output = describeChanges(before, snapshot(session));
+    return true;
+}
+
+bool cmdApplyTypes(Session& session, const Invocation& inv, CommandResult* result) {
+    std::list<kel::ProfileParams> profiles;
+    for (const Entry& entry : inv.args.entries) {
+        profiles.push_back(entry.settings);
+    }
+    session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
+    const auto before = snapshot(session);
+    session.util.updateAPNTypeBitmaskOnModemProfile(profiles);
+    result->output = describeChanges(before, snapshot(session));
+    return true;
+}
+
+std::string entriesText(std::size_t count) {
+    return std::to_string(count) + (count == 1 ? " entry" : " entries");
+}
+
+std::string carrierHeader(const Invocation& inv) {
+    const CarrierPlan& plan = *inv.carrier;
+    const Args& args = inv.args;
+    std::string who = "mcc " + args.mcc + " mnc " + args.mnc;
+    if (!args.mvnoType.empty()) {
+        who += " " + args.mvnoType + " \"" + args.mvnoMatch + "\"";
+    }
+    return "carrier " + who + ": " + std::to_string(plan.entries.size()) + " of " +
+           entriesText(plan.entriesInFile) + " in " + plan.file + "\n";
+}
+
+// "  line 14 (Testnet Internet): "
+std::string entryLabel(const CarrierEntry& entry) {
+    std::string label = "  line " + std::to_string(entry.line);
+    if (!entry.carrier.empty()) {
+        label += " (" + entry.carrier + ")";
+    }
+    return label + ": ";
+}
+
+std::string carrierDetails(const CarrierPlan& plan) {
+    std::string text;
+    for (const auto& entry : plan.entries) {
+        const std::string where = entryLabel(entry);
+        if (!entry.ignoredAttributes.empty()) {
+            std::string names;
+            for (const auto& name : entry.ignoredAttributes) {
+                names += (names.empty() ? "" : ", ") + name;
+            }
+            text += where + "ignored attributes: " + names + "\n";
+        }
+        for (const auto& type : entry.ignoredTypes) {
+            text += where + "ignored APN type: " + type + "\n";
+        }
+    }
+    return text;
+}
+
+std::string carrierDryRun(const Invocation& inv) {
+    const CarrierPlan& plan = *inv.carrier;
+    std::string text = "would update APN types with " + entriesText(plan.entries.size()) +
+                       (inv.args.allowUpdate ? " (updates allowed)" : "") + ":\n";
+    for (const auto& entry : plan.entries) {
+        text += entryLabel(entry) + settingsLine(entry.settings) + "\n";
+    }
+    if (const CarrierEntry* attach = plan.attachEntry()) {
+        text += "would find or create the attach profile:\n" + entryLabel(*attach) +
+                settingsLine(attach->settings) + "\n";
+    }
+    return text;
+}
+
+bool cmdCarrier(Session& session, const Invocation& inv, CommandResult* result) {
+    result->output = carrierHeader(inv);
+    if (inv.args.verbose) {
+        result->output += carrierDetails(*inv.carrier);
+    }
+    if (inv.args.dryRun) {
+        result->output += carrierDryRun(inv);
+        return true;
+    }
+    session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
+    const auto before = snapshot(session);
+    session.util.updateAPNTypeBitmaskOnModemProfile(inv.carrier->typeUpdates());
+    result->output += describeChanges(before, snapshot(session));
+    if (const CarrierEntry* attach = inv.carrier->attachEntry()) {
+        const auto beforeAttach = snapshot(session);
+        const auto key = session.util.findOrCreateProfileForLteAttach(attach->settings);
+        if (!key) {
+            result->error = "line " + std::to_string(attach->line) +
+                            ": no attach profile fits, and the modem did not add one";
+            return false;
+        }
+        bool created = false;
+        result->output += "attach: " + outcome(beforeAttach, snapshot(session), key, &created);
+    }
+    return true;
+}
+
+bool cmdDrop(Session& session, const Invocation& inv, CommandResult* result) {
+    for (const std::string& name : inv.args.positional) {
+        const auto found = session.handles.find(name);
+        if (found == session.handles.end()) {
+            result->error = "no handle is named " + name;
+            return false;
+        }
+        const kel::TechType tech = found->second.key->getTechType();
+        const int id = found->second.key->getProfileId();
+        const bool wasGone = found->second.gone->load();
+        session.handles.erase(found);
+        kel::FilterProfileParams filter;
+        filter.setFilterByTechType(tech);
+        filter.setFilterByProfileId(id);
+        const bool stays = wasGone || !manager().filter(filter).empty();
+        result->output += "dropped " + name +
+                          (stays ? "" : ": the library deleted " + profileName(tech, id)) + "\n";
+    }
+    return true;
+}
+
+bool cmdHandles(Session& session, const Invocation&, CommandResult* result) {
+    for (const auto& [name, handle] : session.handles) {
+        result->output += name + " " +
+                          profileName(handle.key->getTechType(), handle.key->getProfileId()) +
+                          (handle.gone->load() ? " (gone)" : "") + "\n";
+    }
+    return true;
+}
+
+const unsigned int kProfileFilter = kSettings | kTech | kFilter | kKelFlag | kIaFlag;
+
+}  // namespace
+
+Session::~Session() {
+    // Released in name order, while the library and the modem are both still up.
+    handles.clear();
+}
+
+const std::vector<CommandSpec>& commands() {
+    static const std::vector<CommandSpec> table = {
+        {"list", "", "the modem's profiles as a table (or JSON)", kJson, 0, 0, 0, cmdList},
+        {"dump", "", "the library's own dump: its cache and its log history", 0, 0, 0, 0, cmdDump},
+        {"get", "PROFILE", "one profile's settings", kTech | kJson, 1, 1, 0, cmdGet},
+        {"add", "", "add a profile", kSettings | kTech | kPersistent | kIaFlag, 0, 0,
+         kMakesHandle | kChangesModem, cmdAdd},
+        {"modify", "PROFILE", "change a profile's settings", kSettings | kTech, 1, 1, kChangesModem,
+         cmdModify},
+        {"delete", "PROFILE", "delete a profile from the modem", kTech, 1, 1, kChangesModem,
+         cmdDelete},
+        {"filter", "", "the profiles that fit the given settings", kProfileFilter | kJson, 0, 0,
+         kMakesHandle, cmdFilter},
+        {"match", "PROFILE", "whether a profile fits the given settings", kProfileFilter, 1, 1, 0,
+         cmdMatch},
+        {"refresh", "", "re-read the modem's profiles (every handle expires)", kRefresh, 0, 0, 0,
+         cmdRefresh},
+        {"data-call", "", "find or create the profile for a data call",
+         kSettings | kTech | kAllowUpdate, 0, 0, kMakesHandle | kChangesModem, cmdDataCall},
+        {"emergency", "", "find or create the profile for an emergency call", kSettings, 0, 0,
+         kMakesHandle | kChangesModem, cmdEmergency},
+        {"attach", "", "find or create the initial-attach profile", kSettings | kAllowUpdate, 0, 0,
+         kMakesHandle | kChangesModem, cmdAttach},
+        {"match-attach-id", "ID", "whether 3GPP profile ID may serve initial attach",
+         kSettings | kAllowUpdate, 1, 1, 0, cmdMatchAttachId},
+        {"apply-classes", "", "make sure a profile exists for each APN class (--class)",
+         kSettings | kTech | kEntries, 0, 0, kChangesModem, cmdApplyClasses},
+        {"apply-types", "", "spread each APN's types over its profiles (--apn, --types)",
+         kSettings | kAllowUpdate | kEntries, 0, 0, kChangesModem, cmdApplyTypes},
+        {"carrier", "FILE", "apply one carrier's entries of a carrier APN database",
+         kCarrier | kAllowUpdate, 1, 1, kChangesModem, cmdCarrier},
+        {"drop", "NAME...", "release named handles", 0, 1, 64, kScriptOnly, cmdDrop},
+        {"handles", "", "the named handles", 0, 0, 0, kScriptOnly, cmdHandles},
+    };
+    return table;
+}
+
+const CommandSpec* findCommand(const std::string& name) {
+    for (const auto& spec : commands()) {
+        if (name == spec.name) {
+            return &spec;
+        }
+    }
+    return nullptr;
+}
+
+namespace {
+
+bool hasSettings(const kel::ProfileParams& params) {
+    return !settingsFields(params).empty();
+}
+
+bool checkEntries(const CommandSpec& spec, const Args& args, std::string* error) {
+    const std::string name = spec.name;
+    for (std::size_t i = 0; i < args.entries.size(); ++i) {
+        const kel::ProfileParams& p = args.entries[i].settings;
+        const std::string which =
+            args.entries.size() > 1 ? "entry " + std::to_string(i + 1) + " needs " : "needs ";
+        if (name == "apply-classes" && !p.hasApnClass()) {
+            *error = which + "--class";
+            return false;
+        }
+        if (name == "apply-types" && (!p.hasApnName() || !p.hasApnTypesMask())) {
+            *error = which + "--apn and --types";
+            return false;
+        }
+    }
+    if (name == "modify" && !hasSettings(args.settings())) {
+        *error = "nothing to change: give at least one setting (--apn, --types, ...)";
+        return false;
+    }
+    return true;
+}
+
+bool checkOperands(const CommandSpec& spec, const Args& args,
+                   const std::set<std::string>* knownHandles, std::string* error) {
+    const auto& operands = args.positional;
+    if (operands.size() < spec.minOperands) {
+        *error = std::string("needs ") + spec.operands;
+        return false;
+    }
+    if (operands.size() > spec.maxOperands) {
+        *error = spec.maxOperands == 0 ? "takes no operand (got \"" + operands.front() + "\")"
+                                       : "takes one " + std::string(spec.operands) + " (got \"" +
+                                             operands.back() + "\" too)";
+        return false;
+    }
+    const std::string kind = spec.operands;
+    if (kind == "PROFILE" || kind == "ID") {
+        std::string why;
+        const auto ref = parseProfileRef(operands.front(), args.tech(), knownHandles, &why);
+        if (!ref) {
+            *error = why;
+            return false;
+        }
+        if (kind == "ID" && ref->handleName.empty() && ref->tech != kel::TechType::TYPE_3GPP) {
+            *error = "the attach profile is a 3GPP profile; " + operands.front() + " is not";
+            return false;
+        }
+    }
+    if (kind == "NAME...") {
+        for (const auto& name : operands) {
+            if (knownHandles == nullptr || knownHandles->count(name) == 0) {
+                *error = "no handle is named \"" + name + "\" at this point of the script";
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+bool loadCarrierPlan(Invocation* inv, std::string* error) {
+    const Args& args = inv->args;
+    if (args.mcc.empty() || args.mnc.empty()) {
+        *error = "needs --mcc and --mnc";
+        return false;
+    }
+    if (args.mvnoType.empty() != args.mvnoMatch.empty()) {
+        *error = "--mvno-type and --mvno-match go together";
+        return false;
+    }
+    auto plan = std::make_shared<CarrierPlan>();
+    const CarrierSelector selector{args.mcc, args.mnc, args.mvnoType, args.mvnoMatch};
+    if (!loadCarrier(args.positional.front(), selector, plan.get(), error)) {
+        return false;
+    }
+    inv->carrier = std::move(plan);
+    return true;
+}
+
+}  // namespace
+
+bool prepareInvocation(const CommandSpec& spec, const std::vector<std::string>& words,
+                       GlobalOptions* globals, const std::set<std::string>* knownHandles,
+                       Invocation* invocation, std::string* error) {
+    invocation->spec = &spec;
+    if (!parseArgs(spec.groups, words, &invocation->args, globals, error) ||
+        !checkOperands(spec, invocation->args, knownHandles, error) ||
+        !checkEntries(spec, invocation->args, error)) {
+        return false;
+    }
+    if (std::string(spec.name) == "carrier") {
+        return loadCarrierPlan(invocation, error);
+    }
+    return true;
+}
+
+bool needsModem(const Invocation& invocation) {
+    return !(invocation.carrier && invocation.args.dryRun);
+}
+
+bool runOffline(const Invocation& invocation, CommandResult* result) {
+    if (!invocation.carrier) {
+        result->error = "needs a modem";
+        return false;
+    }
+    result->output = carrierHeader(invocation);
+    if (invocation.args.verbose) {
+        result->output += carrierDetails(*invocation.carrier);
+    }
+    result->output += carrierDryRun(invocation);
+    return true;
+}
+
+std::string commandHelp(const CommandSpec& spec) {
+    std::string usage = std::string("Usage: kelctl ") + spec.name + " [options]";
+    if (*spec.operands != '\0') {
+        usage += std::string(" ") + spec.operands;
+    }
+    std::string summary = spec.summary;
+    summary[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(summary[0])));
+    std::string text = usage + "\n\n" + summary + ".\n";
+    const std::string operands = spec.operands;
+    if (operands == "PROFILE") {
+        text += "\nPROFILE is 3gpp:N, 3gpp2:N, N (with --tech), or in a script a handle name.\n";
+    } else if (operands == "ID") {
+        text += "\nID is a 3GPP profile index N (or 3gpp:N), or in a script a handle name.\n";
+    }
+    if ((spec.groups & kEntries) != 0) {
+        text +=
+            "\nSeveral entries go on one command line, each after --and; --tech applies to its\n"
+            "own entry.\n";
+    }
+    if (spec.has(kMakesHandle)) {
+        text +=
+            "\nA profile the library makes without --persistent goes when the last handle to it\n"
+            "goes: when kelctl exits, or in a script when its named handle is dropped.\n";
+    }
+    if (spec.has(kScriptOnly)) {
+        text += "\nOnly in scripts (kelctl run, kelctl shell).\n";
+    }
+    text += "\nOptions:\n" + optionsHelp(spec.groups);
+    if (!spec.has(kScriptOnly)) {
+        text += "\nOptions of the whole run:\n" + globalOptionsHelp();
+    }
+    return text;
+}
+
+std::string generalHelp() {
+    std::string text =
+        "Usage: kelctl [options] COMMAND [options] [operands]\n"
+        "       kelctl run FILE      run a script of commands with named handles\n"
+        "       kelctl shell         read such commands from standard input\n\n"
+        "Shows and changes a modem's packet-data profiles through libkelr. Without --modem it\n"
+        "works on an embedded simulated modem seeded from the repository's seed file.\n\n"
+        "Commands:\n";
+    for (const auto& spec : commands()) {
+        std::string head = std::string("  ") + spec.name;
+        head.resize(20, ' ');
+        text += head + spec.summary + (spec.has(kScriptOnly) ? " (scripts only)" : "") + "\n";
+    }
+    text += "\nOptions of the whole run:\n" + globalOptionsHelp() +
+            "\nkelctl COMMAND --help shows a command's options. Exit status: 0 done; 1 the modem\n"
+            "or the library said no, or no modem answered; 2 a wrong command line or input file\n"
+            "(nothing was sent).\n";
+    return text;
+}
+
+}  // namespace kelctl

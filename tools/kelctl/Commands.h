@@ -1,0 +1,103 @@
+// kelctl's commands: what each takes, how it is checked before any modem is touched, and what it
+// does through the library's public Manager and Util.
+#ifndef KELCTL_COMMANDS_H
+#define KELCTL_COMMANDS_H
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Carrier.h"
+#include "ModemLink.h"
+#include "Options.h"
+#include "Output.h"
+#include "kel/IProfileKey.h"
+#include "kel/Util.h"
+
+namespace kelctl {
+
+// A handle a script keeps under a name. The library deletes a non-persistent profile it made
+// when the last handle goes, so a named handle keeps such a profile alive until it is dropped.
+struct NamedHandle {
+    std::shared_ptr<kel::IProfileKey> key;
+    // Set by the expiration listener, on the library's worker thread, when the profile is gone.
+    std::shared_ptr<std::atomic<bool>> gone;
+    bool goneReported = false;
+};
+
+// One kelctl run against one modem. Main thread only; the expiration listeners only set the
+// `gone` flags of named handles.
+class Session {
+  public:
+    Session(ModemLink& modemLink, const Channel& out) : link(modemLink), channel(out) {}
+    ~Session();  // drops the named handles while the modem is still there
+
+    ModemLink& link;
+    const Channel& channel;
+    kel::Util util;
+    std::map<std::string, NamedHandle> handles;
+};
+
+// One checked command line: the command, its options, and what was read ahead of time.
+struct CommandSpec;
+struct Invocation {
+    const CommandSpec* spec = nullptr;
+    Args args;
+    std::shared_ptr<const CarrierPlan> carrier;  // carrier: the file, read and checked
+};
+
+// What a command produced.
+struct CommandResult {
+    std::string output;  // for standard output
+    std::string error;   // set on failure
+    // A profile the library made without persistence: it goes with the last handle to it.
+    std::string transientProfile;
+    // The profile handle a script line may name (add, data-call, emergency, attach, filter).
+    std::shared_ptr<kel::IProfileKey> handle;
+};
+
+enum CommandTrait : unsigned int {
+    kMakesHandle = 1u << 0,   // gives a profile handle a script line may name
+    kScriptOnly = 1u << 1,    // works on named handles
+    kChangesModem = 1u << 2,  // may change the modem's profiles
+};
+
+struct CommandSpec {
+    const char* name;
+    const char* operands;  // "PROFILE", "FILE", ""
+    const char* summary;
+    unsigned int groups;
+    std::size_t minOperands;
+    std::size_t maxOperands;
+    unsigned int traits;
+    bool (*run)(Session& session, const Invocation& invocation, CommandResult* result);
+
+    bool has(CommandTrait trait) const { return (traits & trait) != 0; }
+};
+
+const CommandSpec* findCommand(const std::string& name);
+const std::vector<CommandSpec>& commands();
+
+// Parses and checks a command's words (after its name) completely: operands, option values,
+// profile references (handle names must be among knownHandles; null: none may be used) and, for
+// carrier, the file. False with a one-line reason.
+bool prepareInvocation(const CommandSpec& spec, const std::vector<std::string>& words,
+                       GlobalOptions* globals, const std::set<std::string>* knownHandles,
+                       Invocation* invocation, std::string* error);
+
+// Whether the invocation needs a modem (a carrier dry run does not).
+bool needsModem(const Invocation& invocation);
+
+// Runs an invocation that needs no modem.
+bool runOffline(const Invocation& invocation, CommandResult* result);
+
+// "Usage: kelctl add [options]" with the summary and the command's options.
+std::string commandHelp(const CommandSpec& spec);
+std::string generalHelp();
+
+}  // namespace kelctl
+
+#endif  // KELCTL_COMMANDS_H

@@ -1,0 +1,63 @@
+// The modem kelctl works on: the embedded simulated modem (the default, so kelctl works on a
+// fresh machine with nothing running) or a running modem's service directory. Opening the link
+// initialises the library and waits until it is connected and its cache filled, so that the
+// first command sees the modem's profiles.
+//
+// Main thread only; the embedded modem serves on its own threads.
+#ifndef KELCTL_MODEM_LINK_H
+#define KELCTL_MODEM_LINK_H
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "Options.h"
+#include "kel/Manager.h"
+#include "vexsim/SimModem.h"
+
+namespace kelctl {
+
+class ModemLink {
+  public:
+    ModemLink() = default;
+    ~ModemLink();
+    ModemLink(const ModemLink&) = delete;
+    ModemLink& operator=(const ModemLink&) = delete;
+
+    kel::Manager& manager() const;
+    // The modem's name for a profile with this APN. The embedded modem's table is read as it is
+    // now; a running modem's names are those the library read when kelctl connected.
+    std::optional<std::string> modemProfileName(kel::TechType tech, int id,
+                                                const std::string& apn) const;
+    bool isEmbedded() const { return sim != nullptr; }
+
+    // False with a one-line reason when the modem cannot be started or does not answer within
+    // the timeout. Call once.
+    bool open(const GlobalOptions& options, std::string* error);
+
+  private:
+    bool startEmbedded(const GlobalOptions& options, std::string* error);
+    bool waitEmbedded(const GlobalOptions& options, std::string* error);
+    bool waitRunning(const GlobalOptions& options, std::string* error);
+    void readNamesFromLibrary();
+
+    struct NamedApn {
+        std::string name;
+        std::string apn;  // as the library normalised it
+    };
+
+    std::unique_ptr<vexsim::SimModem> sim;
+    std::map<std::pair<kel::TechType, int>, NamedApn> startupNames;
+    std::string privateDir;  // the embedded modem's service directory, removed at the end
+    int subscription = 0;
+};
+
+// The seed file the embedded modem starts from when --seed is not given; empty when none is
+// installed.
+std::string defaultSeedFile();
+
+}  // namespace kelctl
+
+#endif  // KELCTL_MODEM_LINK_H

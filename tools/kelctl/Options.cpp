@@ -1,0 +1,472 @@
+#include "Options.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+
+#include "ValueNames.h"
+
+namespace kelctl {
+namespace {
+
+// Options of the whole run (before or after the command name, never on a script line).
+constexpr unsigned int kGlobal = 1u << 30;
+// Options every command line takes.
+constexpr unsigned int kAlways = 1u << 31;
+// Where the help text of an option starts.
+constexpr std::size_t kHelpColumn = 34;
+
+using ApplyFn = bool (*)(const std::string& value, Args& args, GlobalOptions* globals,
+                         std::string* why);
+
+struct OptionSpec {
+    const char* name;
+    const char* value;  // what the value is, for help; null for a flag
+    unsigned int group;
+    const char* help;
+    ApplyFn apply;
+};
+
+kel::ProfileParams& current(Args& args) {
+    return args.entries.back().settings;
+}
+
+std::optional<long> parseNumber(const std::string& text, long min, long max) {
+    if (text.empty() || text.size() > 12) {
+        return std::nullopt;
+    }
+    char* end = nullptr;
+    errno = 0;
+    const long value = std::strtol(text.c_str(), &end, 10);
+    if (errno != 0 || *end != '\0' || value < min || value > max) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+bool isDigits(const std::string& text, std::size_t minLength, std::size_t maxLength) {
+    if (text.size() < minLength || text.size() > maxLength) {
+        return false;
+    }
+    for (char c : text) {
+        if (c < '0' || c > '9') {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string quoted(const std::string& value) {
+    return "\"" + value + "\"";
+}
+
+bool notOneOf(const std::string& value, const std::string& accepted, std::string* why) {
+    *why = quoted(value) + " is not one of " + accepted;
+    return false;
+}
+
+// Sets one of the 16-bit throttling settings.
+template <void (kel::ProfileParams::*Setter)(int)>
+bool setTimerValue(const std::string& value, Args& args, GlobalOptions*, std::string* why) {
+    const auto number = parseNumber(value, 0, 65535);
+    if (!number) {
+        *why = quoted(value) + " is not a number from 0 to 65535";
+        return false;
+    }
+    (current(args).*Setter)(static_cast<int>(*number));
+    return true;
+}
+
+template <void (kel::ProfileParams::*Setter)(bool)>
+bool setYesNo(const std::string& value, Args& args, GlobalOptions*, std::string* why) {
+    const auto flag = yesNoFromName(value);
+    if (!flag) {
+        return notOneOf(value, "yes, no", why);
+    }
+    (current(args).*Setter)(*flag);
+    return true;
+}
+
+bool setIp(const std::string& value, kel::ProfileParams& params, bool roaming, std::string* why) {
+    const auto ip = ipFromName(value);
+    if (!ip) {
+        return notOneOf(value, ipNames(), why);
+    }
+    if (roaming) {
+        params.setRoamIPType(*ip);
+    } else {
+        params.setHomeIPType(*ip);
+    }
+    return true;
+}
+
+const std::vector<OptionSpec>& optionTable() {
+    static const std::vector<OptionSpec> table = {
+        // Profile settings.
+        {"--apn", "NAME", kSettings, "APN name",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
+             current(a).setApnName(v);
+             return true;
+         }},
+        {"--ip", "v4|v6|v4v6", kSettings, "IP type at home",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             return setIp(v, current(a), false, why);
+         }},
+        {"--roam-ip", "v4|v6|v4v6", kSettings, "IP type when roaming",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             return setIp(v, current(a), true, why);
+         }},
+        {"--types", "LIST", kSettings, "APN types, e.g. default,mms,supl (or none)",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             std::string bad;
+             const auto mask = typesFromNames(v, &bad);
+             if (!mask) {
+                 *why = quoted(bad) + " is not an APN type; accepted: " + typeNames();
+                 return false;
+             }
+             current(a).setApnTypesMask(*mask);
+             return true;
+         }},
+        {"--auth", "none|pap|chap|pap_chap", kSettings, "authentication",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             const auto auth = authFromName(v);
+             if (!auth) {
+                 return notOneOf(v, authNames(), why);
+             }
+             current(a).setAuthType(*auth);
+             return true;
+         }},
+        {"--user", "NAME", kSettings, "user name",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
+             current(a).setUserName(v);
+             return true;
+         }},
+        {"--password", "TEXT", kSettings, "password",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
+             current(a).setPassword(v);
+             return true;
+         }},
+        {"--class", "ims|admn|inet|app", kSettings, "APN class",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             const auto apnClass = classFromName(v);
+             if (!apnClass) {
+                 return notOneOf(v, classNames(), why);
+             }
+             current(a).setApnClass(*apnClass);
+             return true;
+         }},
+        {"--clat", "yes|no", kSettings, "CLAT (464XLAT) enabled",
+         setYesNo<&kel::ProfileParams::setIsClatEnabled>},
+        {"--emergency-calls", "yes|no", kSettings, "the profile carries emergency calls",
+         setYesNo<&kel::ProfileParams::setIsEmergencySupported>},
+        {"--disabled", "yes|no", kSettings, "the APN is disabled",
+         setYesNo<&kel::ProfileParams::setIsApnDisabled>},
+        {"--max-conns", "N", kSettings, "PDN connections allowed per time block",
+         setTimerValue<&kel::ProfileParams::setMaxPdnsConnPerBlock>},
+        {"--max-conns-time", "SECONDS", kSettings, "length of that time block",
+         setTimerValue<&kel::ProfileParams::setMaxPdnConnTimer>},
+        {"--wait-time", "SECONDS", kSettings, "wait between PDN connection requests",
+         setTimerValue<&kel::ProfileParams::setPdnReqWaitInterval>},
+        {"--tech", "3gpp|3gpp2", kTech, "technology (default 3gpp)",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             const auto tech = techFromName(v);
+             if (!tech) {
+                 return notOneOf(v, techNames(), why);
+             }
+             a.entries.back().tech = *tech;
+             return true;
+         }},
+        {"--and", nullptr, kEntries, "start the next entry",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.entries.emplace_back();
+             return true;
+         }},
+        {"--persistent", nullptr, kPersistent, "keep the profile on the modem after kelctl exits",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.persistent = true;
+             return true;
+         }},
+        {"--allow-update", nullptr, kAllowUpdate, "a found profile may be changed to fit",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.allowUpdate = true;
+             return true;
+         }},
+        {"--id", "N", kFilter, "modem profile index",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             const auto id = parseNumber(v, 0, 255);
+             if (!id) {
+                 *why = quoted(v) + " is not a profile index from 0 to 255";
+                 return false;
+             }
+             a.id = static_cast<int>(*id);
+             return true;
+         }},
+        {"--criteria", "LIST", kFilter, "loosen comparisons: home-subset, apn-subset, ...",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             std::string bad;
+             const auto bits = criteriaFromNames(v, &bad);
+             if (!bits) {
+                 *why = quoted(bad) + " is not a criterion; accepted: " + criteriaNames();
+                 return false;
+             }
+             a.criteria |= *bits;
+             return true;
+         }},
+        {"--kel", "yes|no", kKelFlag, "only profiles kelctl's library made (or only others)",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             const auto flag = yesNoFromName(v);
+             if (!flag) {
+                 return notOneOf(v, "yes, no", why);
+             }
+             a.kel = *flag;
+             return true;
+         }},
+        {"--ia", "yes|no", kIaFlag, "the initial-attach profile (kel_profile_ia)",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             const auto flag = yesNoFromName(v);
+             if (!flag) {
+                 return notOneOf(v, "yes, no", why);
+             }
+             a.ia = *flag;
+             return true;
+         }},
+        {"--json", nullptr, kJson, "print JSON",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.json = true;
+             return true;
+         }},
+        {"--mcc", "MCC", kCarrier, "mobile country code (3 digits)",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             if (!isDigits(v, 3, 3)) {
+                 *why = quoted(v) + " is not a mobile country code of 3 digits";
+                 return false;
+             }
+             a.mcc = v;
+             return true;
+         }},
+        {"--mnc", "MNC", kCarrier, "mobile network code (2 or 3 digits)",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             if (!isDigits(v, 2, 3)) {
+                 *why = quoted(v) + " is not a mobile network code of 2 or 3 digits";
+                 return false;
+             }
+             a.mnc = v;
+             return true;
+         }},
+        {"--mvno-type", "spn|imsi|gid|iccid", kCarrier, "select a virtual operator's entries",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             const std::string type = lower(v);
+             if (type != "spn" && type != "imsi" && type != "gid" && type != "iccid") {
+                 return notOneOf(v, "spn, imsi, gid, iccid", why);
+             }
+             a.mvnoType = type;
+             return true;
+         }},
+        {"--mvno-match", "DATA", kCarrier, "the virtual operator's match data",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
+             a.mvnoMatch = v;
+             return true;
+         }},
+        {"--dry-run", nullptr, kCarrier, "print what would be sent; touch no modem",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.dryRun = true;
+             return true;
+         }},
+        {"--started", nullptr, kRefresh, "only report that a refresh started (closes the library)",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.refreshStep = kel::PDCRefreshStatus::Started;
+             return true;
+         }},
+        {"--completed", nullptr, kRefresh, "only report that it completed (re-reads the modem)",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.refreshStep = kel::PDCRefreshStatus::Completed;
+             return true;
+         }},
+        {"--echo", nullptr, kEcho, "print each script line before running it",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.echo = true;
+             return true;
+         }},
+        // The whole run.
+        {"--modem", "DIR", kGlobal, "use the running modem serving in DIR (default: embedded)",
+         [](const std::string& v, Args&, GlobalOptions* g, std::string*) {
+             g->modemDir = v;
+             return true;
+         }},
+        {"--embedded", nullptr, kGlobal, "use the embedded modem even if VEX_SERVICE_DIR is set",
+         [](const std::string&, Args&, GlobalOptions* g, std::string*) {
+             g->embedded = true;
+             return true;
+         }},
+        {"--seed", "FILE", kGlobal, "embedded modem: its initial profiles",
+         [](const std::string& v, Args&, GlobalOptions* g, std::string*) {
+             g->seedFile = v;
+             return true;
+         }},
+        {"--state", "FILE", kGlobal, "embedded modem: keep its persistent profiles in FILE",
+         [](const std::string& v, Args&, GlobalOptions* g, std::string*) {
+             g->stateFile = v;
+             return true;
+         }},
+        {"--sub", "N", kGlobal, "modem subscription (default 0)",
+         [](const std::string& v, Args&, GlobalOptions* g, std::string* why) {
+             const auto sub = parseNumber(v, 0, 7);
+             if (!sub) {
+                 *why = quoted(v) + " is not a subscription number from 0 to 7";
+                 return false;
+             }
+             g->subscription = static_cast<int>(*sub);
+             return true;
+         }},
+        {"--timeout", "SECONDS", kGlobal, "longest wait for the modem (default 5)",
+         [](const std::string& v, Args&, GlobalOptions* g, std::string* why) {
+             char* end = nullptr;
+             const double seconds = std::strtod(v.c_str(), &end);
+             if (v.empty() || *end != '\0' || !(seconds > 0) || seconds > 3600) {
+                 *why = quoted(v) + " is not a number of seconds above 0 and at most 3600";
+                 return false;
+             }
+             g->timeoutMs = static_cast<int>(std::lround(seconds * 1000));
+             return true;
+         }},
+        {"--verbose", nullptr, kAlways | kGlobal, "show the library's log and more detail",
+         [](const std::string&, Args& a, GlobalOptions* g, std::string*) {
+             a.verbose = true;
+             if (g != nullptr) {
+                 g->verbose = true;
+             }
+             return true;
+         }},
+        {"--help", nullptr, kAlways, "show this help",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.help = true;
+             return true;
+         }},
+    };
+    return table;
+}
+
+const OptionSpec* findOption(const std::string& name) {
+    const std::string wanted = name == "-h" ? "--help" : name;
+    for (const auto& spec : optionTable()) {
+        if (wanted == spec.name) {
+            return &spec;
+        }
+    }
+    return nullptr;
+}
+
+// Applies one option word (with its value taken from words when it needs one). Advances *index
+// past what it used.
+bool applyOption(const std::vector<std::string>& words, std::size_t* index, unsigned int groups,
+                 Args* args, GlobalOptions* globals, std::string* error) {
+    std::string name = words[*index];
+    std::optional<std::string> value;
+    const std::size_t equals = name.find('=');
+    if (equals != std::string::npos) {
+        value = name.substr(equals + 1);
+        name.resize(equals);
+    }
+    const OptionSpec* spec = findOption(name);
+    if (spec == nullptr) {
+        *error = "unknown option " + name;
+        return false;
+    }
+    if ((spec->group & (kGlobal | kAlways)) == kGlobal && globals == nullptr) {
+        *error = name + " applies to a whole kelctl run, not to one script line";
+        return false;
+    }
+    if ((spec->group & (groups | kGlobal | kAlways)) == 0) {
+        *error = "this command does not take " + name;
+        return false;
+    }
+    if (spec->value == nullptr && value) {
+        *error = name + " takes no value";
+        return false;
+    }
+    if (spec->value != nullptr && !value) {
+        if (*index + 1 >= words.size()) {
+            *error = name + " needs a value: " + spec->value;
+            return false;
+        }
+        *index += 1;
+        value = words[*index];
+    }
+    std::string why;
+    if (!spec->apply(value.value_or(std::string()), *args, globals, &why)) {
+        *error = name + ": " + why;
+        return false;
+    }
+    *index += 1;
+    return true;
+}
+
+bool isOption(const std::string& word) {
+    return word == "-h" || (word.size() > 2 && word.compare(0, 2, "--") == 0);
+}
+
+std::string helpLines(unsigned int groups) {
+    std::string text;
+    for (const auto& spec : optionTable()) {
+        const bool global = (spec.group & kGlobal) != 0;
+        if ((spec.group & groups) == 0 || (global && (groups & kGlobal) == 0)) {
+            continue;
+        }
+        std::string head = std::string("  ") + spec.name;
+        if (spec.value != nullptr) {
+            head += std::string(" ") + spec.value;
+        }
+        if (head.size() < kHelpColumn) {
+            head.resize(kHelpColumn, ' ');
+        } else {
+            head += "\n" + std::string(kHelpColumn, ' ');
+        }
+        text += head + spec.help + "\n";
+    }
+    return text;
+}
+
+}  // namespace
+
+bool parseArgs(unsigned int groups, const std::vector<std::string>& words, Args* args,
+               GlobalOptions* globals, std::string* error) {
+    std::size_t index = 0;
+    while (index < words.size()) {
+        if (!isOption(words[index])) {
+            args->positional.push_back(words[index]);
+            ++index;
+            continue;
+        }
+        if (!applyOption(words, &index, groups, args, globals, error)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool parseLeadingGlobals(std::vector<std::string>* words, GlobalOptions* globals,
+                         std::string* error) {
+    Args unused;
+    std::size_t index = 0;
+    while (index < words->size() && isOption((*words)[index])) {
+        const OptionSpec* spec = findOption((*words)[index].substr(0, (*words)[index].find('=')));
+        if (spec != nullptr && spec->name == std::string("--help")) {
+            break;  // the caller prints the general help
+        }
+        if (!applyOption(*words, &index, kGlobal, &unused, globals, error)) {
+            return false;
+        }
+    }
+    words->erase(words->begin(), words->begin() + static_cast<std::ptrdiff_t>(index));
+    return true;
+}
+
+std::string optionsHelp(unsigned int groups) {
+    return helpLines(groups | kAlways);
+}
+
+std::string globalOptionsHelp() {
+    return helpLines(kGlobal);
+}
+
+}  // namespace kelctl

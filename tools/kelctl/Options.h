@@ -1,0 +1,95 @@
+// Command-line options: which options exist, which commands take them, and how their values are
+// checked. Everything a person typed is validated here, before kelctl touches a modem, so a bad
+// value costs nothing.
+//
+// Plain functions and values: the main thread only.
+#ifndef KELCTL_OPTIONS_H
+#define KELCTL_OPTIONS_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kel/ClientRequest.h"
+#include "kel/ProfileParams.h"
+
+namespace kelctl {
+
+// Option groups; each command lists the groups it takes.
+enum OptionGroup : unsigned int {
+    kSettings = 1u << 0,     // profile settings: --apn, --ip, --types, ...
+    kTech = 1u << 1,         // --tech
+    kPersistent = 1u << 2,   // --persistent
+    kAllowUpdate = 1u << 3,  // --allow-update
+    kFilter = 1u << 4,       // --id, --criteria
+    kKelFlag = 1u << 5,      // --kel
+    kIaFlag = 1u << 6,       // --ia
+    kJson = 1u << 7,         // --json
+    kCarrier = 1u << 8,      // --mcc, --mnc, --mvno-type, --mvno-match, --dry-run
+    kRefresh = 1u << 9,      // --started, --completed
+    kEntries = 1u << 10,     // --and: several entries on one command line
+    kEcho = 1u << 11,        // --echo
+    kVerbose = 1u << 12,     // --verbose, where a script line may use it
+};
+
+// One profile description as given on the command line.
+struct Entry {
+    kel::ProfileParams settings;
+    std::optional<kel::TechType> tech;
+};
+
+// What one command line, or one script line, asks of its command.
+struct Args {
+    std::vector<std::string> positional;
+    // One entry per --and group; commands without kEntries have exactly one.
+    std::vector<Entry> entries{1};
+    bool persistent = false;
+    bool allowUpdate = false;
+    bool json = false;
+    bool dryRun = false;
+    bool echo = false;
+    bool verbose = false;
+    bool help = false;
+    std::optional<int> id;
+    std::optional<bool> kel;
+    std::optional<bool> ia;
+    unsigned int criteria = 0;
+    std::string mcc;
+    std::string mnc;
+    std::string mvnoType;
+    std::string mvnoMatch;
+    std::optional<kel::PDCRefreshStatus> refreshStep;
+
+    const kel::ProfileParams& settings() const { return entries.front().settings; }
+    std::optional<kel::TechType> tech() const { return entries.front().tech; }
+};
+
+// What concerns a whole kelctl run: which modem, which subscription, how long to wait.
+struct GlobalOptions {
+    std::string modemDir;   // a running modem's service directory; empty: the embedded modem
+    bool embedded = false;  // use the embedded modem even when VEX_SERVICE_DIR is set
+    std::string seedFile;   // embedded modem: its initial profiles
+    std::string stateFile;  // embedded modem: where its persistent profiles are kept
+    int subscription = 0;
+    int timeoutMs = 5000;
+    bool verbose = false;
+};
+
+// Parses the words after a command name for a command that takes `groups`. Options of the whole
+// run are stored in *globals; with globals null (a script line) they are refused. False with a
+// one-line reason that names the option and what it accepts.
+bool parseArgs(unsigned int groups, const std::vector<std::string>& words, Args* args,
+               GlobalOptions* globals, std::string* error);
+
+// Takes the options of the whole run from the front of words (before the command name) and
+// removes them. False with a reason.
+bool parseLeadingGlobals(std::vector<std::string>* words, GlobalOptions* globals,
+                         std::string* error);
+
+// The option lines of a command's help, one per option, aligned.
+std::string optionsHelp(unsigned int groups);
+std::string globalOptionsHelp();
+
+}  // namespace kelctl
+
+#endif  // KELCTL_OPTIONS_H

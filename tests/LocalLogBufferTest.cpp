@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <memory>
 #include <ostream>
-#include <regex>
 #include <set>
 #include <string>
 #include <thread>
@@ -19,14 +18,27 @@
 namespace kel {
 namespace {
 
-// "    <date> <time>.<ms> [<name>]<line>", as Manager::dump shows the history.
-bool isHistoryLine(const std::string& text, const std::string& name, const std::string& line) {
-    static const std::regex stamp(R"(^    \d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} \[)");
-    std::smatch match;
-    if (!std::regex_search(text, match, stamp)) {
+// The history's time stamp, "    <date> <time>.<ms> [", with '9' standing for any digit.
+const std::string kStampShape = "    9999-99-99 99:99:99.999 [";
+const size_t kStampLength = kStampShape.size();
+
+bool hasStamp(const std::string& text) {
+    const std::string& shape = kStampShape;
+    if (text.size() < shape.size()) {
         return false;
     }
-    return text.substr(static_cast<size_t>(match.length())) == name + "]" + line;
+    for (size_t i = 0; i < shape.size(); ++i) {
+        bool digit = text[i] >= '0' && text[i] <= '9';
+        if (shape[i] == '9' ? !digit : text[i] != shape[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// "    <date> <time>.<ms> [<name>]<line>", as Manager::dump shows the history.
+bool isHistoryLine(const std::string& text, const std::string& name, const std::string& line) {
+    return hasStamp(text) && text.substr(kStampLength) == name + "]" + line;
 }
 
 void installWriter(std::unique_ptr<LogWriter> writer) {
@@ -304,11 +316,15 @@ TEST_F(LoggingTest, ConcurrentLoggingKeepsBoundAndWholeLines) {
     EXPECT_TRUE(boundHeld);
     std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
     ASSERT_EQ(history.size(), 201u);
-    static const std::regex line(
-        R"(^    \d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} \[KEL\]thread \d message \d+$)");
     std::set<std::string> distinct;
     for (const std::string& text : history) {
-        EXPECT_TRUE(std::regex_match(text, line)) << text;
+        int thread = -1;
+        int message = -1;
+        char end = 0;
+        EXPECT_TRUE(hasStamp(text) &&
+                    std::sscanf(text.c_str() + kStampLength, "KEL]thread %d message %d%c", &thread,
+                                &message, &end) == 2)
+            << text;
         distinct.insert(text.substr(text.find(']')));
     }
     EXPECT_EQ(distinct.size(), history.size());

@@ -6,10 +6,12 @@
 #include <utility>
 #include <vector>
 
-#include "UniqueFd.h"
+#include "UniqueFd.h"  // the platform's descriptor holder (platform/vex)
 #include "kel/ProfileParams.h"
 
 namespace kelctl {
+
+using vexwire::UniqueFd;
 
 // One modem profile as kelctl shows it.
 struct ProfileRow {

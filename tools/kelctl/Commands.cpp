@@ -683,9 +683,9 @@ const std::vector<CommandSpec>& commands() {
 }
 
 const CommandSpec* findCommand(const std::string& name) {
-    for (const auto& spec : commands()) {
-        if (name == spec.name) {
-            return &spec;
+    for (const auto& definition : commands()) {
+        if (name == definition.name) {
+            return &definition;
         }
     }
     return nullptr;
@@ -697,8 +697,8 @@ bool hasSettings(const kel::ProfileParams& params) {
     return !settingsFields(params).empty();
 }
 
-bool checkEntries(const CommandSpec& spec, const Args& args, std::string* error) {
-    const std::string name = spec.name;
+bool checkEntries(const CommandSpec& definition, const Args& args, std::string* error) {
+    const std::string name = definition.name;
     for (std::size_t i = 0; i < args.entries.size(); ++i) {
         const kel::ProfileParams& p = args.entries[i].settings;
         const std::string which =
@@ -719,20 +719,20 @@ bool checkEntries(const CommandSpec& spec, const Args& args, std::string* error)
     return true;
 }
 
-bool checkOperands(const CommandSpec& spec, const Args& args,
+bool checkOperands(const CommandSpec& definition, const Args& args,
                    const std::set<std::string>* knownHandles, std::string* error) {
     const auto& operands = args.positional;
-    if (operands.size() < spec.minOperands) {
-        *error = std::string("needs ") + spec.operands;
+    if (operands.size() < definition.minOperands) {
+        *error = std::string("needs ") + definition.operands;
         return false;
     }
-    if (operands.size() > spec.maxOperands) {
-        *error = spec.maxOperands == 0 ? "takes no operand (got \"" + operands.front() + "\")"
-                                       : "takes one " + std::string(spec.operands) + " (got \"" +
-                                             operands.back() + "\" too)";
+    if (operands.size() > definition.maxOperands) {
+        *error = definition.maxOperands == 0 ? "takes no operand (got \"" + operands.front() + "\")"
+                                             : "takes one " + std::string(definition.operands) +
+                                                   " (got \"" + operands.back() + "\" too)";
         return false;
     }
-    const std::string kind = spec.operands;
+    const std::string kind = definition.operands;
     if (kind == "PROFILE" || kind == "ID") {
         std::string why;
         const auto ref = parseProfileRef(operands.front(), args.tech(), knownHandles, &why);
@@ -777,16 +777,16 @@ bool loadCarrierPlan(Invocation* inv, std::string* error) {
 
 }  // namespace
 
-bool prepareInvocation(const CommandSpec& spec, const std::vector<std::string>& words,
+bool prepareInvocation(const CommandSpec& definition, const std::vector<std::string>& words,
                        GlobalOptions* globals, const std::set<std::string>* knownHandles,
                        Invocation* invocation, std::string* error) {
-    invocation->spec = &spec;
-    if (!parseArgs(spec.groups, words, &invocation->args, globals, error) ||
-        !checkOperands(spec, invocation->args, knownHandles, error) ||
-        !checkEntries(spec, invocation->args, error)) {
+    invocation->definition = &definition;
+    if (!parseArgs(definition.groups, words, &invocation->args, globals, error) ||
+        !checkOperands(definition, invocation->args, knownHandles, error) ||
+        !checkEntries(definition, invocation->args, error)) {
         return false;
     }
-    if (std::string(spec.name) == "carrier") {
+    if (std::string(definition.name) == "carrier") {
         return loadCarrierPlan(invocation, error);
     }
     return true;
@@ -809,35 +809,35 @@ bool runOffline(const Invocation& invocation, CommandResult* result) {
     return true;
 }
 
-std::string commandHelp(const CommandSpec& spec) {
-    std::string usage = std::string("Usage: kelctl ") + spec.name + " [options]";
-    if (*spec.operands != '\0') {
-        usage += std::string(" ") + spec.operands;
+std::string commandHelp(const CommandSpec& definition) {
+    std::string usage = std::string("Usage: kelctl ") + definition.name + " [options]";
+    if (*definition.operands != '\0') {
+        usage += std::string(" ") + definition.operands;
     }
-    std::string summary = spec.summary;
+    std::string summary = definition.summary;
     summary[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(summary[0])));
     std::string text = usage + "\n\n" + summary + ".\n";
-    const std::string operands = spec.operands;
+    const std::string operands = definition.operands;
     if (operands == "PROFILE") {
         text += "\nPROFILE is 3gpp:N, 3gpp2:N, N (with --tech), or in a script a handle name.\n";
     } else if (operands == "ID") {
         text += "\nID is a 3GPP profile index N (or 3gpp:N), or in a script a handle name.\n";
     }
-    if ((spec.groups & kEntries) != 0) {
+    if ((definition.groups & kEntries) != 0) {
         text +=
             "\nSeveral entries go on one command line, each after --and; --tech applies to its\n"
             "own entry.\n";
     }
-    if (spec.has(kMakesHandle)) {
+    if (definition.has(kMakesHandle)) {
         text +=
             "\nA profile the library makes without --persistent goes when the last handle to it\n"
             "goes: when kelctl exits, or in a script when its named handle is dropped.\n";
     }
-    if (spec.has(kScriptOnly)) {
+    if (definition.has(kScriptOnly)) {
         text += "\nOnly in scripts (kelctl run, kelctl shell).\n";
     }
-    text += "\nOptions:\n" + optionsHelp(spec.groups);
-    if (!spec.has(kScriptOnly)) {
+    text += "\nOptions:\n" + optionsHelp(definition.groups);
+    if (!definition.has(kScriptOnly)) {
         text += "\nOptions of the whole run:\n" + globalOptionsHelp();
     }
     return text;
@@ -851,10 +851,11 @@ std::string generalHelp() {
         "Shows and changes a modem's packet-data profiles through libkelr. Without --modem it\n"
         "works on an embedded simulated modem seeded from the repository's seed file.\n\n"
         "Commands:\n";
-    for (const auto& spec : commands()) {
-        std::string head = std::string("  ") + spec.name;
+    for (const auto& definition : commands()) {
+        std::string head = std::string("  ") + definition.name;
         head.resize(20, ' ');
-        text += head + spec.summary + (spec.has(kScriptOnly) ? " (scripts only)" : "") + "\n";
+        text += head + definition.summary + (definition.has(kScriptOnly) ? " (scripts only)" : "") +
+                "\n";
     }
     text += "\nOptions of the whole run:\n" + globalOptionsHelp() +
             "\nkelctl COMMAND --help shows a command's options. Exit status: 0 done; 1 the modem\n"

@@ -44,7 +44,7 @@ class Session {
 // One checked command line: the command, its options, and what was read ahead of time.
 struct CommandSpec;
 struct Invocation {
-    const CommandSpec* spec = nullptr;
+    const CommandSpec* definition = nullptr;
     Args args;
     std::shared_ptr<const CarrierPlan> carrier;  // carrier: the file, read and checked
 };
@@ -84,7 +84,7 @@ const std::vector<CommandSpec>& commands();
 // Parses and checks a command's words (after its name) completely: operands, option values,
 // profile references (handle names must be among knownHandles; null: none may be used) and, for
 // carrier, the file. False with a one-line reason.
-bool prepareInvocation(const CommandSpec& spec, const std::vector<std::string>& words,
+bool prepareInvocation(const CommandSpec& definition, const std::vector<std::string>& words,
                        GlobalOptions* globals, const std::set<std::string>* knownHandles,
                        Invocation* invocation, std::string* error);
 
@@ -95,7 +95,7 @@ bool needsModem(const Invocation& invocation);
 bool runOffline(const Invocation& invocation, CommandResult* result);
 
 // "Usage: kelctl add [options]" with the summary and the command's options.
-std::string commandHelp(const CommandSpec& spec);
+std::string commandHelp(const CommandSpec& definition);
 std::string generalHelp();
 
 }  // namespace kelctl

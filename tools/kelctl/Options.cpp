@@ -348,9 +348,9 @@ const std::vector<OptionSpec>& optionTable() {
 
 const OptionSpec* findOption(const std::string& name) {
     const std::string wanted = name == "-h" ? "--help" : name;
-    for (const auto& spec : optionTable()) {
-        if (wanted == spec.name) {
-            return &spec;
+    for (const auto& optionDef : optionTable()) {
+        if (wanted == optionDef.name) {
+            return &optionDef;
         }
     }
     return nullptr;
@@ -367,33 +367,33 @@ bool applyOption(const std::vector<std::string>& words, std::size_t* index, unsi
         value = name.substr(equals + 1);
         name.resize(equals);
     }
-    const OptionSpec* spec = findOption(name);
-    if (spec == nullptr) {
+    const OptionSpec* optionDef = findOption(name);
+    if (optionDef == nullptr) {
         *error = "unknown option " + name;
         return false;
     }
-    if ((spec->group & (kGlobal | kAlways)) == kGlobal && globals == nullptr) {
+    if ((optionDef->group & (kGlobal | kAlways)) == kGlobal && globals == nullptr) {
         *error = name + " applies to a whole kelctl run, not to one script line";
         return false;
     }
-    if ((spec->group & (groups | kGlobal | kAlways)) == 0) {
+    if ((optionDef->group & (groups | kGlobal | kAlways)) == 0) {
         *error = "this command does not take " + name;
         return false;
     }
-    if (spec->value == nullptr && value) {
+    if (optionDef->value == nullptr && value) {
         *error = name + " takes no value";
         return false;
     }
-    if (spec->value != nullptr && !value) {
+    if (optionDef->value != nullptr && !value) {
         if (*index + 1 >= words.size()) {
-            *error = name + " needs a value: " + spec->value;
+            *error = name + " needs a value: " + optionDef->value;
             return false;
         }
         *index += 1;
         value = words[*index];
     }
     std::string why;
-    if (!spec->apply(value.value_or(std::string()), *args, globals, &why)) {
+    if (!optionDef->apply(value.value_or(std::string()), *args, globals, &why)) {
         *error = name + ": " + why;
         return false;
     }
@@ -407,21 +407,21 @@ bool isOption(const std::string& word) {
 
 std::string helpLines(unsigned int groups) {
     std::string text;
-    for (const auto& spec : optionTable()) {
-        const bool global = (spec.group & kGlobal) != 0;
-        if ((spec.group & groups) == 0 || (global && (groups & kGlobal) == 0)) {
+    for (const auto& optionDef : optionTable()) {
+        const bool global = (optionDef.group & kGlobal) != 0;
+        if ((optionDef.group & groups) == 0 || (global && (groups & kGlobal) == 0)) {
             continue;
         }
-        std::string head = std::string("  ") + spec.name;
-        if (spec.value != nullptr) {
-            head += std::string(" ") + spec.value;
+        std::string head = std::string("  ") + optionDef.name;
+        if (optionDef.value != nullptr) {
+            head += std::string(" ") + optionDef.value;
         }
         if (head.size() < kHelpColumn) {
             head.resize(kHelpColumn, ' ');
         } else {
             head += "\n" + std::string(kHelpColumn, ' ');
         }
-        text += head + spec.help + "\n";
+        text += head + optionDef.help + "\n";
     }
     return text;
 }
@@ -449,8 +449,9 @@ bool parseLeadingGlobals(std::vector<std::string>* words, GlobalOptions* globals
     Args unused;
     std::size_t index = 0;
     while (index < words->size() && isOption((*words)[index])) {
-        const OptionSpec* spec = findOption((*words)[index].substr(0, (*words)[index].find('=')));
-        if (spec != nullptr && spec->name == std::string("--help")) {
+        const OptionSpec* optionDef =
+            findOption((*words)[index].substr(0, (*words)[index].find('=')));
+        if (optionDef != nullptr && optionDef->name == std::string("--help")) {
             break;  // the caller prints the general help
         }
         if (!applyOption(*words, &index, kGlobal, &unused, globals, error)) {

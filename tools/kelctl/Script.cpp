@@ -94,18 +94,19 @@ int executeLine(Session& session, const ScriptLine& line, const std::string& whe
         channel.print(line.help);
         return kExitOk;
     }
-    const CommandSpec& spec = *line.invocation.spec;
+    const CommandSpec& definition = *line.invocation.definition;
     CommandResult result;
-    const bool ok = spec.run(session, line.invocation, &result);
+    const bool ok = definition.run(session, line.invocation, &result);
     channel.print(result.output);
     if (!ok) {
-        channel.error(where + spec.name + ": " + result.error + "\n");
+        channel.error(where + definition.name + ": " + result.error + "\n");
         reportGoneHandles(session, where);
         return kExitFailed;
     }
     if (!line.assignTo.empty()) {
         if (!result.handle) {
-            channel.error(where + spec.name + ": found no profile to name " + line.assignTo + "\n");
+            channel.error(where + definition.name + ": found no profile to name " + line.assignTo +
+                          "\n");
             return kExitFailed;
         }
         channel.print(line.assignTo + " = " +
@@ -117,7 +118,7 @@ int executeLine(Session& session, const ScriptLine& line, const std::string& whe
              result.transientProfile +
                  " is not persistent and no name holds its handle, so the library deletes it "
                  "again now (NAME = " +
-                 spec.name + " ... keeps it)");
+                 definition.name + " ... keeps it)");
     }
     result.handle.reset();
     reportGoneHandles(session, where);
@@ -146,8 +147,8 @@ bool parseLine(const std::string& text, std::set<std::string>* known, ScriptLine
         }
     }
     if (words[0] == "help") {
-        const CommandSpec* spec = words.size() > 1 ? findCommand(words[1]) : nullptr;
-        line->help = spec != nullptr ? commandHelp(*spec) : generalHelp();
+        const CommandSpec* definition = words.size() > 1 ? findCommand(words[1]) : nullptr;
+        line->help = definition != nullptr ? commandHelp(*definition) : generalHelp();
         if (!line->assignTo.empty()) {
             *error = "help gives no handle to name";
             return false;
@@ -158,21 +159,21 @@ bool parseLine(const std::string& text, std::set<std::string>* known, ScriptLine
         *error = words[0] + " cannot be used inside a script";
         return false;
     }
-    const CommandSpec* spec = findCommand(words[0]);
-    if (spec == nullptr) {
+    const CommandSpec* definition = findCommand(words[0]);
+    if (definition == nullptr) {
         *error = "unknown command \"" + words[0] + "\" (help lists the commands)";
         return false;
     }
     const std::vector<std::string> rest(words.begin() + 1, words.end());
     for (const auto& word : rest) {
         if (isHelpWord(word)) {
-            line->help = commandHelp(*spec);
+            line->help = commandHelp(*definition);
             return true;
         }
     }
     if (!line->assignTo.empty()) {
-        if (!spec->has(kMakesHandle)) {
-            *error = std::string(spec->name) + " gives no handle to name";
+        if (!definition->has(kMakesHandle)) {
+            *error = std::string(definition->name) + " gives no handle to name";
             return false;
         }
         const std::string& name = line->assignTo;
@@ -186,11 +187,11 @@ bool parseLine(const std::string& text, std::set<std::string>* known, ScriptLine
             return false;
         }
     }
-    if (!prepareInvocation(*spec, rest, nullptr, known, &line->invocation, error)) {
-        *error = std::string(spec->name) + ": " + *error;
+    if (!prepareInvocation(*definition, rest, nullptr, known, &line->invocation, error)) {
+        *error = std::string(definition->name) + ": " + *error;
         return false;
     }
-    if (std::string(spec->name) == "drop") {
+    if (std::string(definition->name) == "drop") {
         for (const auto& name : line->invocation.args.positional) {
             known->erase(name);
         }
@@ -271,22 +272,22 @@ bool splitLine(const std::string& line, std::vector<std::string>* words, std::st
     return true;
 }
 
-int runCommandLine(const CommandSpec& spec, const std::vector<std::string>& words,
+int runCommandLine(const CommandSpec& definition, const std::vector<std::string>& words,
                    GlobalOptions globals, Channel& channel) {
-    const std::string name = std::string("kelctl: ") + spec.name + ": ";
+    const std::string name = std::string("kelctl: ") + definition.name + ": ";
     for (const auto& word : words) {
         if (isHelpWord(word)) {
-            channel.print(commandHelp(spec));
+            channel.print(commandHelp(definition));
             return kExitOk;
         }
     }
-    if (spec.has(kScriptOnly)) {
+    if (definition.has(kScriptOnly)) {
         channel.error(name + "only in scripts (kelctl run, kelctl shell)\n");
         return kExitUsage;
     }
     Invocation invocation;
     std::string error;
-    if (!prepareInvocation(spec, words, &globals, nullptr, &invocation, &error) ||
+    if (!prepareInvocation(definition, words, &globals, nullptr, &invocation, &error) ||
         !settleGlobals(&globals, &error)) {
         channel.error(name + error + "\n");
         return kExitUsage;
@@ -302,14 +303,15 @@ int runCommandLine(const CommandSpec& spec, const std::vector<std::string>& word
         return kExitFailed;
     }
     Session session(link, channel);
-    const bool ok = spec.run(session, invocation, &result);
+    const bool ok = definition.run(session, invocation, &result);
     channel.print(result.output);
     if (!result.transientProfile.empty()) {
         note(channel, "kelctl: ",
              result.transientProfile +
                  " is not persistent: the library deletes it when kelctl exits and lets go of its "
                  "handle (--persistent keeps it; kelctl shell or run can hold the handle)");
-    } else if (ok && spec.has(kChangesModem) && link.isEmbedded() && globals.stateFile.empty()) {
+    } else if (ok && definition.has(kChangesModem) && link.isEmbedded() &&
+               globals.stateFile.empty()) {
         note(channel, "kelctl: ",
              "the embedded modem starts from its seed on every run; --state FILE keeps its "
              "profiles from one run to the next");

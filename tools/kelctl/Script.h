@@ -23,7 +23,7 @@ enum ExitStatus : int {
 };
 
 // Runs the command words of a single command line against a fresh link.
-int runCommandLine(const CommandSpec& spec, const std::vector<std::string>& words,
+int runCommandLine(const CommandSpec& definition, const std::vector<std::string>& words,
                    GlobalOptions globals, Channel& channel);
 
 // kelctl run FILE: every line is checked first; nothing is sent when one is wrong. Stops at the

@@ -25,8 +25,8 @@ int main(int argc, char** argv) {
     const std::string command = words.front();
     const std::vector<std::string> rest(words.begin() + 1, words.end());
     if (command == "--help" || command == "-h" || command == "help") {
-        const CommandSpec* spec = rest.empty() ? nullptr : findCommand(rest.front());
-        channel.print(spec != nullptr ? commandHelp(*spec) : generalHelp());
+        const CommandSpec* definition = rest.empty() ? nullptr : findCommand(rest.front());
+        channel.print(definition != nullptr ? commandHelp(*definition) : generalHelp());
         return kExitOk;
     }
     if (command == "run") {
@@ -35,11 +35,11 @@ int main(int argc, char** argv) {
     if (command == "shell") {
         return runShell(rest, globals, channel);
     }
-    const CommandSpec* spec = findCommand(command);
-    if (spec == nullptr) {
+    const CommandSpec* definition = findCommand(command);
+    if (definition == nullptr) {
         channel.error("kelctl: unknown command \"" + command +
                       "\" (kelctl --help lists the commands)\n");
         return kExitUsage;
     }
-    return runCommandLine(*spec, rest, globals, channel);
+    return runCommandLine(*definition, rest, globals, channel);
 }

@@ -271,10 +271,15 @@ Reply ModemControl::faults(const std::string& command, const std::vector<std::st
     }
     if (command == "fail-next") {
         modem.failNext(static_cast<int>(a), msgId, static_cast<int>(c));
-        return Reply{true, "failing the next " + std::to_string(a) + " of " + which +
-                               " with error " + hex(static_cast<unsigned int>(c)) + "\n"};
+        std::string ofId = msgId ? " with id " + hex(*msgId) : "";
+        return Reply{true, "failing the next " + std::to_string(a) +
+                               (a == 1 ? " request" : " requests") + ofId + " with error " +
+                               hex(static_cast<unsigned int>(c)) + "\n"};
     }
     modem.setResponseDelay(std::chrono::milliseconds(a), msgId);
+    if (a == 0) {
+        return Reply{true, "responses to " + which + " no longer delayed\n"};
+    }
     return Reply{true, "responses to " + which + " delayed by " + std::to_string(a) + " ms\n"};
 }
 

@@ -15,11 +15,11 @@ constexpr unsigned int criterion(FilterMatchType type) {
     return static_cast<unsigned int>(type);
 }
 
-// A text field of a modem record. The modem may fill a field to its end without a terminator,
-// so the field's size bounds the read.
+// A text field of a modem record, at most maxLength characters. The modem may fill a field to
+// its end without a terminator, so the field's size bounds the read as well.
 template <std::size_t N>
-std::string readText(const char (&field)[N]) {
-    return std::string(field, strnlen(field, N));
+std::string readText(const char (&field)[N], std::size_t maxLength = N) {
+    return std::string(field, strnlen(field, std::min(N, maxLength)));
 }
 
 // Copies value into a cleared record field, cut to leave room for the terminator.
@@ -401,7 +401,9 @@ Modem3gppProfile::Modem3gppProfile(int modemProfileId,
         umtsRoamIPType = readRoamIPType(settings.umts_roaming_pdp_type);
     }
     if (settings.apn_name_valid) {
-        apnName = convertToLower(readText(settings.apn_name));
+        // A name filling its whole field is read up to the field's end, then stored as every APN
+        // name is (150 characters), so the profile still matches its own settings.
+        apnName = normalizeApnName(readText(settings.apn_name));
     }
     if (settings.apn_class_valid) {
         apnClass = static_cast<ApnClass>(settings.apn_class);
@@ -426,10 +428,11 @@ Modem3gppProfile::Modem3gppProfile(int modemProfileId,
         isApnDisabled = settings.apn_disabled_flag != 0;
     }
     if (settings.username_valid) {
-        userName = readText(settings.username);
+        // Credentials are at most 127 characters, even from a field filled to its end.
+        userName = readText(settings.username, WDS_USER_NAME_MAX_V01);
     }
     if (settings.password_valid) {
-        password = readText(settings.password);
+        password = readText(settings.password, WDS_PASSWORD_MAX_V01);
     }
 }
 
@@ -718,7 +721,7 @@ Modem3gpp2Profile::Modem3gpp2Profile(int modemProfileId,
         commonIPType = convertPdnType(settings.pdn_type);
     }
     if (settings.apn_string_valid) {
-        apnName = convertToLower(readText(settings.apn_string));
+        apnName = normalizeApnName(readText(settings.apn_string));
     }
     if (settings.apn_class_3gpp2_valid) {
         apnClass = static_cast<ApnClass>(settings.apn_class_3gpp2);
@@ -727,7 +730,7 @@ Modem3gpp2Profile::Modem3gpp2Profile(int modemProfileId,
         authType = convertToAuthType(settings.profile_auth_protocol);
     }
     if (settings.user_id_valid) {
-        userName = readText(settings.user_id);
+        userName = readText(settings.user_id, WDS_USER_NAME_MAX_V01);
     }
     // The password is deliberately not read back from a 3GPP2 profile; only the user ID is.
 }

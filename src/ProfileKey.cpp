@@ -35,6 +35,7 @@ TechType ProfileKey::getTechType() {
 }
 
 void ProfileKey::registerExpirationListener(std::function<void()> callback) {
+    // As in the release: without a pipeline nobody can take it, and a client is never thrown at.
     if (!sendRequest) {
         return;
     }

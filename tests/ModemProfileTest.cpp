@@ -780,7 +780,7 @@ TEST_F(ModemProfileResponseTest, RoamingTypesOf255AreAbsentAndPppIsUnknown) {
     EXPECT_FALSE(profile.match(filter));
 }
 
-TEST_F(ModemProfileResponseTest, UnterminatedTextsAreReadAtTheirFieldLength) {
+TEST_F(ModemProfileResponseTest, UnterminatedTextsStayWithinTheirFieldsAndCredentialLimits) {
     wds_get_profile_settings_resp_msg_v01 resp = emptyResponse();
     wds_profile_settings_v01& s = resp.settings;
     s.profile_name_valid = s.apn_name_valid = s.username_valid = s.password_valid = 1;
@@ -793,16 +793,18 @@ TEST_F(ModemProfileResponseTest, UnterminatedTextsAreReadAtTheirFieldLength) {
     s.authentication_preference_valid = 'X';
     Modem3gppProfile profile(1, resp);
     EXPECT_EQ(profile.getProfileName(), std::string(51, 'N'));
-    EXPECT_EQ(profile.getApnName(), std::string(151, 'a'));
-    EXPECT_EQ(profile.getUserName(), std::string(128, 'U'));
-    EXPECT_EQ(profile.getPassword(), std::string(128, 'P'));
+    // An APN name is read to its field's end, then stored at 150 characters as every APN name is.
+    EXPECT_EQ(profile.getApnName(), std::string(150, 'a'));
+    // Credentials are at most 127 characters, even when the modem fills all 128 bytes.
+    EXPECT_EQ(profile.getUserName(), std::string(127, 'U'));
+    EXPECT_EQ(profile.getPassword(), std::string(127, 'P'));
 
     s.user_id_valid = s.apn_string_valid = 1;
     std::memset(s.user_id, 'I', sizeof(s.user_id));
     std::memset(s.apn_string, 'S', sizeof(s.apn_string));
     Modem3gpp2Profile cdma(1, resp);
-    EXPECT_EQ(cdma.getUserName(), std::string(128, 'I'));
-    EXPECT_EQ(cdma.getApnName(), std::string(151, 's'));
+    EXPECT_EQ(cdma.getUserName(), std::string(127, 'I'));
+    EXPECT_EQ(cdma.getApnName(), std::string(150, 's'));
 }
 
 TEST_F(ModemProfileResponseTest, Reads3gpp2SettingsButNotThePassword) {

@@ -178,11 +178,11 @@ class KEL_EXPORT ProfileParams {
     std::optional<unsigned int> apnTypesMask;
     std::optional<ApnClass> apnClass;
     std::optional<bool> isClatEnabled;
+    std::optional<bool> isEmergencySupported;
+    std::optional<bool> isApnDisabled;
     std::optional<int> maxPdnsConnPerBlock;
     std::optional<int> maxPdnConnTimer;
     std::optional<int> pdnReqWaitInterval;
-    std::optional<bool> isApnDisabled;
-    std::optional<bool> isEmergencySupported;
 };
 
 // How a new profile is to be created.

@@ -88,10 +88,16 @@ ModifyProfileParams apnTypesMaskOnly(unsigned int mask) {
     return modify;
 }
 
-// The first handle the filter finds, or none; the others are released on return.
-std::shared_ptr<IProfileKey> firstOf(Manager& manager, const FilterProfileParams& filter) {
-    std::list<std::shared_ptr<IProfileKey>> found = manager.filter(filter);
-    return found.empty() ? nullptr : found.front();
+using KeyList = std::list<std::shared_ptr<IProfileKey>>;
+
+// The first handle the filter finds, or none. Every handle found goes into held, the calling
+// operation's own list, so the ones not taken are released only when that operation ends.
+std::shared_ptr<IProfileKey> firstOf(Manager& manager, const FilterProfileParams& filter,
+                                     KeyList& held) {
+    KeyList found = manager.filter(filter);
+    std::shared_ptr<IProfileKey> first = found.empty() ? nullptr : found.front();
+    held.splice(held.end(), found);
+    return first;
 }
 
 std::string dumpOf(const std::shared_ptr<IProfileKey>& key) {
@@ -134,11 +140,12 @@ std::shared_ptr<IProfileKey> Util::findOrCreateProfileForSetupDataCall(
     if (!profileUpdateAllowed) {
         copyField(kHomeIPType, params, filter);
     }
-    std::shared_ptr<IProfileKey> key = firstOf(*manager, filter);
+    KeyList found;
+    std::shared_ptr<IProfileKey> key = firstOf(*manager, filter, found);
     if (!key && !profileUpdateAllowed) {
         // A dual-stack profile serves a single-stack call and vice versa.
         filter.addFilterMatchCriteria(kHomeIPEitherWay);
-        key = firstOf(*manager, filter);
+        key = firstOf(*manager, filter, found);
     }
 
     if (key) {
@@ -161,12 +168,13 @@ std::shared_ptr<IProfileKey> Util::findOrCreateProfileForEmergencyDataCall(
     const ProfileParams& params) {
     KEL_LOG(History, "kel findOrCreateProfileForEmergencyDataCall > %s", params.dump().c_str());
 
+    KeyList found;
     std::shared_ptr<IProfileKey> key;
     if (params.hasApnName()) {
         FilterProfileParams byName = filterFor(TechType::TYPE_3GPP);
         copyField(kApnName, params, byName);
         byName.setIsEmergencySupported(true);
-        key = firstOf(*manager, byName);
+        key = firstOf(*manager, byName, found);
         if (key) {
             KEL_LOG(History, "found an emergency profile by name");
         }
@@ -174,7 +182,7 @@ std::shared_ptr<IProfileKey> Util::findOrCreateProfileForEmergencyDataCall(
     if (!key) {
         FilterProfileParams anyName = filterFor(TechType::TYPE_3GPP);
         anyName.setIsEmergencySupported(true);
-        key = firstOf(*manager, anyName);
+        key = firstOf(*manager, anyName, found);
         if (key) {
             KEL_LOG(History, "found a profile that supports emergency calls");
         }
@@ -205,6 +213,7 @@ std::shared_ptr<IProfileKey> Util::findOrCreateProfileForLteAttach(const Profile
     copyField(kMaxPdnConnTimer, params, fixUp);
     copyField(kPdnReqWaitInterval, params, fixUp);
 
+    KeyList found;
     std::shared_ptr<IProfileKey> key;
 
     {
@@ -216,7 +225,7 @@ std::shared_ptr<IProfileKey> Util::findOrCreateProfileForLteAttach(const Profile
         }
         copyField(kHomeIPType, params, exact);
         copyField(kRoamIPType, params, exact);
-        std::shared_ptr<IProfileKey> hit = firstOf(*manager, exact);
+        std::shared_ptr<IProfileKey> hit = firstOf(*manager, exact, found);
         if (hit) {
             std::optional<ProfileParams> current = manager->getProfile(hit);
             // A library profile made for a data call is never taken over for attach.
@@ -244,7 +253,7 @@ std::shared_ptr<IProfileKey> Util::findOrCreateProfileForLteAttach(const Profile
                 loose.addFilterMatchCriteria(kRoamIPEitherWay);
             }
         }
-        key = firstOf(*manager, loose);
+        key = firstOf(*manager, loose, found);
         if (key) {
             KEL_LOG(History, "kel Found a loose match profile for attach");
         }
@@ -255,14 +264,14 @@ std::shared_ptr<IProfileKey> Util::findOrCreateProfileForLteAttach(const Profile
         copyField(kRoamIPType, params, fixUp);
         FilterProfileParams iaByName = libraryIAFilter();
         copyField(kApnName, params, iaByName);
-        key = firstOf(*manager, iaByName);
+        key = firstOf(*manager, iaByName, found);
         if (key) {
             KEL_LOG(History, "kel Found a KEL IA profile that matches APN name for attach");
         }
     }
 
     if (!key) {
-        key = firstOf(*manager, libraryIAFilter());
+        key = firstOf(*manager, libraryIAFilter(), found);
         if (key) {
             // The library's own IA profile takes the requested APN.
             copyField(kApnName, params, fixUp);
@@ -290,7 +299,8 @@ bool Util::matchLteAttachProfileId(int profileId, const ProfileParams& params) {
 
     FilterProfileParams byId = filterFor(TechType::TYPE_3GPP);
     byId.setFilterByProfileId(profileId);
-    std::shared_ptr<IProfileKey> key = firstOf(*manager, byId);
+    KeyList found;
+    std::shared_ptr<IProfileKey> key = firstOf(*manager, byId, found);
     if (key) {
         std::optional<ProfileParams> current = manager->getProfile(key);
         if (current) {
@@ -331,7 +341,7 @@ void Util::updateModemProfileByApnClassAndTechType(const ProfileParams& params, 
     }
     FilterProfileParams byClass = filterFor(techType);
     byClass.setApnClass(params.getApnClass());
-    std::list<std::shared_ptr<IProfileKey>> found = manager->filter(byClass);
+    KeyList found = manager->filter(byClass);
     if (!found.empty()) {
         KEL_LOG(Debug, "Found a match for APN class and tech type, modify the profile");
         ModifyProfileParams modify(params);
@@ -476,7 +486,7 @@ bool Util::updateByIpType(TechType techType, IPType ipType, unsigned int mask,
     FilterProfileParams filter = filterFor(techType);
     filter.setApnName(apnName);
     filter.setHomeIPType(ipType);
-    std::list<std::shared_ptr<IProfileKey>> found = manager->filter(filter);
+    KeyList found = manager->filter(filter);
     if (found.empty()) {
         KEL_LOG(Debug, "kel no match found for apn name:%s, ip type:%d, tech type:%d",
                 apnName.c_str(), static_cast<int>(ipType), toInt(techType));

@@ -4,10 +4,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <functional>
 #include <list>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -495,6 +498,60 @@ TEST_F(UtilSavedAttachSimModemTest, AttachWithoutApnReusesTheIAProfileAndKeepsIt
     EXPECT_EQ(ia->settings.lte_roaming_pdp_type, WDS_COMMON_PDP_TYPE_PDP_IPV6_V01);
     EXPECT_EQ(modem->profiles(0).size(), profiles);
 }
+
+// --- Handles found but not taken ---
+
+struct HeldResultsCase {
+    const char* name;
+    std::function<std::shared_ptr<IProfileKey>(Util&)> operation;
+    const char* closingLine;
+};
+
+void PrintTo(const HeldResultsCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
+class UtilHeldResultsSimModemTest : public UtilSimModemTest,
+                                    public ::testing::WithParamInterface<HeldResultsCase> {};
+
+TEST_P(UtilHeldResultsSimModemTest, HandlesNotTakenAreReleasedOnlyWhenTheOperationEnds) {
+    util.setProfileUpdateAllowed(true);
+
+    // All three ims profiles match; one is taken, the other two handles go with the operation.
+    std::shared_ptr<IProfileKey> key = GetParam().operation(util);
+
+    ASSERT_TRUE(key);
+    std::vector<std::string> lines;
+    for (const hostlog::AndroidLogRecord& record : capture.android()) {
+        lines.push_back(record.message);
+    }
+    const std::string closingLine = GetParam().closingLine;
+    const auto closing = std::find_if(lines.begin(), lines.end(), [&](const std::string& line) {
+        return line.rfind(closingLine, 0) == 0;
+    });
+    ASSERT_NE(closing, lines.end());
+    const auto isRelease = [](const std::string& line) {
+        return line.rfind("ProfileCache: releaseProfile token=", 0) == 0;
+    };
+    EXPECT_EQ(std::count_if(lines.begin(), closing, isRelease), 0);
+    EXPECT_EQ(std::count_if(closing, lines.end(), isRelease), 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, UtilHeldResultsSimModemTest,
+    ::testing::Values(HeldResultsCase{"SetupDataCall",
+                                      [](Util& util) {
+                                          return util.findOrCreateProfileForSetupDataCall(
+                                              TechType::TYPE_3GPP, apnParams("ims"));
+                                      },
+                                      "kel findOrCreateProfileForSetupDataCall < "},
+                      HeldResultsCase{"LteAttach",
+                                      [](Util& util) {
+                                          return util.findOrCreateProfileForLteAttach(
+                                              apnParams("ims"));
+                                      },
+                                      "kel findOrCreateProfileForLteAttach < "}),
+    CaseName());
 
 // --- Whether a profile id may serve attach ---
 

@@ -260,9 +260,12 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
                profile->getProfileId() == ind.profileId;
     };
     switch (ind.event) {
-        case ProfileChangedEvent::Create:
-            profiles.emplace(generateToken(), vexWdsProxy.get(ind.techType, ind.profileId));
+        case ProfileChangedEvent::Create: {
+            // Drawn first: as arguments of one call the two would run in no set order.
+            const unsigned long long token = generateToken();
+            profiles.emplace(token, vexWdsProxy.get(ind.techType, ind.profileId));
             return;
+        }
         case ProfileChangedEvent::Delete:
             for (auto it = profiles.begin(); it != profiles.end();) {
                 it = matches(it->second) ? profiles.erase(it) : std::next(it);

@@ -13,7 +13,7 @@ namespace {
 
 // The source-position traces are fixed texts, not __FILE__/__LINE__: log filters key on them, so
 // they must not move whenever this file is edited.
-constexpr const char* kSourcePath = "src/VexWdsProxy.cpp";
+constexpr const char* kSourcePath = "src/VexWdsProxy";
 constexpr int kErrorCbLine = 163;
 constexpr int kHandleErrorLine = 232;
 constexpr const char* kIndCbSignature =

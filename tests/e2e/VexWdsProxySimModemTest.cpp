@@ -110,8 +110,8 @@ TEST_F(VexWdsProxySimModemTest, ReconnectsAndRereadsTheModemAfterItsLinkBreaks) 
     sync();
 
     EXPECT_EQ(wdsClients().size(), 1u);
-    EXPECT_TRUE(debug("src/VexWdsProxy.cpp:163:vexErrorCb"));
-    EXPECT_TRUE(debug("src/VexWdsProxy.cpp:232:handleError"));
+    EXPECT_TRUE(debug("src/VexWdsProxy:163:vexErrorCb"));
+    EXPECT_TRUE(debug("src/VexWdsProxy:232:handleError"));
     EXPECT_TRUE(info("Handling modem down"));
     EXPECT_TRUE(history("VexWdsProxy::registerVexSvcUp"));
     EXPECT_FALSE(manager.getProfile(old)) << "the cache was read again";

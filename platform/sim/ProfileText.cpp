@@ -60,7 +60,8 @@ const char* nameOf(const Named (&table)[N], int value) {
 }
 
 bool parseNumber(const std::string& text, uint64_t max, uint64_t* value) {
-    if (text.empty() || text[0] == '-' || text[0] == '+') {
+    // strtoull would skip blanks, take a sign and wrap it, and stop at an embedded NUL.
+    if (text.empty() || text[0] < '0' || text[0] > '9' || text.find('\0') != std::string::npos) {
         return false;
     }
     char* end = nullptr;

@@ -90,6 +90,8 @@ TEST(ProfileTextTest, ParseErrorsNameTheLineAndTheReasonAndKeepNothing) {
         {"profile 3gpp index=0", "line 1: bad value for index"},
         {"profile 3gpp max_pdn_conn_timer=65536", "line 1: bad value for max_pdn_conn_timer"},
         {"profile 3gpp types=default,bogus", "line 1: bad value for types"},
+        {"profile 3gpp types=\" -1\"", "line 1: bad value for types"},
+        {"profile 3gpp class=\"5\\x00junk\"", "line 1: bad value for class"},
         {"profile 3gpp name=" + std::string(51, 'n'), "line 1: name: longer than 50 characters"},
         {"profile 3gpp apn=\"open", "line 1: unterminated quote"},
         {"profile 3gpp apn=a apn=b", "line 1: 'apn' given twice"},

@@ -32,7 +32,8 @@ Reply fail(const std::string& reason) {
 }
 
 bool parseUnsigned(const std::string& text, unsigned long max, unsigned long* value) {
-    if (text.empty() || text[0] == '-' || text[0] == '+') {
+    // strtoul would skip blanks, take a sign and wrap it, and stop at an embedded NUL.
+    if (text.empty() || text[0] < '0' || text[0] > '9' || text.find('\0') != std::string::npos) {
         return false;
     }
     char* end = nullptr;

@@ -1,6 +1,6 @@
 /*
  * Host stand-in for the device's Android log header. The library includes <android/log.h> as it
- * would on a device; on a host this declaration is served by libkelr_platform_log.
+ * would on a device; on a host this declaration is served by the host stand-in kelr_host_liblog.
  */
 #ifndef KELR_PLATFORM_ANDROID_LOG_H
 #define KELR_PLATFORM_ANDROID_LOG_H

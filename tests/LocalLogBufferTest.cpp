@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "hostlog/LogCapture.h"
+#include "support/LogObservation.h"
 
 namespace kel {
 namespace {
@@ -72,6 +73,7 @@ void PrintTo(const CutCase& c, std::ostream* os) {
 class LogCutTest : public LoggingTest, public ::testing::WithParamInterface<CutCase> {};
 
 TEST_P(LogCutTest, MessageReachesWriterAndHistoryCutTo511Characters) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::string text;
     for (size_t i = 0; i < GetParam().length; ++i) {
         text += static_cast<char>('a' + i % 26);
@@ -93,6 +95,7 @@ INSTANTIATE_TEST_SUITE_P(Lengths, LogCutTest,
                                            CutCase{5000, 511}));
 
 TEST_F(LoggingTest, AdbWriterPassesMessageAsTextNotAsFormat) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     KEL_LOG(Info, "%s", "100%% sure %s %d %n");
 
     std::vector<hostlog::AndroidLogRecord> written = capture.android();
@@ -102,6 +105,7 @@ TEST_F(LoggingTest, AdbWriterPassesMessageAsTextNotAsFormat) {
 }
 
 TEST_F(LoggingTest, FormatsArgumentsPrintfStyle) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     KEL_LOG(Debug, "Manager::init(%d) %s %llu", 1, "adb", 18446744073709551615ull);
 
     EXPECT_TRUE(capture.hasAndroidMessage("Manager::init(1) adb 18446744073709551615"));
@@ -121,6 +125,7 @@ void PrintTo(const LevelCase& c, std::ostream* os) {
 class LogLevelTest : public LoggingTest, public ::testing::WithParamInterface<LevelCase> {};
 
 TEST_P(LogLevelTest, LevelSelectsPriorityMaskAndHistory) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     const LogLevel level = static_cast<LogLevel>(GetParam().level);
     const std::string text = "level " + std::to_string(GetParam().level);
     LogWrapper::getInstance()->log(level, kLogTag, "%s", text.c_str());
@@ -151,6 +156,7 @@ INSTANTIATE_TEST_SUITE_P(Levels, LogLevelTest,
                                            LevelCase{-1, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false}));
 
 TEST_F(LoggingTest, WithoutWriterErrorsAreStillKeptInHistory) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     installWriter(nullptr);
     KEL_LOG(Error, "lost %d", 1);
     KEL_LOG(Debug, "gone");
@@ -163,6 +169,7 @@ TEST_F(LoggingTest, WithoutWriterErrorsAreStillKeptInHistory) {
 }
 
 TEST_F(LoggingTest, ReplacingWriterClosesDiagnosticsSession) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     installWriter(std::make_unique<DiagWriter>());
     EXPECT_EQ(capture.diagInitCalls(), 1);
     EXPECT_EQ(capture.diagDeInitCalls(), 0);
@@ -175,6 +182,7 @@ TEST_F(LoggingTest, ReplacingWriterClosesDiagnosticsSession) {
 }
 
 TEST_F(LoggingTest, DiagWriterSendsTagAndMessageThroughItsDescriptor) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     installWriter(std::make_unique<DiagWriter>());
     KEL_LOG(Info, "hello %d", 42);
     KEL_LOG(Error, "bad %s", "thing");
@@ -288,6 +296,7 @@ TEST_F(LoggingTest, FlushEmptiesHistory) {
 }
 
 TEST_F(LoggingTest, ConcurrentLoggingKeepsBoundAndWholeLines) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     constexpr int kThreads = 6;
     constexpr int kPerThread = 150;
     std::vector<std::thread> threads;

@@ -94,10 +94,12 @@ bool ModemLink::open(const GlobalOptions& options, std::string* error) {
 }
 
 ModemLink::~ModemLink() {
+#ifndef KELCTL_NO_EMBEDDED_MODEM
     if (sim) {
         sim->stop();
         sim.reset();
     }
+#endif
     if (!privateDir.empty()) {
         std::error_code ignored;
         std::filesystem::remove_all(privateDir, ignored);
@@ -118,6 +120,9 @@ std::optional<std::string> ModemLink::modemProfileName(kel::TechType tech, int i
         }
         return found->second.name;
     }
+#ifdef KELCTL_NO_EMBEDDED_MODEM
+    return std::nullopt;
+#else
     if (id < 0 || id > 255) {
         return std::nullopt;
     }
@@ -128,8 +133,19 @@ std::optional<std::string> ModemLink::modemProfileName(kel::TechType tech, int i
         return std::nullopt;
     }
     return std::string(profile->settings.profile_name);
+#endif
 }
 
+#ifdef KELCTL_NO_EMBEDDED_MODEM
+// Without the embedded modem, the library finds the device's own.
+bool ModemLink::startEmbedded(const GlobalOptions&, std::string*) {
+    return true;
+}
+
+bool ModemLink::waitEmbedded(const GlobalOptions&, std::string*) {
+    return false;
+}
+#else
 bool ModemLink::startEmbedded(const GlobalOptions& options, std::string* error) {
     const std::string seed = options.seedFile.empty() ? defaultSeedFile() : options.seedFile;
     if (seed.empty()) {
@@ -189,6 +205,7 @@ bool ModemLink::waitEmbedded(const GlobalOptions& options, std::string* error) {
     manager().filter(kel::FilterProfileParams());
     return true;
 }
+#endif
 
 bool ModemLink::waitRunning(const GlobalOptions& options, std::string* error) {
     // The modem is in another process: readiness is read from the library itself. Its cache

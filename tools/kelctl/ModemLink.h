@@ -15,7 +15,15 @@
 
 #include "Options.h"
 #include "kel/Manager.h"
+#ifdef KELCTL_NO_EMBEDDED_MODEM
+// A device's kelctl works on the device's modem only (Android.bp); the simulated modem is a
+// host's, so there sim stays empty.
+namespace vexsim {
+class SimModem {};
+}  // namespace vexsim
+#else
 #include "vexsim/SimModem.h"
+#endif
 
 namespace kelctl {
 

@@ -43,6 +43,9 @@ endfunction()
 
 # Makes the interface target <target> stand for the stand-in library <standin>.
 function(kelr_use_standin target standin)
+  if(KELR_PLATFORM STREQUAL "system")
+    message(STATUS "libkelr platform: the stand-in ${standin}")
+  endif()
   add_library(${target} INTERFACE)
   target_link_libraries(${target} INTERFACE ${standin})
 endfunction()

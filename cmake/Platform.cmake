@@ -33,7 +33,8 @@ function(kelr_use_system_library target name header)
   if(NOT KELR_SYSTEM_${id}_LIBRARY OR NOT KELR_SYSTEM_${id}_INCLUDE_DIR)
     message(FATAL_ERROR "KELR_PLATFORM=system: lib${name} or <${header}> not found "
                         "(library: ${KELR_SYSTEM_${id}_LIBRARY}, "
-                        "headers: ${KELR_SYSTEM_${id}_INCLUDE_DIR})")
+                        "headers: ${KELR_SYSTEM_${id}_INCLUDE_DIR}); KELR_SYSTEM_STANDINS "
+                        "replaces a missing modem library (vex, diag) by its stand-in")
   endif()
   message(STATUS "libkelr platform: ${KELR_SYSTEM_${id}_LIBRARY}")
   add_library(${target} INTERFACE)

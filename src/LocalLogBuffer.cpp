@@ -6,6 +6,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 namespace kel {
@@ -15,6 +16,9 @@ namespace {
 // 511 characters and the buffer always stays terminated.
 constexpr size_t kLogBufferSize = 513;
 constexpr size_t kLogLimit = 512;
+
+// Four blanks, a date and time of up to 49 characters, ".mmm", " [" and "]".
+constexpr size_t kStampReserve = 4 + 49 + 4 + 3;
 
 constexpr uint16_t kDiagLine = 118;
 constexpr uint16_t kDiagSsId = 63;
@@ -58,19 +62,24 @@ void LogWrapper::setLogWriter(std::unique_ptr<LogWriter> writer) {
 }
 
 void LogWrapper::log(LogLevel level, const char* tag, const char* format, ...) {
-    std::string tagCopy = tag != nullptr ? tag : "";
-    char buffer[kLogBufferSize] = {};
+    // Not zero-filled: vsnprintf terminates what it writes, and a failed format leaves the
+    // terminator placed here.
+    char buffer[kLogBufferSize];
+    buffer[0] = '\0';
     if (format != nullptr) {
         va_list args;
         va_start(args, format);
         std::vsnprintf(buffer, kLogLimit, format, args);
         va_end(args);
     }
-    std::string message(buffer);
+    // Up to the first NUL: a "%c" of 0 ends the message there.
+    std::string message(buffer, strnlen(buffer, kLogLimit - 1));
+    const bool kept = keptInHistory(level);
     if (std::shared_ptr<LogWriter> writer = std::atomic_load(&logWriter)) {
-        writer->write(level, tagCopy, message);
+        // The history needs the text after the writer has had it; otherwise it is handed over.
+        writer->write(level, tag != nullptr ? tag : "", kept ? message : std::move(message));
     }
-    if (keptInHistory(level)) {
+    if (kept) {
         LocalLogBuffer::getInstance()->addLogWithTimestamp(std::move(message));
     }
 }
@@ -141,23 +150,45 @@ LocalLogBuffer* LocalLogBuffer::getInstance() {
 LocalLogBuffer::LocalLogBuffer(std::string bufferName, int bound)
     : name(std::move(bufferName)), maxSize(bound) {}
 
+void LogStamp::append(const timeval& when, std::string& out) {
+    if (!valid || when.tv_sec != second) {
+        date[0] = '\0';
+        tm local{};
+        // localtime_r: lines are stamped on several threads at once.
+        if (localtime_r(&when.tv_sec, &local) != nullptr) {
+            strftime(date, sizeof(date), "%F %X", &local);
+        }
+        dateLength = strnlen(date, sizeof(date));
+        second = when.tv_sec;
+        valid = true;
+    }
+    out.append(date, dateLength);
+    const long millis = when.tv_usec / 1000;
+    if (millis < 0 || millis > 999) {
+        // Not from gettimeofday; printed as "%03d" prints it.
+        char text[16];
+        std::snprintf(text, sizeof(text), ".%03d", static_cast<int>(millis));
+        out += text;
+        return;
+    }
+    const char digits[] = {'.', static_cast<char>('0' + millis / 100),
+                           static_cast<char>('0' + millis / 10 % 10),
+                           static_cast<char>('0' + millis % 10)};
+    out.append(digits, sizeof(digits));
+}
+
 void LocalLogBuffer::addLogWithTimestamp(std::string line) {
     timeval now{};
     gettimeofday(&now, nullptr);
-    char date[50] = "";
-    tm local{};
-    // localtime_r: lines are stamped on several threads at once.
-    if (localtime_r(&now.tv_sec, &local) != nullptr) {
-        strftime(date, sizeof(date), "%F %X", &local);
-    }
-    char stamp[100];
-    std::snprintf(stamp, sizeof(stamp), "%s.%03d", date, static_cast<int>(now.tv_usec / 1000));
-
-    std::string text = "    ";
-    text += stamp;
+    // One per thread, so stamping takes no lock: the lines of one second share their date.
+    thread_local LogStamp stamp;
+    std::string text;
+    text.reserve(kStampReserve + name.size() + line.size());
+    text += "    ";
+    stamp.append(now, text);
     text += " [";
     text += name;
-    text += "]";
+    text += ']';
     text += line;
 
     std::lock_guard<std::mutex> lock(logMutex);

@@ -9,6 +9,9 @@
 #ifndef KEL_LOCAL_LOG_BUFFER_H
 #define KEL_LOCAL_LOG_BUFFER_H
 
+#include <sys/time.h>
+
+#include <ctime>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -71,6 +74,22 @@ class LogWrapper {
     ~LogWrapper();
 
     std::shared_ptr<LogWriter> logWriter;  // only through std::atomic_load / atomic_exchange
+};
+
+// The history's time stamp, "<date> <time>.<ms>" ("%F %X" and the milliseconds as "%03d"). The
+// date and time are formatted once per second: a stamp for the second formatted last reuses them.
+//
+// Threads: one instance per thread.
+class LogStamp {
+  public:
+    // Appends the stamp of when to out; a date that cannot be converted is left empty.
+    void append(const timeval& when, std::string& out);
+
+  private:
+    bool valid = false;  // date holds the text of second
+    time_t second = 0;
+    char date[50] = "";
+    size_t dateLength = 0;
 };
 
 class LocalLogBuffer {

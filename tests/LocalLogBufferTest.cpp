@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <memory>
 #include <ostream>
 #include <set>
@@ -91,6 +92,32 @@ INSTANTIATE_TEST_SUITE_P(Lengths, LogCutTest,
                          ::testing::Values(CutCase{0, 0}, CutCase{510, 510}, CutCase{511, 511},
                                            CutCase{512, 511}, CutCase{600, 511},
                                            CutCase{5000, 511}));
+
+TEST_F(LoggingTest, MessageEndsAtItsFirstNul) {
+    KEL_LOG(Error, "ab%cde %d", 0, 7);
+
+    std::vector<hostlog::AndroidLogRecord> written = capture.android();
+    ASSERT_EQ(written.size(), 1u);
+    EXPECT_EQ(written[0].message, "ab");
+    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
+    ASSERT_EQ(history.size(), 1u);
+    EXPECT_TRUE(isHistoryLine(history[0], "KEL", "ab")) << history[0];
+}
+
+// A 600-character message whose 511th character is the last one kept, whichever level it has.
+TEST_F(LoggingTest, WriterAndHistoryGetTheSameCutMessage) {
+    const std::string text = std::string(510, 'x') + "yz" + std::string(88, 'w');
+    KEL_LOG(Debug, "%s", text.c_str());
+    KEL_LOG(History, "%s", text.c_str());
+
+    std::vector<hostlog::AndroidLogRecord> written = capture.android();
+    ASSERT_EQ(written.size(), 2u);
+    EXPECT_EQ(written[0].message, text.substr(0, 511));
+    EXPECT_EQ(written[1].message, text.substr(0, 511));
+    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
+    ASSERT_EQ(history.size(), 1u);
+    EXPECT_TRUE(isHistoryLine(history[0], "KEL", text.substr(0, 511))) << history[0];
+}
 
 TEST_F(LoggingTest, AdbWriterPassesMessageAsTextNotAsFormat) {
     KEL_LOG(Info, "%s", "100%% sure %s %d %n");
@@ -243,6 +270,44 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(FirstMaskCase{LogLevel::Verbose, LogLevel::Error, "masks: 1 1\\."},
                       FirstMaskCase{LogLevel::Error, LogLevel::Verbose, "masks: 4 4\\."},
                       FirstMaskCase{LogLevel::Fatal, LogLevel::History, "masks: 16 16\\."}));
+
+// The stamp as it is formatted from scratch: "%F %X" of the local time, then ".%03d" of the
+// milliseconds.
+std::string stampFromScratch(const timeval& when) {
+    char date[50] = "";
+    tm local{};
+    if (localtime_r(&when.tv_sec, &local) != nullptr) {
+        strftime(date, sizeof(date), "%F %X", &local);
+    }
+    char stamp[100];
+    std::snprintf(stamp, sizeof(stamp), "%s.%03d", date, static_cast<int>(when.tv_usec / 1000));
+    return stamp;
+}
+
+// One stamp fed a sequence of times, as one thread's lines are: within a second, across second,
+// minute and day boundaries, and with the clock set back.
+TEST(LogStampTest, EveryStampEqualsOneFormattedFromScratch) {
+    tm midnight{};
+    midnight.tm_year = 2026 - 1900;
+    midnight.tm_mon = 10;
+    midnight.tm_mday = 16;
+    midnight.tm_isdst = -1;
+    const time_t day = mktime(&midnight);
+    ASSERT_NE(day, static_cast<time_t>(-1));
+    const std::vector<timeval> times = {
+        {day - 61, 0},   {day - 61, 999},    {day - 61, 1000},      {day - 61, 999999},
+        {day - 60, 0},   {day - 60, 123456}, {day - 1, 999999},     {day, 0},
+        {day, 999},      {day, 5000},        {day - 1, 998000},     {day - 1, 998999},
+        {day + 3600, 1}, {day + 3600, 1},    {day + 86399, 999999}, {day + 86400, 0},
+    };
+    LogStamp stamp;
+    for (const timeval& when : times) {
+        std::string text = "head:";
+        stamp.append(when, text);
+        EXPECT_EQ(text, "head:" + stampFromScratch(when))
+            << "at " << when.tv_sec << " s " << when.tv_usec << " us";
+    }
+}
 
 class HistoryBoundTest : public ::testing::TestWithParam<int> {};
 

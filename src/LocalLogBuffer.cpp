@@ -3,8 +3,12 @@
 #include <android/log.h>
 #include <diag/msg.h>
 #include <sys/time.h>
+#include <sys/types.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -16,6 +20,7 @@ namespace {
 // 511 characters and the buffer always stays terminated.
 constexpr size_t kLogBufferSize = 513;
 constexpr size_t kLogLimit = 512;
+constexpr size_t kLogMaxLength = kLogLimit - 1;
 
 // Four blanks, a date and time of up to 49 characters, ".mmm", " [" and "]".
 constexpr size_t kStampReserve = 4 + 49 + 4 + 3;
@@ -39,7 +44,168 @@ bool keptInHistory(LogLevel level) {
     return false;
 }
 
+// The first kLogMaxLength characters of a message, written into a buffer of kLogBufferSize.
+class BoundedText {
+  public:
+    explicit BoundedText(char* buffer) : out(buffer) {}
+
+    bool full() const { return used == kLogMaxLength; }
+    size_t length() const { return used; }
+    void put(char c) {
+        if (used < kLogMaxLength) {
+            out[used++] = c;
+        }
+    }
+    void put(const char* text, size_t size) {
+        const size_t taken = std::min(size, kLogMaxLength - used);
+        std::memcpy(out + used, text, taken);
+        used += taken;
+    }
+    template <typename Int>
+    void putNumber(Int value, int base = 10) {
+        char digits[24];
+        const std::to_chars_result end =
+            std::to_chars(digits, digits + sizeof(digits), value, base);
+        put(digits, static_cast<size_t>(end.ptr - digits));
+    }
+
+  private:
+    char* out;
+    size_t used = 0;
+};
+
+enum class Length { None, Long, LongLong, Size };
+
+// One conversion of the common forms, as printf writes it; false for any other form (flags,
+// width, precision, other conversions, a null string), which printf itself must then format.
+bool convert(BoundedText& text, Length length, char conversion, va_list& args) {
+    switch (conversion) {
+        case 'd':
+        case 'i':
+            switch (length) {
+                case Length::None:
+                    text.putNumber(va_arg(args, int));
+                    return true;
+                case Length::Long:
+                    text.putNumber(va_arg(args, long));
+                    return true;
+                case Length::LongLong:
+                    text.putNumber(va_arg(args, long long));
+                    return true;
+                case Length::Size:
+                    text.putNumber(va_arg(args, ssize_t));
+                    return true;
+            }
+            return false;
+        case 'u':
+            switch (length) {
+                case Length::None:
+                    text.putNumber(va_arg(args, unsigned int));
+                    return true;
+                case Length::Long:
+                    text.putNumber(va_arg(args, unsigned long));
+                    return true;
+                case Length::LongLong:
+                    text.putNumber(va_arg(args, unsigned long long));
+                    return true;
+                case Length::Size:
+                    text.putNumber(va_arg(args, size_t));
+                    return true;
+            }
+            return false;
+        case 's': {
+            const char* value = length == Length::None ? va_arg(args, const char*) : nullptr;
+            if (value == nullptr) {
+                return false;
+            }
+            text.put(value, strnlen(value, kLogMaxLength));
+            return true;
+        }
+        case 'c':
+            if (length != Length::None) {
+                return false;
+            }
+            text.put(static_cast<char>(static_cast<unsigned char>(va_arg(args, int))));
+            return true;
+        case 'p': {
+            const void* value = length == Length::None ? va_arg(args, const void*) : nullptr;
+            if (value == nullptr) {
+                return false;
+            }
+            text.put("0x", 2);
+            text.putNumber(reinterpret_cast<std::uintptr_t>(value), 16);
+            return true;
+        }
+        default:
+            return false;
+    }
+}
+
+// Formats the common forms without printf's general machinery; false, with args partly read, as
+// soon as a form is not one of them.
+bool formatCommon(BoundedText& text, const char* format, va_list& args) {
+    const char* p = format;
+    while (*p != '\0' && !text.full()) {
+        const char* plain = p;
+        while (*p != '\0' && *p != '%') {
+            ++p;
+        }
+        text.put(plain, static_cast<size_t>(p - plain));
+        if (*p == '\0') {
+            break;
+        }
+        ++p;
+        if (*p == '%') {
+            text.put('%');
+            ++p;
+            continue;
+        }
+        Length length = Length::None;
+        if (*p == 'l') {
+            ++p;
+            length = Length::Long;
+            if (*p == 'l') {
+                ++p;
+                length = Length::LongLong;
+            }
+        } else if (*p == 'z') {
+            ++p;
+            length = Length::Size;
+        }
+        if (!convert(text, length, *p, args)) {
+            return false;
+        }
+        ++p;
+    }
+    return true;
+}
+
 }  // namespace
+
+size_t formatLogMessage(char* buffer, const char* format, va_list args) {
+    buffer[0] = '\0';
+    if (format == nullptr) {
+        return 0;
+    }
+    // The direct path reads a copy, so that vsnprintf can start over with the arguments.
+    va_list common;
+    va_copy(common, args);
+    BoundedText text(buffer);
+    const bool done = formatCommon(text, format, common);
+    va_end(common);
+    size_t length = text.length();
+    if (done) {
+        buffer[length] = '\0';
+    } else {
+        // Not zero-filled: vsnprintf terminates what it writes, and a failed format leaves the
+        // terminator placed here.
+        buffer[0] = '\0';
+        std::vsnprintf(buffer, kLogLimit, format, args);
+        length = kLogMaxLength;
+    }
+    // Up to the first NUL: a "%c" of 0 ends the message there.
+    return strnlen(buffer, length);
+}
 
 LogWrapper* LogWrapper::getInstance() {
     // The history is constructed before the wrapper and so destroyed after it: a static that logs
@@ -62,18 +228,11 @@ void LogWrapper::setLogWriter(std::unique_ptr<LogWriter> writer) {
 }
 
 void LogWrapper::log(LogLevel level, const char* tag, const char* format, ...) {
-    // Not zero-filled: vsnprintf terminates what it writes, and a failed format leaves the
-    // terminator placed here.
     char buffer[kLogBufferSize];
-    buffer[0] = '\0';
-    if (format != nullptr) {
-        va_list args;
-        va_start(args, format);
-        std::vsnprintf(buffer, kLogLimit, format, args);
-        va_end(args);
-    }
-    // Up to the first NUL: a "%c" of 0 ends the message there.
-    std::string message(buffer, strnlen(buffer, kLogLimit - 1));
+    va_list args;
+    va_start(args, format);
+    std::string message(buffer, formatLogMessage(buffer, format, args));
+    va_end(args);
     const bool kept = keptInHistory(level);
     if (std::shared_ptr<LogWriter> writer = std::atomic_load(&logWriter)) {
         // The history needs the text after the writer has had it; otherwise it is handed over.

@@ -11,6 +11,8 @@
 
 #include <sys/time.h>
 
+#include <cstdarg>
+#include <cstddef>
 #include <ctime>
 #include <deque>
 #include <memory>
@@ -56,6 +58,11 @@ class DiagWriter : public LogWriter {
     void write(LogLevel level, std::string tag, std::string message) override;
     int convertPrio(LogLevel level) override;
 };
+
+// Formats a message as vsnprintf(buffer, 512, format, args) does, cut to 511 characters, into
+// a buffer of at least 513 bytes; returns its length up to the first NUL. The common conversions
+// (%d %i %u %s %c %p, with l, ll or z) are written directly, anything else by vsnprintf.
+size_t formatLogMessage(char* buffer, const char* format, va_list args);
 
 class LogWrapper {
   public:

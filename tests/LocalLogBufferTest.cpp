@@ -5,7 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
+#include <cstdarg>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <ostream>
@@ -92,6 +96,66 @@ INSTANTIATE_TEST_SUITE_P(Lengths, LogCutTest,
                          ::testing::Values(CutCase{0, 0}, CutCase{510, 510}, CutCase{511, 511},
                                            CutCase{512, 511}, CutCase{600, 511},
                                            CutCase{5000, 511}));
+
+// The message as formatted by the plain algorithm: a zero-filled 513-byte buffer, vsnprintf
+// with a limit of 512, the text up to the first NUL.
+std::string formattedByVsnprintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string formattedByVsnprintf(const char* format, ...) {
+    char buffer[513] = {};
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(buffer, 512, format, args);
+    va_end(args);
+    return std::string(buffer);
+}
+
+std::string formattedForLog(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string formattedForLog(const char* format, ...) {
+    char buffer[513];
+    std::memset(buffer, 'X', sizeof(buffer));
+    va_list args;
+    va_start(args, format);
+    const size_t length = formatLogMessage(buffer, format, args);
+    va_end(args);
+    EXPECT_EQ(std::strlen(buffer), length) << format;
+    return std::string(buffer, length);
+}
+
+#define EXPECT_FORMATTED_ALIKE(...) \
+    EXPECT_EQ(formattedForLog(__VA_ARGS__), formattedByVsnprintf(__VA_ARGS__))
+
+// Whether the common forms are written directly or handed to vsnprintf, the message is the one
+// vsnprintf makes.
+TEST(LogFormatTest, EveryMessageEqualsThePlainFormatting) {
+    int object = 0;
+    const std::string near(505, 'n');
+    const std::string full(511, 'f');
+    const std::string over(700, 'o');
+    EXPECT_FORMATTED_ALIKE("plain text, no conversion");
+    EXPECT_FORMATTED_ALIKE("%s", "");
+    EXPECT_FORMATTED_ALIKE(":%d:%s", 77, "handleClientRequest");
+    EXPECT_FORMATTED_ALIKE("%d %i %d %i", 0, -1, INT_MIN, INT_MAX);
+    EXPECT_FORMATTED_ALIKE("%u %lu %llu %zu", UINT_MAX, ULONG_MAX, ULLONG_MAX, SIZE_MAX);
+    EXPECT_FORMATTED_ALIKE("%ld %lld %zd", LONG_MIN, LLONG_MIN, static_cast<ssize_t>(-5));
+    EXPECT_FORMATTED_ALIKE("token=%llu", 18446744073709551615ull);
+    EXPECT_FORMATTED_ALIKE("[callback:%p, data:%p]", static_cast<void*>(&object),
+                           static_cast<void*>(nullptr));
+    EXPECT_FORMATTED_ALIKE("%c%c%c", 'a', 255, '%');
+    EXPECT_FORMATTED_ALIKE("100%% %s%%", "sure");
+    // Hidden from the compiler, which would refuse a null string it can see.
+    const char* volatile nothing = nullptr;
+    EXPECT_FORMATTED_ALIKE("null %s here", nothing);
+    EXPECT_FORMATTED_ALIKE("%5d|%-4s|%05lld|%x|%.2f|%+d|%.3s", 42, "ab", -7ll, 255u, 2.5, 3,
+                           "abcdef");
+    EXPECT_FORMATTED_ALIKE("%s and then %x", "direct", 0xbeefu);
+    EXPECT_FORMATTED_ALIKE("%s%d", near.c_str(), 123456789);
+    EXPECT_FORMATTED_ALIKE("%s%s", near.c_str(), "abcdefgh");
+    EXPECT_FORMATTED_ALIKE("%s%d", full.c_str(), 5);
+    EXPECT_FORMATTED_ALIKE("%s", over.c_str());
+    EXPECT_FORMATTED_ALIKE("%s%x", over.c_str(), 1u);
+    EXPECT_FORMATTED_ALIKE("%s%%%c", full.substr(1).c_str(), 'z');
+    EXPECT_FORMATTED_ALIKE("ab%cde %d", 0, 7);
+}
 
 TEST_F(LoggingTest, MessageEndsAtItsFirstNul) {
     KEL_LOG(Error, "ab%cde %d", 0, 7);

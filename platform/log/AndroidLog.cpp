@@ -80,14 +80,12 @@ std::string threadtimeLines(int priority, const std::string& tag, const std::str
 extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
     const bool echoing = hostlog::detail::echoing();
     const bool capturing = hostlog::detail::capturing();
+    if (!echoing && !capturing) {
+        // Nobody sees the line, so nothing is written: not even formatted.
+        return 0;
+    }
     va_list args;
     va_start(args, fmt);
-    if (!echoing && !capturing) {
-        // Nobody sees the line: only its length is worked out, for the return value.
-        const int length = fmt != nullptr ? std::vsnprintf(nullptr, 0, fmt, args) : 0;
-        va_end(args);
-        return length > 0 ? length : 0;
-    }
     std::string message = formatMessage(fmt, args);
     va_end(args);
 

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <thread>
 
 namespace kel {
 namespace {
@@ -218,13 +219,20 @@ LogWrapper* LogWrapper::getInstance() {
 LogWrapper::~LogWrapper() {
     // Handles released during the process's exit may still log after this instance is gone;
     // leaving no writer behind makes their messages go nowhere instead of through a freed one.
-    std::atomic_store(&logWriter, std::shared_ptr<LogWriter>());
+    setLogWriter(nullptr);
 }
 
 void LogWrapper::setLogWriter(std::unique_ptr<LogWriter> writer) {
-    std::shared_ptr<LogWriter> previous =
-        std::atomic_exchange(&logWriter, std::shared_ptr<LogWriter>(std::move(writer)));
-    // previous is destroyed here, or by the last log call still writing through it.
+    std::lock_guard<std::mutex> lock(replaceMutex);
+    current.store(writer.get());
+    // Calls that join the new generation read the new writer; those of the old one may still
+    // write through the previous one until they are done.
+    const unsigned old = generation.fetch_add(1);
+    while (writing[old % 2].load() != 0) {
+        std::this_thread::yield();
+    }
+    logWriter.swap(writer);
+    // writer, now the previous one, is destroyed here.
 }
 
 void LogWrapper::log(LogLevel level, const char* tag, const char* format, ...) {
@@ -234,10 +242,20 @@ void LogWrapper::log(LogLevel level, const char* tag, const char* format, ...) {
     std::string message(buffer, formatLogMessage(buffer, format, args));
     va_end(args);
     const bool kept = keptInHistory(level);
-    if (std::shared_ptr<LogWriter> writer = std::atomic_load(&logWriter)) {
+    // Counted in the generation that is current once counted, so a replacement that started
+    // meanwhile either waits for this call or is seen by it.
+    unsigned joined = generation.load();
+    writing[joined % 2].fetch_add(1);
+    while (generation.load() != joined) {
+        writing[joined % 2].fetch_sub(1);
+        joined = generation.load();
+        writing[joined % 2].fetch_add(1);
+    }
+    if (LogWriter* writer = current.load()) {
         // The history needs the text after the writer has had it; otherwise it is handed over.
         writer->write(level, tag != nullptr ? tag : "", kept ? message : std::move(message));
     }
+    writing[joined % 2].fetch_sub(1);
     if (kept) {
         LocalLogBuffer::getInstance()->addLogWithTimestamp(std::move(message));
     }

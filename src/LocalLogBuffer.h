@@ -3,14 +3,15 @@
 // returns.
 //
 // Threads: LogWrapper::log may be called on any thread. The writer is read and replaced
-// atomically, so Manager::init may install a new one while an older pipeline still logs; a
-// replaced writer is destroyed once the last message in flight through it is written.
+// atomically, so Manager::init may install a new one while an older pipeline still logs;
+// setLogWriter destroys the replaced writer once the messages in flight through it are written.
 // LocalLogBuffer is guarded by logMutex.
 #ifndef KEL_LOCAL_LOG_BUFFER_H
 #define KEL_LOCAL_LOG_BUFFER_H
 
 #include <sys/time.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstddef>
 #include <ctime>
@@ -68,7 +69,8 @@ class LogWrapper {
   public:
     static LogWrapper* getInstance();
 
-    // Installs writer; the previous writer is destroyed.
+    // Installs writer; the previous writer is destroyed before the call returns, once no
+    // message is being written through it.
     void setLogWriter(std::unique_ptr<LogWriter> writer);
 
     // Formats printf-style, cut to 511 characters, hands the line to the writer, and keeps Error
@@ -80,7 +82,14 @@ class LogWrapper {
     LogWrapper() = default;
     ~LogWrapper();
 
-    std::shared_ptr<LogWriter> logWriter;  // only through std::atomic_load / atomic_exchange
+    // Writers in use are counted per generation rather than shared: a log call costs two atomic
+    // counts instead of a lock and a reference. A replacement starts a new generation and waits
+    // for the calls of the old one, which new calls cannot keep busy.
+    std::mutex replaceMutex;                   // serialises replacements
+    std::unique_ptr<LogWriter> logWriter;      // the installed writer; guarded by replaceMutex
+    std::atomic<LogWriter*> current{nullptr};  // what log calls read: logWriter.get()
+    std::atomic<unsigned> generation{0};       // whose count new log calls join
+    std::atomic<int> writing[2] = {{0}, {0}};  // log calls in progress, per generation parity
 };
 
 // The history's time stamp, "<date> <time>.<ms>" ("%F %X" and the milliseconds as "%03d"). The

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdarg>
 #include <cstdint>
@@ -263,6 +264,41 @@ TEST_F(LoggingTest, ReplacingWriterClosesDiagnosticsSession) {
     KEL_LOG(Info, "after");
     EXPECT_TRUE(capture.diag().empty());
     EXPECT_TRUE(capture.hasAndroidMessage("after"));
+}
+
+// Writers replaced again and again while other threads log: every message goes through exactly
+// one writer, none through a destroyed one.
+TEST_F(LoggingTest, ReplacingWritersWhileOthersLogLosesNoMessage) {
+    constexpr int kThreads = 3;
+    constexpr int kPerThread = 400;
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t, &go] {
+            while (!go) {
+                std::this_thread::yield();
+            }
+            for (int i = 0; i < kPerThread; ++i) {
+                KEL_LOG(Info, "thread %d message %d", t, i);
+            }
+        });
+    }
+    go = true;
+    for (int i = 0; i < 60; ++i) {
+        if (i % 2 == 0) {
+            installWriter(std::make_unique<DiagWriter>());
+        } else {
+            installWriter(std::make_unique<AdbWriter>());
+        }
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    EXPECT_EQ(capture.android().size() + capture.diag().size(),
+              static_cast<size_t>(kThreads * kPerThread));
+    EXPECT_EQ(capture.diagInitCalls(), 30);
+    EXPECT_EQ(capture.diagDeInitCalls(), 30);
 }
 
 TEST_F(LoggingTest, DiagWriterSendsTagAndMessageThroughItsDescriptor) {

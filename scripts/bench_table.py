@@ -58,6 +58,14 @@ def describe(template, name):
     return template.format(n=args[0] if args else "", m="")
 
 
+def family(runs, prefix, wanted=("median",)):
+    """(name, aggregates) of the benchmarks named prefix..., in argument order, that have the
+    wanted aggregates."""
+    for name in sorted((n for n in runs if n.startswith(prefix)), key=arguments):
+        if set(wanted) <= runs[name].keys():
+            yield name, runs[name]
+
+
 def verdict(ratio, target):
     if target is None:
         return "-", "-"
@@ -71,10 +79,7 @@ def calls_table(runs):
         "|---|---|---:|---|---:|---:|---:|---|---|",
     ]
     for prefix, what, floor, target in CALLS:
-        for name in sorted((n for n in runs if n.startswith(prefix)), key=arguments):
-            agg = runs[name]
-            if not {"median", "min", "max"} <= agg.keys():
-                continue
+        for name, agg in family(runs, prefix, ("median", "min", "max")):
             ratio = agg["median"]["ratio"]
             wanted, met = verdict(ratio, target)
             lines.append(
@@ -89,10 +94,8 @@ def refresh_table(runs):
         "| Benchmark | Messages | µs per message | Floor µs per message |",
         "|---|---:|---:|---:|",
     ]
-    for name in sorted((n for n in runs if n.startswith("BM_Refresh/")), key=arguments):
-        median = runs[name].get("median")
-        if median is None:
-            continue
+    for name, agg in family(runs, "BM_Refresh/"):
+        median = agg["median"]
         args = arguments(name)
         lines.append(f"| `{name}` | {sum(args) + 2} | {median['us_per_message']:.1f} "
                      f"| {median['floor_us_per_message']:.1f} |")
@@ -105,10 +108,8 @@ def threads_table(runs):
         "| p99 in service times | Target | Met |",
         "|---:|---:|---:|---:|---:|---:|---|---|",
     ]
-    for name in sorted((n for n in runs if n.startswith("BM_ClientThreads/")), key=arguments):
-        median = runs[name].get("median")
-        if median is None:
-            continue
+    for name, agg in family(runs, "BM_ClientThreads/"):
+        median = agg["median"]
         threads = arguments(name)[0]
         wanted, met = "-", "-"
         if threads == 8:

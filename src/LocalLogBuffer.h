@@ -83,8 +83,8 @@ class LogWrapper {
     ~LogWrapper();
 
     // Writers in use are counted per generation rather than shared: a log call costs two atomic
-    // counts instead of a lock and a reference. A replacement starts a new generation and waits
-    // for the calls of the old one, which new calls cannot keep busy.
+    // counts instead of a lock and a reference count. A replacement starts a new generation and
+    // waits for the calls of the old one, which new calls cannot keep busy.
     std::mutex replaceMutex;                   // serialises replacements
     std::unique_ptr<LogWriter> logWriter;      // the installed writer; guarded by replaceMutex
     std::atomic<LogWriter*> current{nullptr};  // what log calls read: logWriter.get()

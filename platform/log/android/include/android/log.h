@@ -21,7 +21,9 @@ typedef enum android_LogPriority {
     ANDROID_LOG_SILENT = 8,
 } android_LogPriority;
 
-/* Writes one line to the log. Returns the number of bytes written, or a negative errno. */
+/* Writes one line to the log. Returns the number of bytes written, or a negative errno. The host
+ * stand-in writes the formatted message when it prints to standard error or a LogCapture lives,
+ * and nothing (returning 0) otherwise. */
 int __android_log_print(int prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
 

@@ -172,11 +172,43 @@ void keepHandle(Session& session, const std::string& name, std::shared_ptr<kel::
     session.handles[name] = std::move(handle);
 }
 
+// A script line as kelctl shows it (--echo, --json): as written, unless it gives a password,
+// which is then masked like every other.
+std::string shownLine(const std::string& text) {
+    std::vector<std::string> words;
+    std::string ignored;
+    if (!splitLine(text, &words, &ignored)) {
+        return text;
+    }
+    static const std::string kOption = "--password";
+    bool masked = false;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        const std::string name = words[i].substr(0, words[i].find('='));
+        if (name.size() < 5 || kOption.compare(0, name.size(), name) != 0) {
+            continue;
+        }
+        if (name.size() < words[i].size()) {
+            words[i] = name + "=" + shownValue("password", words[i].substr(name.size() + 1));
+        } else if (i + 1 < words.size()) {
+            words[i + 1] = shownValue("password", words[i + 1]);
+        }
+        masked = true;
+    }
+    if (!masked) {
+        return text;
+    }
+    std::string line;
+    for (const auto& word : words) {
+        line += (line.empty() ? "" : " ") + word;
+    }
+    return line;
+}
+
 // Runs one checked line. With the run's --json, what it printed goes into the run's document
 // instead, one entry per line.
 int executeLine(Session& session, const ScriptLine& line, int number, const std::string& where) {
     const Channel& channel = session.channel;
-    Json entry = {{"line", number}, {"text", line.text}};
+    Json entry = {{"line", number}, {"text", shownLine(line.text)}};
     const auto report = [&session, &entry](int status) {
         if (session.json) {
             session.lines.push_back(std::move(entry));
@@ -474,7 +506,7 @@ struct ScriptRun {
 
     void echo(const std::string& text) const {
         if (echoLines && !globals.json) {
-            channel.print("> " + text + "\n");
+            channel.print("> " + shownLine(text) + "\n");
         }
     }
 
@@ -559,7 +591,7 @@ int runScriptFile(const std::vector<std::string>& words, GlobalOptions globals, 
             if (globals.json) {
                 run.offlineLines.push_back(
                     {{"line", line.number},
-                     {"text", line.text},
+                     {"text", shownLine(line.text)},
                      {"result", line.help.empty() ? result.json : Json(shown)}});
             } else {
                 channel.print(line.invocation.args.json && line.help.empty() ? jsonText(result.json)

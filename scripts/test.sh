@@ -15,3 +15,6 @@ for preset in "${presets[@]}"; do
   cmake --build --preset "${preset}" -j "${jobs}"
   ctest --preset "${preset}"
 done
+
+echo "=== README"
+scripts/readme-test.sh

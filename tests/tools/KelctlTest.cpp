@@ -410,20 +410,27 @@ enum class ModemKind { Embedded, Running };
 
 class KelctlCommandTest : public KelctlTest,
                           public ::testing::WithParamInterface<std::tuple<ModemKind, CommandCase>> {
+  protected:
+    // The case's command, after options, against the modem of the case's kind.
+    Outcome runCase(const std::vector<std::string>& options = {}) {
+        const auto& [kind, command] = GetParam();
+        std::unique_ptr<RunningModem> modem;
+        std::vector<std::string> args = options;
+        args.insert(args.end(), command.args.begin(), command.args.end());
+        if (kind == ModemKind::Running) {
+            modem = std::make_unique<RunningModem>(dir.path(), seed);
+            EXPECT_TRUE(modem->isServing());
+            args.insert(args.begin(), {"--modem", dir.path()});
+        } else {
+            args.insert(args.begin(), {"--seed", seed});
+        }
+        return kelctl(args);
+    }
 };
 
 TEST_P(KelctlCommandTest, RunsAndPrintsItsResult) {
-    const auto& [kind, command] = GetParam();
-    std::unique_ptr<RunningModem> modem;
-    std::vector<std::string> args = command.args;
-    if (kind == ModemKind::Running) {
-        modem = std::make_unique<RunningModem>(dir.path(), seed);
-        ASSERT_TRUE(modem->isServing());
-        args.insert(args.begin(), {"--modem", dir.path()});
-    } else {
-        args.insert(args.begin(), {"--seed", seed});
-    }
-    const Outcome outcome = kelctl(args);
+    const CommandCase& command = std::get<1>(GetParam());
+    const Outcome outcome = runCase();
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     EXPECT_THAT(outcome.out, HasSubstr(command.expected));
     if (!command.absent.empty()) {
@@ -434,18 +441,7 @@ TEST_P(KelctlCommandTest, RunsAndPrintsItsResult) {
 
 // The same command with --json: exactly one document on standard output, whatever it did.
 TEST_P(KelctlCommandTest, PrintsOneJsonDocument) {
-    const auto& [kind, command] = GetParam();
-    std::unique_ptr<RunningModem> modem;
-    std::vector<std::string> args = command.args;
-    args.insert(args.begin(), "-j");
-    if (kind == ModemKind::Running) {
-        modem = std::make_unique<RunningModem>(dir.path(), seed);
-        ASSERT_TRUE(modem->isServing());
-        args.insert(args.begin(), {"--modem", dir.path()});
-    } else {
-        args.insert(args.begin(), {"--seed", seed});
-    }
-    const Outcome outcome = kelctl(args);
+    const Outcome outcome = runCase({"-j"});
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     const nlohmann::json document = parsed(outcome.out);
     EXPECT_TRUE(document.is_object() || document.is_array()) << outcome.out;

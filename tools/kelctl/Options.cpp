@@ -107,7 +107,7 @@ bool setIp(const std::string& value, kel::ProfileParams& params, bool roaming, s
 const std::vector<OptionSpec>& optionTable() {
     static const std::vector<OptionSpec> table = {
         // Profile settings.
-        {"--apn", "NAME", kSettings, "APN name",
+        {"--apn", "NAME", kSettings, "APN name (at most 150 characters)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
              current(a).setApnName(v);
              return true;
@@ -140,12 +140,12 @@ const std::vector<OptionSpec>& optionTable() {
              current(a).setAuthType(*auth);
              return true;
          }},
-        {"--user", "NAME", kSettings, "user name",
+        {"--user", "NAME", kSettings, "user name (at most 127 characters)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
              current(a).setUserName(v);
              return true;
          }},
-        {"--password", "TEXT", kSettings, "password",
+        {"--password", "TEXT", kSettings, "password (at most 127 characters)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
              current(a).setPassword(v);
              return true;
@@ -242,8 +242,7 @@ const std::vector<OptionSpec>& optionTable() {
              }
              return true;
          }},
-        {"--truncate", nullptr, kAlways | kGlobal,
-         "cut values longer than their modem field instead of refusing them",
+        {"--truncate", nullptr, kAlways | kGlobal, "cut values too long for their modem field",
          [](const std::string&, Args& a, GlobalOptions* g, std::string*) {
              a.truncate = true;
              if (g != nullptr) {

@@ -312,6 +312,11 @@ void RunDeadline::disarm() {
     }
 }
 
+void RunDeadline::write(int target, const std::string& text) const {
+    std::lock_guard<std::mutex> guard(lock);
+    writeAll(target, text);
+}
+
 void RunDeadline::watch(std::chrono::steady_clock::time_point deadline) {
     std::unique_lock<std::mutex> guard(lock);
     if (changed.wait_until(guard, deadline, [this] { return !armed; })) {
@@ -388,22 +393,22 @@ void Channel::filterLog(UniqueFd input) const {
         std::size_t start = 0;
         for (std::size_t end = pending.find('\n'); end != std::string::npos;
              end = pending.find('\n', start)) {
-            writeAll(err.get(), maskedLibraryText(pending.substr(start, end - start)) + "\n");
+            deadline.write(err.get(), maskedLibraryText(pending.substr(start, end - start)) + "\n");
             start = end + 1;
         }
         pending.erase(0, start);
     }
     if (!pending.empty()) {
-        writeAll(err.get(), maskedLibraryText(pending));
+        deadline.write(err.get(), maskedLibraryText(pending));
     }
 }
 
 void Channel::print(const std::string& text) const {
-    writeAll(out ? out.get() : STDOUT_FILENO, text);
+    deadline.write(out ? out.get() : STDOUT_FILENO, text);
 }
 
 void Channel::error(const std::string& text) const {
-    writeAll(errorFd(), text);
+    deadline.write(errorFd(), text);
 }
 
 }  // namespace kelctl

@@ -77,11 +77,13 @@ class RunDeadline {
     // A directory to remove before exiting (the embedded modem's).
     void setCleanup(const std::string& directory);
     void disarm();
+    // Writes text to fd, unless the deadline has passed: its line is the last kelctl prints.
+    void write(int fd, const std::string& text) const;
 
   private:
     void watch(std::chrono::steady_clock::time_point deadline);
 
-    std::mutex lock;
+    mutable std::mutex lock;          // held from the deadline's line until the process ends
     std::condition_variable changed;  // disarm was called
     bool armed = false;
     int fd = -1;
@@ -111,6 +113,7 @@ class Channel {
     // The real standard error, for lines that must get out even as the process stops.
     int errorFd() const { return err ? err.get() : 2; }
 
+    // Every line kelctl prints goes through the deadline, so none follows its last line.
     RunDeadline deadline;
 
   private:

@@ -29,6 +29,7 @@ bool isHelpWord(const std::string& word) {
     return word == "--help" || word == "-h";
 }
 
+#ifndef KELCTL_NO_EMBEDDED_MODEM
 // A state file kelctl can keep: a regular file (not a link) or a new name in a directory kelctl
 // may write to, where the modem writes its file beside it first.
 bool checkStateFile(const std::string& path, std::string* error) {
@@ -49,6 +50,7 @@ bool checkStateFile(const std::string& path, std::string* error) {
     }
     return true;
 }
+#endif
 
 // The modem is found through --modem, else VEX_SERVICE_DIR, else it is the embedded one. The
 // embedded modem's files are checked here, so that a wrong one is an input error.
@@ -65,6 +67,10 @@ bool settleGlobals(GlobalOptions* globals, std::string* error) {
         }
         return true;
     }
+#ifdef KELCTL_NO_EMBEDDED_MODEM
+    // A device's kelctl has no embedded modem: the library finds the device's own.
+    return true;
+#else
     struct stat info {};
     if (globals->seedFile.empty() && defaultSeedFile().empty()) {
         *error = "no modem seed file is installed; give one with --seed FILE";
@@ -77,6 +83,7 @@ bool settleGlobals(GlobalOptions* globals, std::string* error) {
         return false;
     }
     return globals->stateFile.empty() || checkStateFile(globals->stateFile, error);
+#endif
 }
 
 std::string secondsText(int ms) {

@@ -5,8 +5,8 @@ set -euo pipefail
 # The device build (scripts/device-build.sh): mini-soong, which needs make and dpkg-dev; bpfmt
 # from blueprint-tools; AOSP's liblog from android-liblog-dev, also for the system-log preset.
 packages=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
-          libtinyxml2-dev mini-soong blueprint-tools android-liblog-dev make dpkg-dev
-          python3)
+          libtinyxml2-dev nlohmann-json3-dev scdoc mini-soong blueprint-tools
+          android-liblog-dev make dpkg-dev python3)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing+=("$p")

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "Carrier.h"
 #include "ModemLink.h"
 #include "Options.h"
@@ -39,6 +41,9 @@ class Session {
     const Channel& channel;
     kel::Util util;
     std::map<std::string, NamedHandle> handles;
+    // A script run with --json: each line's result goes into lines, printed as one document.
+    bool json = false;
+    Json lines = Json::array();
 };
 
 // One checked command line: the command, its options, and what was read ahead of time.
@@ -47,11 +52,13 @@ struct Invocation {
     const CommandSpec* definition = nullptr;
     Args args;
     std::shared_ptr<const CarrierPlan> carrier;  // carrier: the file, read and checked
+    std::vector<std::string> notes;              // what checking changed (values cut to fit)
 };
 
 // What a command produced.
 struct CommandResult {
     std::string output;  // for standard output
+    Json json;           // the same as one JSON document, printed instead with --json
     std::string error;   // set on failure
     // A profile the library made without persistence: it goes with the last handle to it.
     std::string transientProfile;
@@ -88,6 +95,15 @@ bool prepareInvocation(const CommandSpec& definition, const std::vector<std::str
                        GlobalOptions* globals, const std::set<std::string>* knownHandles,
                        Invocation* invocation, std::string* error);
 
+// Values longer than their modem field: refused with the field's limit, or with truncate cut to
+// it (each cut noted in *notes). False with a one-line reason.
+bool fitToModemFields(Args* args, bool truncate, std::vector<std::string>* notes,
+                      std::string* error);
+
+// "unknown command "lst" (did you mean "list"? HINT)": the suggestion is the command name
+// closest to the typed one, when one is close enough to have been meant.
+std::string unknownCommand(const std::string& typed, const std::string& hint);
+
 // Whether the invocation needs a modem (a carrier dry run does not).
 bool needsModem(const Invocation& invocation);
 
@@ -97,6 +113,8 @@ bool runOffline(const Invocation& invocation, CommandResult* result);
 // "Usage: kelctl add [options]" with the summary and the command's options.
 std::string commandHelp(const CommandSpec& definition);
 std::string generalHelp();
+// kelctl --version: the version of kelctl and of the library it was built with.
+std::string versionText(bool json);
 
 }  // namespace kelctl
 

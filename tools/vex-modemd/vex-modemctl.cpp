@@ -1,6 +1,7 @@
 // vex-modemctl: tells a running vex-modemd what to do, and prints what it answers.
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -12,19 +13,24 @@
 
 namespace {
 
-constexpr int kReplyTimeoutMs = 30000;
+// The whole exchange, connecting included; the daemon itself gives a command two seconds.
+constexpr auto kExchangeTimeout = std::chrono::milliseconds(10000);
+// A reply larger than this is not one the daemon sends.
+constexpr size_t kMaxReplyBytes = 16 * 1024 * 1024;
 
 const char* const kUsage =
     "usage: vex-modemctl [--dir DIR] COMMAND [ARGS...]\n"
-    "  --dir DIR   service directory of the daemon (default: $VEX_SERVICE_DIR, else "
-    "/tmp/vex-services)\n"
+    "  --dir DIR   service directory of the daemon (default: $VEX_SERVICE_DIR, else\n"
+    "              $XDG_RUNTIME_DIR/vex-services, else /tmp/vex-services-UID)\n"
     "Run 'vex-modemctl help' for the commands.\n";
 
-bool readReply(int fd, std::string* reply) {
+bool readReply(int fd, vexwire::Clock::time_point deadline, std::string* reply) {
     char chunk[4096];
-    for (;;) {
+    while (reply->size() <= kMaxReplyBytes) {
+        auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - vexwire::Clock::now());
         pollfd pfd{fd, POLLIN, 0};
-        if (::poll(&pfd, 1, kReplyTimeoutMs) <= 0) {
+        if (left.count() <= 0 || ::poll(&pfd, 1, static_cast<int>(left.count()) + 1) <= 0) {
             return false;
         }
         ssize_t n = ::recv(fd, chunk, sizeof chunk, MSG_DONTWAIT);
@@ -38,6 +44,7 @@ bool readReply(int fd, std::string* reply) {
             reply->append(chunk, static_cast<size_t>(n));
         }
     }
+    return false;
 }
 
 }  // namespace
@@ -54,7 +61,21 @@ int main(int argc, char** argv) {
         return first >= argc ? 2 : 0;
     }
     std::string path = dir + "/" + vexmodemd::kControlSocketName;
-    vexwire::UniqueFd fd = vexwire::connectUnix(path);
+    std::string reason;
+    struct stat info;
+    // A directory that is missing only means no daemon; one that is not this user's is refused.
+    if (::lstat(dir.c_str(), &info) == 0 && !vexwire::checkServiceDirectory(dir, &reason)) {
+        std::fprintf(stderr, "vex-modemctl: refusing service directory %s\n", reason.c_str());
+        return 1;
+    }
+    auto deadline = vexwire::Clock::now() + kExchangeTimeout;
+    vexwire::ConnectOutcome outcome;
+    vexwire::UniqueFd fd = vexwire::connectUnix(path, deadline, &outcome);
+    if (outcome.status == vexwire::ConnectStatus::UntrustedPeer) {
+        std::fprintf(stderr, "vex-modemctl: refusing the daemon: %s\n",
+                     vexwire::untrustedPeerText(path, outcome.peerUid).c_str());
+        return 1;
+    }
     if (!fd) {
         std::fprintf(stderr, "vex-modemctl: no vex-modemd answers at %s\n", path.c_str());
         return 1;
@@ -63,7 +84,6 @@ int main(int argc, char** argv) {
     for (int i = first; i < argc; ++i) {
         request.append(argv[i]).push_back('\0');
     }
-    auto deadline = vexwire::Clock::now() + std::chrono::milliseconds(kReplyTimeoutMs);
     if (vexwire::writeAll(fd.get(), reinterpret_cast<const uint8_t*>(request.data()),
                           request.size(), deadline) != request.size()) {
         std::fprintf(stderr, "vex-modemctl: cannot send the command to %s\n", path.c_str());
@@ -71,7 +91,7 @@ int main(int argc, char** argv) {
     }
     ::shutdown(fd.get(), SHUT_WR);
     std::string reply;
-    if (!readReply(fd.get(), &reply) || reply.empty()) {
+    if (!readReply(fd.get(), deadline, &reply) || reply.empty()) {
         std::fprintf(stderr, "vex-modemctl: no answer from %s\n", path.c_str());
         return 1;
     }

@@ -554,14 +554,7 @@ void SimModem::Impl::acceptAll() {
 }
 
 void SimModem::Impl::admit(UniqueFd fd) {
-    uid_t uid = 0;
-    pid_t pid = 0;
-    if (!vexwire::peerUid(fd.get(), &uid, &pid) || !vexwire::trustedUid(uid)) {
-        std::fprintf(stderr,
-                     "vexsim: refused a connection to %s from uid %u (pid %d): only uid %u and "
-                     "root are served\n",
-                     socketPath.c_str(), static_cast<unsigned>(uid), static_cast<int>(pid),
-                     static_cast<unsigned>(::geteuid()));
+    if (!vexwire::servesPeer(fd.get(), "vexsim: refused a connection to " + socketPath)) {
         return;
     }
     if (connections.size() >= kMaxConnections) {

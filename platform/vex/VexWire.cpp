@@ -317,6 +317,18 @@ bool trustedUid(uid_t uid) {
     return uid == ::geteuid() || uid == 0;
 }
 
+bool servesPeer(int fd, const std::string& refusal) {
+    uid_t uid = 0;
+    pid_t pid = 0;
+    if (peerUid(fd, &uid, &pid) && trustedUid(uid)) {
+        return true;
+    }
+    std::fprintf(stderr, "%s from uid %u (pid %d): only uid %u and root are served\n",
+                 refusal.c_str(), static_cast<unsigned>(uid), static_cast<int>(pid),
+                 static_cast<unsigned>(::geteuid()));
+    return false;
+}
+
 UniqueFd connectUnix(const std::string& path, Clock::time_point deadline, ConnectOutcome* outcome,
                      int wakeFd) {
     ConnectOutcome ignored;

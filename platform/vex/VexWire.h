@@ -137,6 +137,9 @@ void removeStaleSocket(const std::string& dir, const std::string& name);
 // ends: a modem serves only them, and a client talks only to a modem run by them.
 bool peerUid(int fd, uid_t* uid, pid_t* pid = nullptr);
 bool trustedUid(uid_t uid);
+// Whether a service may serve an accepted connection; when not, logs "REFUSAL from uid N (pid
+// P): only uid M and root are served" on standard error.
+bool servesPeer(int fd, const std::string& refusal);
 
 using Clock = std::chrono::steady_clock;
 

@@ -197,14 +197,7 @@ class ControlServer {
             if (!fd) {
                 return;
             }
-            uid_t uid = 0;
-            pid_t pid = 0;
-            if (!vexwire::peerUid(fd.get(), &uid, &pid) || !vexwire::trustedUid(uid)) {
-                std::fprintf(stderr,
-                             "vex-modemd: refused a control connection from uid %u (pid %d): "
-                             "only uid %u and root may control the modem\n",
-                             static_cast<unsigned>(uid), static_cast<int>(pid),
-                             static_cast<unsigned>(::geteuid()));
+            if (!vexwire::servesPeer(fd.get(), "vex-modemd: refused a control connection")) {
                 continue;
             }
             if (connections.size() >= static_cast<size_t>(kMaxControlConnections)) {

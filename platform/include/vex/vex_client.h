@@ -94,11 +94,14 @@ vex_client_error_type vex_client_register_notify_cb(vex_client_type user_handle,
                                                     vex_client_notify_cb notify_cb,
                                                     void* notify_cb_data);
 
-/* Finds an instance of the service that is up now; VEX_ERR_NO_SERVICE when there is none. */
+/* Finds an instance of the service that is up now; VEX_ERR_NO_SERVICE when there is none,
+ * VEX_ERR_TIMEOUT when it does not take a connection within a second (its accept queue is full). */
 vex_client_error_type vex_client_get_any_service(vex_idl_service_object_type service_obj,
                                                  vex_service_info* service_info);
 
-/* Connects a client to the service instance. Indications go to ind_cb with ind_cb_data. */
+/* Connects a client to the service instance. Indications go to ind_cb with ind_cb_data. Fails as
+ * vex_client_get_any_service does when the service is gone, refused or does not take the
+ * connection within a second. */
 vex_client_error_type vex_client_init(vex_service_info* service_info,
                                       vex_idl_service_object_type service_obj,
                                       vex_client_ind_cb ind_cb, void* ind_cb_data,

@@ -1,6 +1,11 @@
 // The simulated modem: one event-loop thread serves every connection with non-blocking sockets, so
 // a slow, silent or vanished client never holds up the others. All state sits under one mutex;
 // changes made through the public methods queue their indications and wake the loop to send them.
+//
+// Who may talk to it: the socket is 0600 in a directory of the modem's own user, and a connection
+// from any uid but the modem's own or root is closed at once. A connection must greet within
+// kGreetingTimeout, and ungreeted connections are closed first when the table is full, so idle
+// connections can never keep a client out.
 #include "vexsim/SimModem.h"
 
 #include <errno.h>
@@ -14,12 +19,11 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
-#include <fstream>
 #include <map>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
+#include "SafeFile.h"
 #include "VexWire.h"
 
 namespace vexsim {
@@ -36,6 +40,11 @@ using vexwire::UniqueFd;
 // A client that lets this much output pile up is not reading; it is dropped.
 constexpr size_t kMaxQueuedOutput = 8 * 1024 * 1024;
 constexpr size_t kMaxConnections = 256;
+// A connection that has not said hello by then is not a client; it is closed.
+constexpr auto kGreetingTimeout = std::chrono::milliseconds(1000);
+// Accepted per turn of the loop, so that a flood of connections cannot keep the loop from reading
+// the greetings of the connections before it.
+constexpr int kAcceptBurst = 32;
 constexpr uint8_t kAll = 0xFF;  // an event-list profile type or index that stands for all
 
 vex_idl_service_object_type wds() {
@@ -180,31 +189,6 @@ std::vector<uint8_t> resultResponse(size_t respLen, int error) {
     return out;
 }
 
-bool readFile(const std::string& path, std::string* text) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        return false;
-    }
-    std::stringstream buffer;
-    buffer << in.rdbuf();
-    *text = buffer.str();
-    return !in.bad();
-}
-
-bool makeDirectories(const std::string& dir, std::string* error) {
-    for (size_t pos = 1; pos <= dir.size(); ++pos) {
-        if (pos != dir.size() && dir[pos] != '/') {
-            continue;
-        }
-        std::string part = dir.substr(0, pos);
-        if (::mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) {
-            *error = "cannot create " + part + ": " + std::strerror(errno);
-            return false;
-        }
-    }
-    return true;
-}
-
 struct EventFilter {
     int32_t type;
     uint8_t index;
@@ -212,10 +196,14 @@ struct EventFilter {
 
 // One connection. Touched by the loop thread, and by other threads under the modem's mutex.
 struct Connection {
-    Connection(UniqueFd socket, int id) : fd(std::move(socket)) { info.id = id; }
+    Connection(UniqueFd socket, int id, Clock::time_point greetingDeadline)
+        : fd(std::move(socket)), greetBy(greetingDeadline) {
+        info.id = id;
+    }
 
     UniqueFd fd;
     ClientInfo info;
+    Clock::time_point greetBy;
     bool greeted = false;  // its Hello arrived; only then is it a client
     bool doomed = false;   // to be closed by the loop
     FrameReader reader;
@@ -248,6 +236,8 @@ struct SimModem::Impl {
     // Loop thread.
     void loop();
     void acceptAll();
+    void admit(UniqueFd fd);
+    void closeUngreeted();
     void serve(Connection& conn);
     void handleFrame(Connection& conn, Frame& frame);
     void handleRequest(Connection& conn, const Frame& frame);
@@ -286,7 +276,8 @@ struct SimModem::Impl {
     void broadcastRaw(int subscription, unsigned int msgId, const std::vector<uint8_t>& payload);
     bool load(std::string* error);
     bool place(std::vector<Profile>& parsed, std::string* error);
-    void saveState();
+    bool saveState(std::string* error);
+    void saveStateOrLog();
     void wake() const {
         if (wakeFd) {
             vexwire::signalWakeFd(wakeFd.get());
@@ -360,7 +351,7 @@ int SimModem::Impl::create(int subscription, int family, const wds_profile_setti
     notices.push_back(
         {subscription, profile.type, profile.index, WDS_PROFILE_MODIFY_EVT_V01, true, 0});
     if (persistent) {
-        saveState();
+        saveStateOrLog();
     }
     return VEX_ERR_NONE_V01;
 }
@@ -379,7 +370,7 @@ int SimModem::Impl::modify(int subscription, int family, int index,
     notices.push_back(
         {subscription, typeOf(family), it->first, WDS_PROFILE_MODIFY_EVT_V01, true, 0});
     if (it->second.persistent) {
-        saveState();
+        saveStateOrLog();
     }
     return VEX_ERR_NONE_V01;
 }
@@ -395,7 +386,7 @@ int SimModem::Impl::remove(int subscription, int family, int index) {
     notices.push_back({subscription, typeOf(family), static_cast<uint8_t>(index),
                        WDS_PROFILE_DELETE_EVT_V01, true, 0});
     if (persistent) {
-        saveState();
+        saveStateOrLog();
     }
     return VEX_ERR_NONE_V01;
 }
@@ -489,6 +480,9 @@ int SimModem::Impl::pollTimeoutMs() const {
         if (!entry.second->delayed.empty()) {
             soonest = std::min(soonest, entry.second->delayed.front().first);
         }
+        if (!entry.second->greeted) {
+            soonest = std::min(soonest, entry.second->greetBy);
+        }
     }
     if (soonest == Clock::time_point::max()) {
         return -1;
@@ -527,14 +521,16 @@ void SimModem::Impl::loop() {
                 return;
             }
             vexwire::drainWakeFd(wakeFd.get());
-            if (fds[1].revents != 0) {
-                acceptAll();
-            }
+            // Greetings already waiting are read before new connections can crowd them out.
             for (size_t i = 2; i < fds.size(); ++i) {
                 auto it = connections.find(ids[i]);
                 if (it != connections.end() && (fds[i].revents & (POLLIN | POLLHUP | POLLERR))) {
                     serve(*it->second);
                 }
+            }
+            closeUngreeted();
+            if (fds[1].revents != 0) {
+                acceptAll();
             }
             deliverNotices();
             releaseDueResponses();
@@ -548,16 +544,50 @@ void SimModem::Impl::loop() {
 }
 
 void SimModem::Impl::acceptAll() {
-    for (;;) {
+    for (int i = 0; i < kAcceptBurst; ++i) {
         UniqueFd fd(::accept4(listenFd.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (!fd) {
             return;
         }
-        if (connections.size() >= kMaxConnections) {
-            continue;  // closed at once: the modem is full
+        admit(std::move(fd));
+    }
+}
+
+void SimModem::Impl::admit(UniqueFd fd) {
+    if (!vexwire::servesPeer(fd.get(), "vexsim: refused a connection to " + socketPath)) {
+        return;
+    }
+    if (connections.size() >= kMaxConnections) {
+        // Room is made by closing the connection that has waited longest without a greeting; when
+        // every connection is a client, the newcomer is the one turned away.
+        auto victim = connections.end();
+        for (auto it = connections.begin(); it != connections.end(); ++it) {
+            const Connection& conn = *it->second;
+            if (conn.doomed) {
+                victim = it;
+                break;
+            }
+            if (!conn.greeted &&
+                (victim == connections.end() || conn.greetBy < victim->second->greetBy)) {
+                victim = it;
+            }
         }
-        int id = nextClientId++;
-        connections[id] = std::make_unique<Connection>(std::move(fd), id);
+        if (victim == connections.end()) {
+            return;
+        }
+        connections.erase(victim);
+    }
+    int id = nextClientId++;
+    connections[id] =
+        std::make_unique<Connection>(std::move(fd), id, Clock::now() + kGreetingTimeout);
+}
+
+void SimModem::Impl::closeUngreeted() {
+    auto now = Clock::now();
+    for (auto& entry : connections) {
+        if (!entry.second->greeted && entry.second->greetBy <= now) {
+            entry.second->doomed = true;
+        }
     }
 }
 
@@ -822,17 +852,21 @@ bool SimModem::Impl::load(std::string* error) {
     tables.assign(static_cast<size_t>(std::max(config.subscriptions, 1)), {});
     std::string text;
     std::string source;
-    bool fromState = !config.stateFile.empty() && ::access(config.stateFile.c_str(), F_OK) == 0;
+    struct stat info;
+    // Anything at the state path, a symbolic link included, is the state: it is read (and
+    // refused when it is not a regular file), never silently replaced by the seed.
+    bool fromState = !config.stateFile.empty() && ::lstat(config.stateFile.c_str(), &info) == 0;
+    std::string why;
     if (fromState) {
         source = "state file " + config.stateFile;
-        if (!readFile(config.stateFile, &text)) {
-            *error = "cannot read " + source;
+        if (!readRegularFile(config.stateFile, false, kMaxProfileFileBytes, &text, &why)) {
+            *error = "cannot read the state file " + why;
             return false;
         }
     } else if (!config.seedFile.empty()) {
         source = "seed file " + config.seedFile;
-        if (!readFile(config.seedFile, &text)) {
-            *error = "cannot read " + source;
+        if (!readRegularFile(config.seedFile, true, kMaxProfileFileBytes, &text, &why)) {
+            *error = "cannot read the seed file " + why;
             return false;
         }
     } else {
@@ -840,23 +874,24 @@ bool SimModem::Impl::load(std::string* error) {
         text = config.seedText;
     }
     std::vector<Profile> parsed;
-    std::string why;
     if (!parseProfiles(text, &parsed, &why) || !place(parsed, &why)) {
         *error = source + ": " + why;
         tables.clear();
         return false;
     }
-    if (!fromState) {
-        // From now on the state file is the modem's memory: the seed's non-persistent profiles
-        // do not come back with the next process.
-        saveState();
+    // From now on the state file is the modem's memory: the seed's non-persistent profiles do not
+    // come back with the next process. A modem that cannot keep it does not come up.
+    if (!fromState && !saveState(&why)) {
+        *error = "cannot write the state file " + why;
+        tables.clear();
+        return false;
     }
     return true;
 }
 
-void SimModem::Impl::saveState() {
+bool SimModem::Impl::saveState(std::string* error) {
     if (config.stateFile.empty()) {
-        return;
+        return true;
     }
     std::string text = "# Persistent profiles of the simulated modem, rewritten on every change.\n";
     for (const auto& subscription : tables) {
@@ -868,19 +903,14 @@ void SimModem::Impl::saveState() {
             }
         }
     }
-    std::string temp = config.stateFile + ".tmp";
-    {
-        std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-        out << text;
-        out.flush();
-        if (!out) {
-            std::fprintf(stderr, "vexsim: cannot write %s\n", temp.c_str());
-            return;
-        }
-    }
-    if (std::rename(temp.c_str(), config.stateFile.c_str()) != 0) {
-        std::fprintf(stderr, "vexsim: cannot replace %s: %s\n", config.stateFile.c_str(),
-                     std::strerror(errno));
+    return replaceFile(config.stateFile, text, error);
+}
+
+void SimModem::Impl::saveStateOrLog() {
+    // The change stands in memory either way; the next successful save writes it.
+    std::string why;
+    if (!saveState(&why)) {
+        std::fprintf(stderr, "vexsim: cannot save the state file %s\n", why.c_str());
     }
 }
 
@@ -905,21 +935,26 @@ bool SimModem::start(std::string* error) {
             why = "subscriptions and capacities must be at least 1 (capacities at most 255)";
             return false;
         }
+        impl->dir =
+            impl->config.serviceDir.empty() ? vexwire::serviceDirectory() : impl->config.serviceDir;
+        // First, so that a state file kept in the service directory can be written on the load.
+        if (!vexwire::prepareServiceDirectory(impl->dir, &why)) {
+            why = "refusing service directory " + why;
+            return false;
+        }
         if (!impl->loaded && !impl->load(&why)) {
             return false;
         }
         impl->loaded = true;
-        impl->dir =
-            impl->config.serviceDir.empty() ? vexwire::serviceDirectory() : impl->config.serviceDir;
-        if (!makeDirectories(impl->dir, &why)) {
-            return false;
-        }
         impl->socketPath = vexwire::servicePath(impl->dir, wds());
-        if (vexwire::connectUnix(impl->socketPath)) {
+        vexwire::ConnectOutcome other;
+        vexwire::connectUnix(impl->socketPath, Clock::now() + std::chrono::milliseconds(500),
+                             &other);
+        if (other.status != vexwire::ConnectStatus::NoService) {
             why = "a service is already up at " + impl->socketPath;
             return false;
         }
-        ::unlink(impl->socketPath.c_str());  // left behind by a modem that died
+        vexwire::removeStaleSocket(impl->dir, wds()->name);
         impl->listenFd = vexwire::listenUnix(impl->socketPath, &why);
         impl->wakeFd = vexwire::makeWakeFd();
         if (!impl->listenFd || !impl->wakeFd) {
@@ -959,7 +994,7 @@ void SimModem::stop() {
         impl->connections.clear();
         impl->notices.clear();
         impl->listenFd.reset();
-        ::unlink(impl->socketPath.c_str());
+        vexwire::removeStaleSocket(impl->dir, wds()->name);
         impl->wakeFd.reset();
         impl->up = false;
         for (auto& subscription : impl->tables) {

@@ -7,6 +7,7 @@
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <condition_variable>
@@ -33,9 +34,53 @@ using vexwire::FrameStatus;
 using vexwire::Role;
 using vexwire::UniqueFd;
 
-constexpr auto kHelloTimeout = std::chrono::milliseconds(1000);
+// Connecting, greeting included: a service that does not take the connection by then is not
+// up, so a caller (the library's worker among them) is never held longer.
+constexpr auto kConnectTimeout = std::chrono::milliseconds(1000);
 constexpr auto kFirstRetry = std::chrono::milliseconds(10);
 constexpr auto kLongestRetry = std::chrono::milliseconds(200);
+
+// Connects to the service socket at path after checking its directory, and checks whom the
+// service runs as. A refusal is logged once; a missing directory is only a service not yet up.
+vex_client_error_type connectService(const std::string& path, Clock::time_point deadline,
+                                     int wakeFd, UniqueFd* out) {
+    size_t slash = path.rfind('/');
+    std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    struct stat info;
+    if (::lstat(dir.c_str(), &info) != 0) {
+        return VEX_ERR_NO_SERVICE;
+    }
+    std::string reason;
+    if (!vexwire::checkServiceDirectory(dir, &reason)) {
+        vexwire::logOnce("vex: refusing service directory " + reason);
+        return VEX_ERR_UNSAFE_DIR;
+    }
+    vexwire::ConnectOutcome outcome;
+    *out = vexwire::connectUnix(path, deadline, &outcome, wakeFd);
+    switch (outcome.status) {
+        case vexwire::ConnectStatus::Connected:
+            return VEX_NO_ERR;
+        case vexwire::ConnectStatus::UntrustedPeer:
+            vexwire::logOnce("vex: refusing the service: " +
+                             vexwire::untrustedPeerText(path, outcome.peerUid));
+            return VEX_ERR_PEER_REFUSED;
+        case vexwire::ConnectStatus::Timeout:
+            return VEX_ERR_TIMEOUT;
+        case vexwire::ConnectStatus::NoService:
+        case vexwire::ConnectStatus::Interrupted:
+            return VEX_ERR_NO_SERVICE;
+    }
+    return VEX_ERR_NO_SERVICE;
+}
+
+bool sendHello(int fd, Role role, uint32_t serviceId, Clock::time_point deadline) {
+    FrameHeader header;
+    header.kind = FrameKind::Hello;
+    header.msgId = serviceId;
+    uint8_t roleByte = static_cast<uint8_t>(role);
+    auto bytes = vexwire::encodeFrame(header, &roleByte, 1);
+    return vexwire::writeAll(fd, bytes.data(), bytes.size(), deadline) == bytes.size();
+}
 
 // What a client and a notifier share: the handle's value, its thread and the wake-up eventfd.
 // Threads: any caller thread and the handle's own thread; guarded by mu where noted.
@@ -366,19 +411,11 @@ class NotifierHandle : public HandleBase {
     bool pendingNotify = false;  // the service came up and the callback has not been told
 };
 
-bool sendHello(int fd, Role role, uint32_t serviceId) {
-    FrameHeader header;
-    header.kind = FrameKind::Hello;
-    header.msgId = serviceId;
-    uint8_t roleByte = static_cast<uint8_t>(role);
-    auto bytes = vexwire::encodeFrame(header, &roleByte, 1);
-    return vexwire::writeAll(fd, bytes.data(), bytes.size(), Clock::now() + kHelloTimeout) ==
-           bytes.size();
-}
-
 bool NotifierHandle::connectAndGreet() {
-    sock = vexwire::connectUnix(path);
-    if (!sock || !sendHello(sock.get(), Role::Notifier, service->serviceId)) {
+    // The wake fd ends a wait for a full accept queue, so a release is not held up by it.
+    auto deadline = Clock::now() + kConnectTimeout;
+    if (connectService(path, deadline, wake.get(), &sock) != VEX_NO_ERR ||
+        !sendHello(sock.get(), Role::Notifier, service->serviceId, deadline)) {
         sock.reset();
         return false;
     }
@@ -559,8 +596,10 @@ vex_client_error_type vex_client_get_any_service(vex_idl_service_object_type ser
         return VEX_ERR_NO_SERVICE;
     }
     // Only a service that accepts a connection is up; a socket file left behind is not.
-    if (!vexwire::connectUnix(path)) {
-        return VEX_ERR_NO_SERVICE;
+    UniqueFd probe;
+    vex_client_error_type rc = connectService(path, Clock::now() + kConnectTimeout, -1, &probe);
+    if (rc != VEX_NO_ERR) {
+        return rc;
     }
     std::memset(service_info, 0, sizeof *service_info);
     service_info->service_id = service_obj->serviceId;
@@ -583,8 +622,13 @@ vex_client_error_type vex_client_init(vex_service_info* service_info,
     } else {
         path = vexwire::servicePath(vexwire::serviceDirectory(), service_obj);
     }
-    UniqueFd sock = vexwire::connectUnix(path);
-    if (!sock || !sendHello(sock.get(), Role::Client, service_obj->serviceId)) {
+    auto deadline = Clock::now() + kConnectTimeout;
+    UniqueFd sock;
+    vex_client_error_type rc = connectService(path, deadline, -1, &sock);
+    if (rc != VEX_NO_ERR) {
+        return rc;
+    }
+    if (!sendHello(sock.get(), Role::Client, service_obj->serviceId, deadline)) {
         return VEX_ERR_NO_SERVICE;
     }
     auto handle = std::make_shared<ClientHandle>(service_obj, std::move(sock), ind_cb, ind_cb_data);

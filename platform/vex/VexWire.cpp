@@ -5,12 +5,16 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <mutex>
 
 extern const vex_service_object wdsServiceObjectV01;
 
@@ -210,34 +214,176 @@ std::vector<uint8_t> encodeProfileChanged(uint8_t profileType, uint8_t profileIn
 
 std::string serviceDirectory() {
     const char* dir = std::getenv("VEX_SERVICE_DIR");
-    return dir != nullptr && dir[0] != '\0' ? std::string(dir) : std::string(kDefaultServiceDir);
+    if (dir != nullptr && dir[0] != '\0') {
+        return dir;
+    }
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    if (runtime != nullptr && runtime[0] != '\0') {
+        return std::string(runtime) + "/vex-services";
+    }
+    return "/tmp/vex-services-" + std::to_string(::geteuid());
 }
 
 std::string servicePath(const std::string& dir, vex_idl_service_object_type service) {
     return dir + "/" + (service != nullptr ? service->name : "");
 }
 
-UniqueFd connectUnix(const std::string& path) {
+namespace {
+
+// The checks of checkServiceDirectory on an lstat result.
+bool trustedDirectory(const std::string& dir, const struct stat& info, std::string* reason) {
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info.st_mode & 07777));
+    if (S_ISLNK(info.st_mode)) {
+        *reason = dir + ": a symbolic link, not a directory";
+    } else if (!S_ISDIR(info.st_mode)) {
+        *reason = dir + ": not a directory";
+    } else if (info.st_uid != ::geteuid()) {
+        *reason = dir + ": owned by uid " + std::to_string(info.st_uid) +
+                  ", not by this user (uid " + std::to_string(::geteuid()) + ")";
+    } else if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        *reason = dir + ": writable by group or others (mode " + mode + ")";
+    } else {
+        return true;
+    }
+    return false;
+}
+
+bool makeParents(const std::string& dir, std::string* reason) {
+    for (size_t pos = dir.find('/', 1); pos != std::string::npos; pos = dir.find('/', pos + 1)) {
+        std::string part = dir.substr(0, pos);
+        if (::mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
+            *reason = part + ": cannot create it: " + std::strerror(errno);
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+bool checkServiceDirectory(const std::string& dir, std::string* reason) {
+    struct stat info;
+    if (dir.empty() || ::lstat(dir.c_str(), &info) != 0) {
+        *reason = dir + ": " + (dir.empty() ? "empty path" : std::strerror(errno));
+        return false;
+    }
+    return trustedDirectory(dir, info, reason);
+}
+
+bool prepareServiceDirectory(const std::string& dir, std::string* reason) {
+    struct stat info;
+    if (!dir.empty() && ::lstat(dir.c_str(), &info) != 0 && errno == ENOENT) {
+        if (!makeParents(dir, reason)) {
+            return false;
+        }
+        if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+            *reason = dir + ": cannot create it: " + std::strerror(errno);
+            return false;
+        }
+        // The umask may have taken bits away; the owner needs them all, nobody else any.
+        UniqueFd created(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        struct stat made;
+        if (created && ::fstat(created.get(), &made) == 0 && made.st_uid == ::geteuid()) {
+            ::fchmod(created.get(), 0700);
+        }
+    }
+    return checkServiceDirectory(dir, reason);
+}
+
+void removeStaleSocket(const std::string& dir, const std::string& name) {
+    UniqueFd dirFd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat info;
+    if (dirFd && ::fstatat(dirFd.get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISSOCK(info.st_mode)) {
+        ::unlinkat(dirFd.get(), name.c_str(), 0);
+    }
+}
+
+bool peerUid(int fd, uid_t* uid, pid_t* pid) {
+    ucred cred{};
+    socklen_t len = sizeof cred;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || len != sizeof cred) {
+        return false;
+    }
+    *uid = cred.uid;
+    if (pid != nullptr) {
+        *pid = cred.pid;
+    }
+    return true;
+}
+
+bool trustedUid(uid_t uid) {
+    return uid == ::geteuid() || uid == 0;
+}
+
+bool servesPeer(int fd, const std::string& refusal) {
+    uid_t uid = 0;
+    pid_t pid = 0;
+    if (peerUid(fd, &uid, &pid) && trustedUid(uid)) {
+        return true;
+    }
+    std::fprintf(stderr, "%s from uid %u (pid %d): only uid %u and root are served\n",
+                 refusal.c_str(), static_cast<unsigned>(uid), static_cast<int>(pid),
+                 static_cast<unsigned>(::geteuid()));
+    return false;
+}
+
+UniqueFd connectUnix(const std::string& path, Clock::time_point deadline, ConnectOutcome* outcome,
+                     int wakeFd) {
+    ConnectOutcome ignored;
+    ConnectOutcome& result = outcome != nullptr ? *outcome : ignored;
+    result = ConnectOutcome{};
     sockaddr_un addr;
     if (!fillAddress(path, &addr)) {
         return UniqueFd();
     }
-    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd) {
         return UniqueFd();
     }
-    int rc;
-    do {
-        rc = ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
-    } while (rc != 0 && errno == EINTR);
-    if (rc != 0) {
+    // A UNIX-domain connect never completes later: it succeeds at once, or fails with EAGAIN
+    // while the listener's accept queue is full, which is retried until the deadline.
+    auto pause = std::chrono::milliseconds(1);
+    for (;;) {
+        if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) {
+            break;
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        if (errno != EAGAIN) {
+            return UniqueFd();
+        }
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) {
+            result.status = ConnectStatus::Timeout;
+            return UniqueFd();
+        }
+        pollfd wake{wakeFd, POLLIN, 0};
+        int waitMs = static_cast<int>(std::min<long long>(pause.count(), left.count()));
+        if (::poll(&wake, wakeFd >= 0 ? 1 : 0, waitMs) > 0) {
+            result.status = ConnectStatus::Interrupted;
+            return UniqueFd();
+        }
+        pause = std::min(pause * 2, std::chrono::milliseconds(50));
+    }
+    uid_t uid = 0;
+    if (!peerUid(fd.get(), &uid)) {
         return UniqueFd();
     }
-    int flags = ::fcntl(fd.get(), F_GETFL);
-    if (flags < 0 || ::fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK) != 0) {
+    if (!trustedUid(uid)) {
+        result.status = ConnectStatus::UntrustedPeer;
+        result.peerUid = uid;
         return UniqueFd();
     }
+    result.status = ConnectStatus::Connected;
     return fd;
+}
+
+std::string untrustedPeerText(const std::string& path, uid_t peer) {
+    return path + " is served by uid " + std::to_string(peer) + ", neither this user (uid " +
+           std::to_string(::geteuid()) + ") nor root";
 }
 
 UniqueFd listenUnix(const std::string& path, std::string* error) {
@@ -251,16 +397,34 @@ UniqueFd listenUnix(const std::string& path, std::string* error) {
         *error = std::string("socket: ") + std::strerror(errno);
         return UniqueFd();
     }
+    // On Linux the socket file takes the socket's own mode, less the umask: set before bind, no
+    // umask can widen it, and the chmod after bind makes it exact.
+    if (::fchmod(fd.get(), 0600) != 0) {
+        *error = std::string("fchmod socket: ") + std::strerror(errno);
+        return UniqueFd();
+    }
     if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
         *error = "bind " + path + ": " + std::strerror(errno);
         return UniqueFd();
     }
-    if (::listen(fd.get(), 64) != 0) {
+    if (::chmod(path.c_str(), 0600) != 0 || ::listen(fd.get(), 64) != 0) {
         *error = "listen " + path + ": " + std::strerror(errno);
         ::unlink(path.c_str());
         return UniqueFd();
     }
     return fd;
+}
+
+void logOnce(const std::string& line) {
+    // A hash, not the text: nothing to destroy at exit while a library thread may still log.
+    static std::mutex mu;  // guards last
+    static size_t last = 0;
+    size_t hash = std::hash<std::string>()(line);
+    std::lock_guard<std::mutex> lock(mu);
+    if (hash != last) {
+        last = hash;
+        std::fprintf(stderr, "%s\n", line.c_str());
+    }
 }
 
 size_t writeAll(int fd, const uint8_t* data, size_t len, Clock::time_point deadline) {

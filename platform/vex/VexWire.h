@@ -16,6 +16,8 @@
 #ifndef VEX_VEX_WIRE_H
 #define VEX_VEX_WIRE_H
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -66,7 +68,6 @@ namespace vexwire {
 constexpr uint16_t kMagic = 0x5658;
 constexpr size_t kHeaderLen = 16;
 constexpr uint32_t kMaxPayload = 64 * 1024;
-constexpr const char* kDefaultServiceDir = "/tmp/vex-services";
 
 enum class FrameKind : uint8_t { Hello = 1, Request = 2, Response = 3, Indication = 4 };
 enum class FrameStatus : uint8_t { Ok = 0, Rejected = 1 };
@@ -117,16 +118,57 @@ void appendTlv(std::vector<uint8_t>* out, uint8_t type, const void* value, uint1
 std::vector<uint8_t> encodeProfileChanged(uint8_t profileType, uint8_t profileIndex,
                                           uint32_t event);
 
-// $VEX_SERVICE_DIR when set and not empty, else kDefaultServiceDir.
+// $VEX_SERVICE_DIR when set and not empty, else $XDG_RUNTIME_DIR/vex-services when that is set,
+// else /tmp/vex-services-UID for the effective uid.
 std::string serviceDirectory();
 std::string servicePath(const std::string& dir, vex_idl_service_object_type service);
 
-// A connected, non-blocking, close-on-exec stream socket; empty when nobody listens at path.
-UniqueFd connectUnix(const std::string& path);
-// A listening, non-blocking socket at path; empty with a reason in *error.
-UniqueFd listenUnix(const std::string& path, std::string* error);
+// A service directory is trusted only when it is a real directory (not a symbolic link), owned by
+// the effective uid and not writable by group or others: anyone else who could create or replace
+// entries in it could put an impostor's socket there. False with "DIR: reason" in *reason.
+bool checkServiceDirectory(const std::string& dir, std::string* reason);
+// Creates dir (and missing parents) with mode 0700 when it is missing, then checks it.
+bool prepareServiceDirectory(const std::string& dir, std::string* reason);
+// Removes name in dir only when it is a socket, the leftover of a service that died; never
+// follows a symbolic link, at the directory or at name.
+void removeStaleSocket(const std::string& dir, const std::string& name);
+
+// Whom a connected UNIX socket's peer runs as. Only its own uid and root are trusted, at both
+// ends: a modem serves only them, and a client talks only to a modem run by them.
+bool peerUid(int fd, uid_t* uid, pid_t* pid = nullptr);
+bool trustedUid(uid_t uid);
+// Whether a service may serve an accepted connection; when not, logs "REFUSAL from uid N (pid
+// P): only uid M and root are served" on standard error.
+bool servesPeer(int fd, const std::string& refusal);
 
 using Clock = std::chrono::steady_clock;
+
+enum class ConnectStatus {
+    Connected,
+    NoService,     // nobody listens at the path (or it is too long)
+    Timeout,       // the service's accept queue stayed full until the deadline
+    Interrupted,   // the wake fd became readable
+    UntrustedPeer  // the listener runs as another user; the connection is closed
+};
+struct ConnectOutcome {
+    ConnectStatus status = ConnectStatus::NoService;
+    uid_t peerUid = 0;  // for UntrustedPeer
+};
+// A connected, non-blocking, close-on-exec stream socket to a trusted peer, or empty with the
+// reason in *outcome. Never waits past the deadline: a service whose accept queue is full is
+// retried with a short back-off until then. A readable wakeFd (when given) ends the wait early.
+UniqueFd connectUnix(const std::string& path, Clock::time_point deadline,
+                     ConnectOutcome* outcome = nullptr, int wakeFd = -1);
+// "PATH is served by uid N, neither this user (uid M) nor root".
+std::string untrustedPeerText(const std::string& path, uid_t peer);
+// A listening, non-blocking socket at path with mode 0600 whatever the umask; empty with a
+// reason in *error.
+UniqueFd listenUnix(const std::string& path, std::string* error);
+
+// One line on standard error, unless it is the line printed last: a client that retries every
+// few milliseconds reports a refusal once, not on every attempt.
+void logOnce(const std::string& line);
+
 // Writes everything to a non-blocking socket, waiting for room until the deadline. Returns the
 // number of bytes written (less than len on timeout or a broken connection).
 size_t writeAll(int fd, const uint8_t* data, size_t len, Clock::time_point deadline);

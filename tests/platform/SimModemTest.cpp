@@ -598,53 +598,6 @@ TEST_F(SimModemTest, FailNextFailsOnlyTheChosenRequestsThenRecovers) {
     EXPECT_FALSE(harness.waitForClients(1).at(0).bound);
 }
 
-// Raw bytes on the service socket, as a broken or hostile peer would send them.
-class RawPeer {
-  public:
-    RawPeer(const std::string& dir) : fd(vexwire::connectUnix(vexwire::servicePath(dir, wds()))) {}
-    bool ok() const { return static_cast<bool>(fd); }
-    void send(const std::vector<uint8_t>& bytes) {
-        vexwire::writeAll(fd.get(), bytes.data(), bytes.size(),
-                          vexwire::Clock::now() + std::chrono::seconds(5));
-    }
-    void hello() {
-        vexwire::FrameHeader header;
-        header.kind = vexwire::FrameKind::Hello;
-        header.msgId = WDS_SERVICE_ID_V01;
-        uint8_t role = 0;
-        send(vexwire::encodeFrame(header, &role, 1));
-    }
-    void request(unsigned int msgId, const std::vector<uint8_t>& payload) {
-        vexwire::FrameHeader header;
-        header.msgId = msgId;
-        header.txnId = 9;
-        send(vexwire::encodeFrame(header, payload.data(), payload.size()));
-    }
-    // The next frame, or nothing when the modem closes the connection.
-    std::optional<vexwire::Frame> next() {
-        auto deadline = vexwire::Clock::now() + kWait;
-        vexwire::Frame frame;
-        while (vexwire::Clock::now() < deadline) {
-            if (reader.next(&frame) == vexwire::FrameReader::Result::Frame) {
-                return frame;
-            }
-            pollfd pfd{fd.get(), POLLIN, 0};
-            ::poll(&pfd, 1, 1000);
-            if (pfd.revents != 0 && !reader.fill(fd.get())) {
-                return reader.next(&frame) == vexwire::FrameReader::Result::Frame
-                           ? std::optional<vexwire::Frame>(frame)
-                           : std::nullopt;
-            }
-        }
-        ADD_FAILURE() << "the modem neither answered nor closed";
-        return std::nullopt;
-    }
-
-  private:
-    vexwire::UniqueFd fd;
-    vexwire::FrameReader reader;
-};
-
 TEST_F(SimModemTest, WrongSizeOrUnknownRequestIsRejectedAndTheConnectionStays) {
     RawPeer peer(harness.dir.path());
     ASSERT_TRUE(peer.ok());

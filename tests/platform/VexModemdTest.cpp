@@ -2,7 +2,6 @@
 // seed, driven from the control command while a vex client talks to it.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,18 +14,12 @@
 #include <string>
 #include <thread>
 
+#include "platform/VexProcess.h"
 #include "platform/VexTestClient.h"
-
-extern char** environ;
 
 namespace {
 
 using namespace vextest;
-
-struct Result {
-    int status;
-    std::string output;  // stdout and stderr together
-};
 
 // Runs vex-modemctl and returns its exit status and output.
 Result modemctl(const std::string& dir, const std::string& args) {
@@ -45,57 +38,6 @@ Result modemctl(const std::string& dir, const std::string& args) {
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
 }
-
-// vex-modemd in the foreground of a child process; its stdout comes back through a pipe.
-class Daemon {
-  public:
-    bool start(const std::vector<std::string>& args) {
-        int fds[2];
-        if (::pipe(fds) != 0) {
-            return false;
-        }
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addclose(&actions, fds[0]);
-        std::vector<std::string> argv = {VEX_MODEMD_PATH};
-        argv.insert(argv.end(), args.begin(), args.end());
-        std::vector<char*> cargs;
-        for (auto& arg : argv) {
-            cargs.push_back(arg.data());
-        }
-        cargs.push_back(nullptr);
-        int rc = ::posix_spawn(&pid, VEX_MODEMD_PATH, &actions, nullptr, cargs.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(fds[1]);
-        output = ::fdopen(fds[0], "r");
-        return rc == 0 && output != nullptr;
-    }
-    // The daemon's next line of output; empty at its end.
-    std::string readLine() {
-        char line[1024];
-        return output != nullptr && std::fgets(line, sizeof line, output) != nullptr ? line : "";
-    }
-    int stop(int signal) {
-        ::kill(pid, signal);
-        int status = 0;
-        ::waitpid(pid, &status, 0);
-        pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    ~Daemon() {
-        if (pid > 0) {
-            stop(SIGKILL);
-        }
-        if (output != nullptr) {
-            std::fclose(output);
-        }
-    }
-
-  private:
-    pid_t pid = -1;
-    FILE* output = nullptr;
-};
 
 class VexModemdTest : public ::testing::Test {
   protected:

@@ -3,16 +3,21 @@
 #ifndef KELR_TESTS_PLATFORM_VEX_TEST_CLIENT_H
 #define KELR_TESTS_PLATFORM_VEX_TEST_CLIENT_H
 
+#include <gtest/gtest.h>
+#include <poll.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "VexWire.h"
 #include "support/TestSupport.h"
 #include "vex/vex_client.h"
 #include "vex/wireless_data_service_v01.h"
@@ -213,6 +218,55 @@ class RecordingClient {
     int errors = 0;
     vex_client_error_type lastErr = VEX_NO_ERR;
     std::thread::id errThread;
+};
+
+// Raw bytes on the service socket, as a broken or hostile peer would send them.
+class RawPeer {
+  public:
+    explicit RawPeer(const std::string& dir)
+        : fd(vexwire::connectUnix(vexwire::servicePath(dir, wds()),
+                                  vexwire::Clock::now() + kWait)) {}
+    bool ok() const { return static_cast<bool>(fd); }
+    void send(const std::vector<uint8_t>& bytes) {
+        vexwire::writeAll(fd.get(), bytes.data(), bytes.size(),
+                          vexwire::Clock::now() + std::chrono::seconds(5));
+    }
+    void hello() {
+        vexwire::FrameHeader header;
+        header.kind = vexwire::FrameKind::Hello;
+        header.msgId = WDS_SERVICE_ID_V01;
+        uint8_t role = 0;
+        send(vexwire::encodeFrame(header, &role, 1));
+    }
+    void request(unsigned int msgId, const std::vector<uint8_t>& payload) {
+        vexwire::FrameHeader header;
+        header.msgId = msgId;
+        header.txnId = 9;
+        send(vexwire::encodeFrame(header, payload.data(), payload.size()));
+    }
+    // The next frame, or nothing when the modem closes the connection.
+    std::optional<vexwire::Frame> next() {
+        auto deadline = vexwire::Clock::now() + kWait;
+        vexwire::Frame frame;
+        while (vexwire::Clock::now() < deadline) {
+            if (reader.next(&frame) == vexwire::FrameReader::Result::Frame) {
+                return frame;
+            }
+            pollfd pfd{fd.get(), POLLIN, 0};
+            ::poll(&pfd, 1, 1000);
+            if (pfd.revents != 0 && !reader.fill(fd.get())) {
+                return reader.next(&frame) == vexwire::FrameReader::Result::Frame
+                           ? std::optional<vexwire::Frame>(frame)
+                           : std::nullopt;
+            }
+        }
+        ADD_FAILURE() << "the modem neither answered nor closed";
+        return std::nullopt;
+    }
+
+  private:
+    vexwire::UniqueFd fd;
+    vexwire::FrameReader reader;
 };
 
 // Counts a notifier's service-up reports. Threads: the test's and the library's; guarded by mu.

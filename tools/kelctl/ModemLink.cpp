@@ -10,7 +10,9 @@
 #include <thread>
 #include <vector>
 
+#include "VexWire.h"
 #include "kel/ProfileParams.h"
+#include "vex/vex_client.h"
 
 namespace kelctl {
 namespace {
@@ -102,7 +104,20 @@ bool ModemLink::open(const GlobalOptions& options, std::string* error) {
             *error = "--modem " + options.modemDir + ": no such directory";
             return false;
         }
+        std::string reason;
+        if (!vexwire::checkServiceDirectory(options.modemDir, &reason)) {
+            *error = "--modem: refusing service directory " + reason;
+            return false;
+        }
         ::setenv("VEX_SERVICE_DIR", options.modemDir.c_str(), 1);
+        // Profiles and credentials must never reach a modem another user runs there.
+        vex_service_info info{};
+        if (vex_client_get_any_service(wds_get_service_object_v01(), &info) ==
+            VEX_ERR_PEER_REFUSED) {
+            *error = "the modem in " + options.modemDir +
+                     " runs as another user, neither this one nor root: refusing to use it";
+            return false;
+        }
     }
     // The library finds the modem through VEX_SERVICE_DIR, so it is set before the first call.
     kel::Manager::getInstance().init(options.subscription, true);

@@ -1,6 +1,7 @@
 // vex-modemctl: tells a running vex-modemd what to do, and prints what it answers.
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -13,32 +14,48 @@
 
 namespace {
 
-constexpr int kReplyTimeoutMs = 30000;
+// The exchange after connecting; the daemon itself gives a command two seconds.
+constexpr auto kExchangeTimeout = std::chrono::milliseconds(10000);
+// A reply larger than this is not one the daemon sends.
+constexpr size_t kMaxReplyBytes = 16 * 1024 * 1024;
 constexpr int kLongestWaitSeconds = 60;
 
 const char* const kUsage =
     "usage: vex-modemctl [--dir DIR] [--wait SECONDS] COMMAND [ARGS...]\n"
-    "  --dir DIR         service directory of the daemon (default: $VEX_SERVICE_DIR, else "
-    "/tmp/vex-services)\n"
+    "  --dir DIR         service directory of the daemon (default: $VEX_SERVICE_DIR, else\n"
+    "                    $XDG_RUNTIME_DIR/vex-services, else /tmp/vex-services-UID)\n"
     "  --wait SECONDS    wait up to SECONDS (at most 60) for a daemon that is starting\n"
     "Run 'vex-modemctl help' for the commands.\n";
 
-// Connects to the control socket, retrying until the deadline while no daemon listens yet.
-vexwire::UniqueFd connectControl(const std::string& path, vexwire::Clock::time_point deadline) {
+// Connects to the control socket, retrying until waitUntil while no daemon listens yet. A
+// directory that is missing only means no daemon (yet); one that is not this user's is refused.
+vexwire::UniqueFd connectControl(const std::string& dir, const std::string& path,
+                                 vexwire::Clock::time_point waitUntil,
+                                 vexwire::ConnectOutcome* outcome, std::string* refusal) {
     for (;;) {
-        vexwire::UniqueFd connected = vexwire::connectUnix(path);
-        if (connected || vexwire::Clock::now() >= deadline) {
+        struct stat info;
+        std::string reason;
+        if (::lstat(dir.c_str(), &info) == 0 && !vexwire::checkServiceDirectory(dir, &reason)) {
+            *refusal = "refusing service directory " + reason;
+            return {};
+        }
+        vexwire::UniqueFd connected =
+            vexwire::connectUnix(path, vexwire::Clock::now() + kExchangeTimeout, outcome);
+        if (connected || outcome->status != vexwire::ConnectStatus::NoService ||
+            vexwire::Clock::now() >= waitUntil) {
             return connected;
         }
         ::poll(nullptr, 0, 50);
     }
 }
 
-bool readReply(int fd, std::string* reply) {
+bool readReply(int fd, vexwire::Clock::time_point deadline, std::string* reply) {
     char chunk[4096];
-    for (;;) {
+    while (reply->size() <= kMaxReplyBytes) {
+        auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - vexwire::Clock::now());
         pollfd pfd{fd, POLLIN, 0};
-        if (::poll(&pfd, 1, kReplyTimeoutMs) <= 0) {
+        if (left.count() <= 0 || ::poll(&pfd, 1, static_cast<int>(left.count()) + 1) <= 0) {
             return false;
         }
         ssize_t n = ::recv(fd, chunk, sizeof chunk, MSG_DONTWAIT);
@@ -52,6 +69,7 @@ bool readReply(int fd, std::string* reply) {
             reply->append(chunk, static_cast<size_t>(n));
         }
     }
+    return false;
 }
 
 }  // namespace
@@ -84,17 +102,28 @@ int main(int argc, char** argv) {
         return first >= argc ? 2 : 0;
     }
     std::string path = dir + "/" + vexmodemd::kControlSocketName;
-    vexwire::UniqueFd fd =
-        connectControl(path, vexwire::Clock::now() + std::chrono::seconds(waitSeconds));
+    vexwire::ConnectOutcome outcome;
+    std::string refusal;
+    vexwire::UniqueFd fd = connectControl(
+        dir, path, vexwire::Clock::now() + std::chrono::seconds(waitSeconds), &outcome, &refusal);
+    if (!refusal.empty()) {
+        std::fprintf(stderr, "vex-modemctl: %s\n", refusal.c_str());
+        return 1;
+    }
+    if (outcome.status == vexwire::ConnectStatus::UntrustedPeer) {
+        std::fprintf(stderr, "vex-modemctl: refusing the daemon: %s\n",
+                     vexwire::untrustedPeerText(path, outcome.peerUid).c_str());
+        return 1;
+    }
     if (!fd) {
         std::fprintf(stderr, "vex-modemctl: no vex-modemd answers at %s\n", path.c_str());
         return 1;
     }
+    const auto deadline = vexwire::Clock::now() + kExchangeTimeout;
     std::string request;
     for (int i = first; i < argc; ++i) {
         request.append(argv[i]).push_back('\0');
     }
-    auto deadline = vexwire::Clock::now() + std::chrono::milliseconds(kReplyTimeoutMs);
     if (vexwire::writeAll(fd.get(), reinterpret_cast<const uint8_t*>(request.data()),
                           request.size(), deadline) != request.size()) {
         std::fprintf(stderr, "vex-modemctl: cannot send the command to %s\n", path.c_str());
@@ -102,7 +131,7 @@ int main(int argc, char** argv) {
     }
     ::shutdown(fd.get(), SHUT_WR);
     std::string reply;
-    if (!readReply(fd.get(), &reply) || reply.empty()) {
+    if (!readReply(fd.get(), deadline, &reply) || reply.empty()) {
         std::fprintf(stderr, "vex-modemctl: no answer from %s\n", path.c_str());
         return 1;
     }

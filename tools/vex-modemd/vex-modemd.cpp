@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -19,17 +20,20 @@
 
 namespace {
 
+using vexwire::Clock;
 using vexwire::UniqueFd;
 
 constexpr size_t kMaxCommandBytes = 64 * 1024;
-constexpr int kCommandTimeoutMs = 5000;
+// From accept to the last byte of the reply; a command itself takes milliseconds.
+constexpr auto kCommandTimeout = std::chrono::milliseconds(2000);
+constexpr int kMaxControlConnections = 16;
 
 const char* const kUsage =
     "usage: vex-modemd [options]\n"
     "  --seed FILE           initial profiles (see docs/platform.md); none when absent\n"
     "  --state FILE          keep persistent profiles here across restarts\n"
-    "  --dir DIR             service directory (default: $VEX_SERVICE_DIR, else "
-    "/tmp/vex-services)\n"
+    "  --dir DIR             service directory (default: $VEX_SERVICE_DIR, else\n"
+    "                        $XDG_RUNTIME_DIR/vex-services, else /tmp/vex-services-UID)\n"
     "  --subscriptions N     number of subscriptions (default 2)\n"
     "  --capacity-3gpp N     3GPP profiles per subscription (default 24)\n"
     "  --capacity-3gpp2 N    3GPP2 profiles per subscription (default 8)\n"
@@ -87,28 +91,9 @@ int parseOptions(int argc, char** argv, vexsim::Config* config) {
     return 0;
 }
 
-// Reads one command: NUL-ended arguments up to the end of the stream.
-bool readCommand(int fd, std::vector<std::string>* args) {
-    std::string bytes;
-    char chunk[4096];
-    while (bytes.size() <= kMaxCommandBytes) {
-        pollfd pfd{fd, POLLIN, 0};
-        if (::poll(&pfd, 1, kCommandTimeoutMs) <= 0) {
-            return false;
-        }
-        ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            return false;
-        }
-        if (n == 0) {
-            break;
-        }
-        bytes.append(chunk, static_cast<size_t>(n));
-    }
-    if (bytes.size() > kMaxCommandBytes || (!bytes.empty() && bytes.back() != '\0')) {
+// Splits a command: NUL-ended arguments. False when the last one is not ended.
+bool splitCommand(const std::string& bytes, std::vector<std::string>* args) {
+    if (!bytes.empty() && bytes.back() != '\0') {
         return false;
     }
     for (size_t start = 0; start < bytes.size();) {
@@ -119,20 +104,26 @@ bool readCommand(int fd, std::vector<std::string>* args) {
     return true;
 }
 
-// Serves vex-modemctl, one command at a time. Threads: its own thread; stop() from main.
+// Serves vex-modemctl. Every connection is non-blocking and has kCommandTimeout from its accept
+// to send its command and take the reply, so a silent or dribbling client costs the others
+// nothing; when kMaxControlConnections are open, the oldest is closed for a newcomer.
+// Threads: its own thread; start() and stop() from main.
 class ControlServer {
   public:
     ControlServer(vexsim::SimModem& modem, int subscriptions)
         : control(modem, subscriptions), wake(vexwire::makeWakeFd()) {}
 
-    bool start(const std::string& path, std::string* error) {
-        socketPath = path;
-        if (vexwire::connectUnix(path)) {
-            *error = "another vex-modemd serves " + path;
+    bool start(const std::string& dir, std::string* error) {
+        socketDir = dir;
+        socketPath = dir + "/" + vexmodemd::kControlSocketName;
+        vexwire::ConnectOutcome other;
+        vexwire::connectUnix(socketPath, Clock::now() + std::chrono::milliseconds(500), &other);
+        if (other.status != vexwire::ConnectStatus::NoService) {
+            *error = "another vex-modemd serves " + socketPath;
             return false;
         }
-        ::unlink(path.c_str());
-        listenFd = vexwire::listenUnix(path, error);
+        vexwire::removeStaleSocket(socketDir, vexmodemd::kControlSocketName);
+        listenFd = vexwire::listenUnix(socketPath, error);
         if (!listenFd || !wake) {
             return false;
         }
@@ -146,39 +137,118 @@ class ControlServer {
             thread.join();
         }
         if (listenFd) {
-            ::unlink(socketPath.c_str());
+            vexwire::removeStaleSocket(socketDir, vexmodemd::kControlSocketName);
         }
     }
 
   private:
+    struct Connection {
+        UniqueFd fd;
+        Clock::time_point deadline;
+        std::string in;
+        std::string out;  // the reply once the command is read; empty before
+        size_t sent = 0;
+        bool replied = false;
+        bool done = false;
+    };
+
     void serve() {
+        std::vector<pollfd> fds;
         for (;;) {
-            pollfd fds[2] = {{wake.get(), POLLIN, 0}, {listenFd.get(), POLLIN, 0}};
-            if (::poll(fds, 2, -1) < 0 && errno != EINTR) {
+            fds.assign({{wake.get(), POLLIN, 0}, {listenFd.get(), POLLIN, 0}});
+            auto soonest = Clock::time_point::max();
+            for (const Connection& conn : connections) {
+                fds.push_back(
+                    {conn.fd.get(), static_cast<short>(conn.replied ? POLLOUT : POLLIN), 0});
+                soonest = std::min(soonest, conn.deadline);
+            }
+            int timeoutMs = -1;
+            if (soonest != Clock::time_point::max()) {
+                auto left =
+                    std::chrono::duration_cast<std::chrono::milliseconds>(soonest - Clock::now());
+                timeoutMs = static_cast<int>(std::max<long long>(0, left.count() + 1));
+            }
+            if (::poll(fds.data(), fds.size(), timeoutMs) < 0 && errno != EINTR) {
                 return;
             }
             if (fds[0].revents != 0) {
                 return;
             }
-            UniqueFd conn(::accept4(listenFd.get(), nullptr, nullptr, SOCK_CLOEXEC));
-            if (!conn) {
+            for (size_t i = 2; i < fds.size(); ++i) {
+                if (fds[i].revents != 0) {
+                    step(connections[i - 2]);
+                }
+            }
+            auto now = Clock::now();
+            connections.erase(std::remove_if(connections.begin(), connections.end(),
+                                             [now](const Connection& conn) {
+                                                 return conn.done || conn.deadline <= now;
+                                             }),
+                              connections.end());
+            if (fds[1].revents != 0) {
+                acceptSome();
+            }
+        }
+    }
+
+    void acceptSome() {
+        for (int i = 0; i < kMaxControlConnections; ++i) {
+            UniqueFd fd(::accept4(listenFd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+            if (!fd) {
+                return;
+            }
+            if (!vexwire::servesPeer(fd.get(), "vex-modemd: refused a control connection")) {
                 continue;
             }
-            std::vector<std::string> args;
-            vexmodemd::Reply reply = readCommand(conn.get(), &args)
-                                         ? control.execute(args)
-                                         : vexmodemd::Reply{false, "unreadable command"};
-            std::string text = vexmodemd::encodeReply(reply);
-            vexwire::writeAll(conn.get(), reinterpret_cast<const uint8_t*>(text.data()),
-                              text.size(),
-                              vexwire::Clock::now() + std::chrono::milliseconds(kCommandTimeoutMs));
+            if (connections.size() >= static_cast<size_t>(kMaxControlConnections)) {
+                connections.erase(connections.begin());  // the oldest
+            }
+            connections.push_back(Connection{std::move(fd), Clock::now() + kCommandTimeout});
         }
+    }
+
+    // Reads what a connection sent, runs its command once it is complete, writes the reply.
+    void step(Connection& conn) {
+        if (!conn.replied) {
+            char chunk[4096];
+            ssize_t n = ::recv(conn.fd.get(), chunk, sizeof chunk, MSG_DONTWAIT);
+            if (n < 0) {
+                conn.done = errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR;
+                return;
+            }
+            conn.in.append(chunk, static_cast<size_t>(n));
+            if (n > 0 && conn.in.size() <= kMaxCommandBytes) {
+                return;
+            }
+            std::vector<std::string> args;
+            bool readable = conn.in.size() <= kMaxCommandBytes && splitCommand(conn.in, &args);
+            conn.out = vexmodemd::encodeReply(
+                readable ? control.execute(args) : vexmodemd::Reply{false, "unreadable command"});
+            conn.replied = true;
+        }
+        while (conn.sent < conn.out.size()) {
+            ssize_t n = ::send(conn.fd.get(), conn.out.data() + conn.sent,
+                               conn.out.size() - conn.sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+                return;
+            }
+            if (n <= 0) {
+                break;
+            }
+            conn.sent += static_cast<size_t>(n);
+        }
+        conn.done = true;
     }
 
     vexmodemd::ModemControl control;
     UniqueFd wake;
     UniqueFd listenFd;
+    std::string socketDir;
     std::string socketPath;
+    std::vector<Connection> connections;  // serving thread only; oldest first
     std::thread thread;
 };
 
@@ -205,7 +275,7 @@ int main(int argc, char** argv) {
     }
     ControlServer server(modem, config.subscriptions);
     std::string controlPath = modem.serviceDir() + "/" + vexmodemd::kControlSocketName;
-    if (!server.start(controlPath, &error)) {
+    if (!server.start(modem.serviceDir(), &error)) {
         std::fprintf(stderr, "vex-modemd: %s\n", error.c_str());
         return 1;
     }

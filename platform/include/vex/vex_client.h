@@ -2,9 +2,15 @@
  * vex: the modem message-interface client library.
  *
  * A client talks to one modem service (for example WDS) over a UNIX-domain socket in the service
- * directory: $VEX_SERVICE_DIR, or /tmp/vex-services when the variable is unset. Requests and
- * responses travel as the service's fixed C records; indications arrive encoded and are expanded
- * with vex_client_message_decode.
+ * directory: $VEX_SERVICE_DIR when set, else $XDG_RUNTIME_DIR/vex-services, else
+ * /tmp/vex-services-UID. Requests and responses travel as the service's fixed C records;
+ * indications arrive encoded and are expanded with vex_client_message_decode.
+ *
+ * Trust: a client uses a service directory only when it is a real directory of its own user that
+ * nobody else may write, and talks only to a service run by its own user or root; it refuses
+ * anything else with VEX_ERR_UNSAFE_DIR or VEX_ERR_PEER_REFUSED and one line on standard error.
+ * No call waits longer than its timeout; connecting (vex_client_get_any_service,
+ * vex_client_init) takes at most a second.
  *
  * Threads: every notify, indication and error callback runs on a thread owned by this library,
  * never on the caller's. A callback may call any function here except vex_client_release on its
@@ -30,6 +36,8 @@ typedef int vex_client_error_type;
 #define VEX_ERR_CONNECTION_LOST (-6) /* the service closed the connection or went down */
 #define VEX_ERR_BAD_MESSAGE (-7)     /* unknown message id, wrong size or malformed encoding */
 #define VEX_ERR_VERSION (-8)         /* the service object's version is not served */
+#define VEX_ERR_PEER_REFUSED (-9)    /* the service runs as another user: not talked to */
+#define VEX_ERR_UNSAFE_DIR (-10)     /* the service directory is not this user's own: not used */
 
 /* The kind of a message, as vex_client_message_decode is told. */
 typedef enum {
@@ -86,11 +94,14 @@ vex_client_error_type vex_client_register_notify_cb(vex_client_type user_handle,
                                                     vex_client_notify_cb notify_cb,
                                                     void* notify_cb_data);
 
-/* Finds an instance of the service that is up now; VEX_ERR_NO_SERVICE when there is none. */
+/* Finds an instance of the service that is up now; VEX_ERR_NO_SERVICE when there is none,
+ * VEX_ERR_TIMEOUT when it does not take a connection within a second (its accept queue is full). */
 vex_client_error_type vex_client_get_any_service(vex_idl_service_object_type service_obj,
                                                  vex_service_info* service_info);
 
-/* Connects a client to the service instance. Indications go to ind_cb with ind_cb_data. */
+/* Connects a client to the service instance. Indications go to ind_cb with ind_cb_data. Fails as
+ * vex_client_get_any_service does when the service is gone, refused or does not take the
+ * connection within a second. */
 vex_client_error_type vex_client_init(vex_service_info* service_info,
                                       vex_idl_service_object_type service_obj,
                                       vex_client_ind_cb ind_cb, void* ind_cb_data,

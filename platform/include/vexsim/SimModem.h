@@ -23,14 +23,17 @@
 namespace vexsim {
 
 struct Config {
-    // Where the service socket is created; empty means $VEX_SERVICE_DIR, or /tmp/vex-services.
+    // Where the service socket is created; empty means the clients' default ($VEX_SERVICE_DIR,
+    // else $XDG_RUNTIME_DIR/vex-services, else /tmp/vex-services-UID). Created 0700 when missing;
+    // an existing one must be a real directory of the modem's user that nobody else may write.
     std::string serviceDir;
     // Initial profiles, as a carrier-provisioned modem ships with them (see the seed format
     // below). Read on the first start, when no state file holds profiles yet.
     std::string seedFile;
     std::string seedText;  // used when seedFile is empty
     // Persistent profiles are saved here on every change and loaded on start; empty: they
-    // survive stop()/start() in memory only.
+    // survive stop()/start() in memory only. Written with mode 0600 through a fresh temporary
+    // file; a symbolic link or anything but a regular file at this path keeps the modem down.
     std::string stateFile;
     int subscriptions = 2;
     int capacity3gpp = 24;

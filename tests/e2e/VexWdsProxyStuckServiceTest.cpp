@@ -1,0 +1,51 @@
+// The library against a service that listens but never accepts. Connecting to it must not hold
+// the library's worker, nor any facade call waiting behind it, past the client library's connect
+// bound.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "VexWire.h"
+#include "hostlog/LogCapture.h"
+#include "kel/Manager.h"
+#include "support/TestSupport.h"
+
+namespace e2e {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+TEST(VexWdsProxyStuckServiceTest, FullAcceptQueueHoldsNoFacadeCallPastTheConnectBound) {
+    testsupport::TempDir dir;
+    hostlog::LogCapture capture;
+    ASSERT_EQ(setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1), 0);
+    // Room for one queued connection: the notifier's watch connection takes it, so the service
+    // looks up, and the worker's own connect then finds the queue full.
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, dir.file("wds").c_str(), sizeof addr.sun_path - 1);
+    vexwire::UniqueFd stuck(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_TRUE(stuck);
+    ASSERT_EQ(::bind(stuck.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr), 0);
+    ASSERT_EQ(::listen(stuck.get(), 0), 0);
+
+    kel::Manager manager;
+    manager.init(0, true);
+    // A generous watchdog: the connect gives up after one second.
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
+    while (capture.androidContaining("error get service.").empty() && Clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_FALSE(capture.androidContaining("error get service.").empty());
+    const auto before = Clock::now();
+    EXPECT_TRUE(manager.filter(kel::FilterProfileParams()).empty());
+    EXPECT_LT(Clock::now() - before, std::chrono::seconds(3));
+}
+
+}  // namespace
+}  // namespace e2e

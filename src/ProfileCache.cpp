@@ -230,10 +230,14 @@ bool ProfileCache::releaseProfile(unsigned long long token) {
     return true;
 }
 
-bool ProfileCache::refresh() {
-    // Every handle issued so far expires here; pending echoes are kept.
+void ProfileCache::expireAll() {
     profiles.clear();
     profiles.rehash(0);
+}
+
+bool ProfileCache::refresh() {
+    // Every handle issued so far expires here; pending echoes are kept.
+    expireAll();
     for (std::shared_ptr<ModemProfile>& profile : vexWdsProxy.getAllProfiles()) {
         profiles.emplace(generateToken(), std::move(profile));
     }

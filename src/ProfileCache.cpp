@@ -236,15 +236,19 @@ void ProfileCache::expireAll() {
 }
 
 bool ProfileCache::refresh() {
+    // Not loaded while the read runs, nor after a read that failed.
+    getStatusBoard().setCacheLoaded(false);
     // Every handle issued so far expires here; pending echoes are kept.
     expireAll();
-    for (std::shared_ptr<ModemProfile>& profile : vexWdsProxy.getAllProfiles()) {
+    bool listsRead = false;
+    for (std::shared_ptr<ModemProfile>& profile : vexWdsProxy.getAllProfiles(&listsRead)) {
         profiles.emplace(generateToken(), std::move(profile));
     }
     KEL_LOG(History, "Refreshed Profiles:");
     for (const auto& [token, profile] : profiles) {
         KEL_LOG(History, "%s", profile ? profile->dump().c_str() : "null");
     }
+    getStatusBoard().setCacheLoaded(listsRead);
     return true;
 }
 

@@ -392,13 +392,14 @@ std::shared_ptr<ModemProfile> VexWdsProxy::get(TechType techType, int profileId)
     return nullptr;
 }
 
-std::list<std::shared_ptr<ModemProfile>> VexWdsProxy::getAllProfiles() {
+std::list<std::shared_ptr<ModemProfile>> VexWdsProxy::getAllProfiles(bool* listsRead) {
     std::list<std::shared_ptr<ModemProfile>> profiles;
+    if (listsRead != nullptr) {
+        *listsRead = false;
+    }
     if (client == nullptr) {
         return profiles;
     }
-    // Not loaded while the read runs, nor after a read that failed.
-    statusBoard.setCacheLoaded(false);
     // Both records are large; they live on this stack frame and are reused by the second pass.
     wds_get_profile_list_req_msg_v01 req{};
     wds_get_profile_list_resp_msg_v01 resp{};
@@ -421,7 +422,9 @@ std::list<std::shared_ptr<ModemProfile>> VexWdsProxy::getAllProfiles() {
             profiles.push_back(get(convertProfileType(entry.profile_type), entry.profile_index));
         }
     }
-    statusBoard.setCacheLoaded(true);
+    if (listsRead != nullptr) {
+        *listsRead = true;
+    }
     return profiles;
 }
 

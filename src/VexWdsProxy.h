@@ -79,8 +79,9 @@ class VexWdsProxy {
     // The modem's settings of one profile; empty when it cannot be read.
     std::shared_ptr<ModemProfile> get(TechType techType, int profileId);
     // Every profile, 3GPP first, then 3GPP2; an entry is empty where its read failed. Empty at
-    // once while there is no client.
-    std::list<std::shared_ptr<ModemProfile>> getAllProfiles();
+    // once while there is no client. *listsRead (when given) tells whether both profile lists
+    // were read.
+    std::list<std::shared_ptr<ModemProfile>> getAllProfiles(bool* listsRead = nullptr);
 
     // The link's status, published here on the worker thread; read it on any thread.
     ModemStatusBoard& getStatusBoard() { return statusBoard; }

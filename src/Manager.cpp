@@ -48,12 +48,58 @@ void logNotInitialized() {
 
 }  // namespace
 
-// One call inside a pipeline: while it lives, the pipeline is not torn down.
+// A thread inside one of the Manager's methods: the destructor waits until none is left, so that
+// no method touches a destroyed Manager.
+class Manager::Visit {
+  public:
+    explicit Visit(Manager& visited) : manager(visited) {
+        std::lock_guard<std::mutex> lock(manager.pipelineMutex);
+        ++manager.visitors;
+    }
+    ~Visit() {
+        std::lock_guard<std::mutex> lock(manager.pipelineMutex);
+        --manager.visitors;
+        // Under the lock: once it is released the destructor may go on and free the Manager.
+        manager.visitorsLeft.notify_all();
+    }
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+
+  private:
+    Manager& manager;
+};
+
+// One call inside the current pipeline: while it lives, the pipeline is not torn down. Empty
+// (after logging why, unless operation is null) when there is no pipeline or it is going.
 class Manager::Call {
   public:
+    Call(Manager& manager, const char* operation) : visit(manager) {
+        std::shared_ptr<RequestLink> current;
+        bool shutting = false;
+        {
+            std::lock_guard<std::mutex> lock(manager.pipelineMutex);
+            current = manager.link;
+            shutting = manager.closed;
+        }
+        if (current) {
+            lease = current->enter();
+        }
+        if (lease || operation == nullptr) {
+            return;
+        }
+        if (!current && !shutting) {
+            logNotInitialized();
+        } else {
+            // The pipeline went (or is going) while this call came in.
+            KEL_LOG(Error, "Manager::%s refused: the library is shutting down", operation);
+        }
+    }
+
     explicit operator bool() const { return static_cast<bool>(lease); }
     ClientRequestManager& pipeline() const { return *lease.operator->(); }
 
+  private:
+    Visit visit;  // first in, last out
     RequestLink::Lease lease;
 };
 
@@ -63,29 +109,8 @@ Manager::Manager() {
 
 Manager::~Manager() {
     shutDown();
-}
-
-Manager::Call Manager::enter(const char* operation) {
-    std::shared_ptr<RequestLink> current;
-    bool shutting = false;
-    {
-        std::lock_guard<std::mutex> lock(pipelineMutex);
-        current = link;
-        shutting = closed;
-    }
-    Call call;
-    if (current) {
-        call.lease = current->enter();
-    }
-    if (!call && operation != nullptr) {
-        if (!current && !shutting) {
-            logNotInitialized();
-        } else {
-            // The pipeline went (or is going) while this call came in.
-            KEL_LOG(Error, "Manager::%s refused: the library is shutting down", operation);
-        }
-    }
-    return call;
+    std::unique_lock<std::mutex> lock(pipelineMutex);
+    visitorsLeft.wait(lock, [this] { return visitors == 0; });
 }
 
 void Manager::shutDown() {
@@ -113,6 +138,7 @@ void Manager::init(int subscriptionId, bool useAdbLog) {
         KEL_LOG(Error, "Manager::init(%d) refused on the worker thread", subscriptionId);
         return;
     }
+    Visit visit(*this);
     std::lock_guard<std::mutex> initLock(initMutex);
     {
         std::lock_guard<std::mutex> lock(pipelineMutex);
@@ -144,7 +170,7 @@ void Manager::init(int subscriptionId, bool useAdbLog) {
 }
 
 std::shared_ptr<IProfileKey> Manager::addProfile(const AddProfileParams& params) {
-    Call call = enter("addProfile");
+    Call call(*this, "addProfile");
     if (!call) {
         return nullptr;
     }
@@ -156,7 +182,7 @@ std::shared_ptr<IProfileKey> Manager::addProfile(const AddProfileParams& params)
 }
 
 bool Manager::modifyProfile(const ModifyProfileParams& params, std::shared_ptr<IProfileKey> key) {
-    Call call = enter("modifyProfile");
+    Call call(*this, "modifyProfile");
     if (!call) {
         return false;
     }
@@ -167,7 +193,7 @@ bool Manager::modifyProfile(const ModifyProfileParams& params, std::shared_ptr<I
 }
 
 bool Manager::deleteProfile(std::shared_ptr<IProfileKey> key) {
-    Call call = enter("deleteProfile");
+    Call call(*this, "deleteProfile");
     if (!call) {
         return false;
     }
@@ -178,7 +204,7 @@ bool Manager::deleteProfile(std::shared_ptr<IProfileKey> key) {
 }
 
 std::list<std::shared_ptr<IProfileKey>> Manager::filter(const FilterProfileParams& params) {
-    Call call = enter("filter");
+    Call call(*this, "filter");
     if (!call) {
         return {};
     }
@@ -190,7 +216,7 @@ std::list<std::shared_ptr<IProfileKey>> Manager::filter(const FilterProfileParam
 }
 
 std::optional<ProfileParams> Manager::getProfile(std::shared_ptr<IProfileKey> key) {
-    Call call = enter("getProfile");
+    Call call(*this, "getProfile");
     if (!call) {
         return std::nullopt;
     }
@@ -204,7 +230,7 @@ std::optional<ProfileParams> Manager::getProfile(std::shared_ptr<IProfileKey> ke
 }
 
 bool Manager::match(const FilterProfileParams& params, std::shared_ptr<IProfileKey> key) {
-    Call call = enter("match");
+    Call call(*this, "match");
     if (!call) {
         return false;
     }
@@ -216,7 +242,7 @@ bool Manager::match(const FilterProfileParams& params, std::shared_ptr<IProfileK
 }
 
 void Manager::refresh(PDCRefreshStatus status) {
-    Call call = enter("refresh");
+    Call call(*this, "refresh");
     if (!call) {
         return;
     }
@@ -236,7 +262,7 @@ void Manager::refresh(PDCRefreshStatus status) {
 
 std::vector<std::string> Manager::dump() {
     std::vector<std::string> lines;
-    if (Call call = enter(nullptr)) {
+    if (Call call(*this, nullptr); call) {
         lines = call.pipeline().dump();
     }
     lines.emplace_back();
@@ -248,7 +274,7 @@ std::vector<std::string> Manager::dump() {
 }
 
 std::optional<ModemStatus> Manager::getModemStatus() {
-    Call call = enter("getModemStatus");
+    Call call(*this, "getModemStatus");
     if (!call) {
         return std::nullopt;
     }
@@ -259,7 +285,7 @@ std::optional<ModemStatus> Manager::getModemStatus() {
 }
 
 bool Manager::waitForModem(std::chrono::milliseconds timeout) {
-    Call call = enter("waitForModem");
+    Call call(*this, "waitForModem");
     if (!call) {
         return false;
     }

@@ -33,6 +33,7 @@
 #define KEL_MANAGER_H
 
 #include <chrono>
+#include <condition_variable>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -102,20 +103,20 @@ class KEL_EXPORT Manager {
     bool waitForModem(std::chrono::milliseconds timeout);
 
   private:
+    class Visit;
     class Call;
 
-    // A call's way into the current pipeline; empty (after logging why, unless operation is
-    // null) when there is none or it is being torn down.
-    Call enter(const char* operation);
     // Destruction and process exit: no pipeline from now on.
     void shutDown();
 
     std::mutex initMutex;  // one init or teardown at a time
-    // Guards clientRequestManager, link and closed; held only to read or swap them.
+    // Guards clientRequestManager, link, closed and visitors; held only to read or change them.
     std::mutex pipelineMutex;
     std::unique_ptr<ClientRequestManager> clientRequestManager;
     std::shared_ptr<RequestLink> link;  // the pipeline's, for calls to enter it
     bool closed = false;                // being (or been) destroyed, or the process exits
+    int visitors = 0;                   // threads inside a method; the destructor waits for none
+    std::condition_variable visitorsLeft;
 };
 
 }  // namespace kel

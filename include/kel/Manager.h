@@ -1,14 +1,15 @@
 // The library's entry point: one process-wide Manager through which a client adds, modifies,
 // deletes, reads, filters and matches the modem's packet-data profiles.
 //
-// Threads. Every method may be called on any client thread; none may be called on the library's
-// worker thread, that is from an expiration listener (IProfileKey): there each is refused with
-// an Error line and returns its failure value (init returns without doing anything). Calls from
-// several threads are served one after the other; each blocks until the library has answered.
+// Threads. Every method may be called on any client thread. Those that wait for the library,
+// every one but getModemStatus and dump, must not be called on the library's worker thread, that
+// is from an expiration listener (IProfileKey): there each is refused with an Error line and
+// returns its failure value (init returns without doing anything). Calls from several threads
+// are served one after the other; each blocks until the library has answered.
 //
 // Failures. Nothing is thrown: failure comes back as an empty handle, false, an empty list or an
-// empty optional, and the reason goes to the log. Before init every call logs "Manager not
-// initialized!" and fails.
+// empty optional, and the reason goes to the log. Before init every call but dump logs "Manager
+// not initialized!" and fails.
 //
 // The modem link. init returns before the library has reached the modem: it connects, binds to
 // the subscription, registers for profile changes and reads the modem's profiles in the

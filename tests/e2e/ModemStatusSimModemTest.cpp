@@ -69,11 +69,11 @@ TEST_F(ModemStatusSimModemTest, AHealthyLinkIsReadyWithItsCacheFilled) {
     EXPECT_EQ(now.connections, 1u);
     EXPECT_EQ(manager.filter(kel::FilterProfileParams()).size(), modem->profiles(0).size())
         << "ready means the cache holds the modem's profiles";
-    EXPECT_TRUE(history("Manager::waitForModem < true"));
+    EXPECT_TRUE(inHistory("Manager::waitForModem < true"));
     EXPECT_TRUE(
-        history("Manager::getModemStatus < SubscriptionId=0,Connected=true,Bound=true,"
-                "Registered=true,CacheLoaded=true,FailedMessages=0,TimedOutMessages=0,"
-                "Connections=1,"));
+        inHistory("Manager::getModemStatus < SubscriptionId=0,Connected=true,Bound=true,"
+                  "Registered=true,CacheLoaded=true,FailedMessages=0,TimedOutMessages=0,"
+                  "Connections=1,"));
 }
 
 TEST_F(ModemStatusSimModemTest, FollowsTheModemGoingDownAndComingBack) {
@@ -132,7 +132,7 @@ TEST_P(ModemStatusBrokenLinkTest, ShowsWhatFailedAndWaitingEndsAtOnce) {
     EXPECT_TRUE(now.isBroken());
     EXPECT_FALSE(now.cacheLoaded) << "the modem announces its profiles only to registered clients";
     EXPECT_EQ(now.failedMessages, 1u);
-    EXPECT_TRUE(error(GetParam().logged));
+    EXPECT_TRUE(inHistory(GetParam().logged));
     EXPECT_EQ(libraryClient()->requestsServed, kRegistrationRequests) << "nothing is retried";
 }
 
@@ -220,8 +220,8 @@ TEST_F(ModemStatusSimModemTest, WaitingOnTheWorkerThreadIsRefused) {
     EXPECT_FALSE(waited.load());
     EXPECT_TRUE(read.load()) << "reading the status blocks nobody, so it is answered";
     EXPECT_TRUE(
-        error("kel::ClientRequestManager: request on the worker thread refused: "
-              "waitForModem"));
+        inHistory("kel::ClientRequestManager: request on the worker thread refused: "
+                  "waitForModem"));
 }
 
 TEST_F(ModemStatusSimModemTest, ReadersOnManyThreadsSeeOnlyWholeSnapshots) {

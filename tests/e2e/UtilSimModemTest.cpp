@@ -402,9 +402,10 @@ TEST_F(UtilSimModemTest, AttachLetsGoOfAPassedOverExactMatchBeforeSearchingOn) {
 
     util.findOrCreateProfileForLteAttach(apnParams("corp.example", IPType::V4));
 
+    // The history keeps both lines (History level), in order, after its time stamp.
     std::vector<std::string> lines;
-    for (const hostlog::AndroidLogRecord& record : capture.android()) {
-        lines.push_back(record.message);
+    for (const std::string& line : LocalLogBuffer::getInstance()->getLogs()) {
+        lines.push_back(line.substr(line.find("[KEL]") + 5));
     }
     const auto startsWith = [](const std::string& prefix) {
         return [prefix](const std::string& line) { return line.rfind(prefix, 0) == 0; };

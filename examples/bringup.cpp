@@ -2,8 +2,8 @@
 //
 // On a device the modem is already there; here the program embeds the simulated modem, seeded
 // with the profiles a carrier ships, and points the library at it. Then it does what the data-call
-// software of a device does: initialise the library, wait until it is connected and has read the
-// modem's profiles, and add, find, read, change and delete profiles through kel::Manager.
+// software of a device does: initialise the library, wait until it has reached the modem and read
+// its profiles, and add, find, read, change and delete profiles through kel::Manager.
 //
 // Usage: kel-example [seed-file]   (default: the repository's data/modem-seed.conf)
 #include <stdlib.h>
@@ -46,23 +46,6 @@ std::string describe(const std::shared_ptr<kel::IProfileKey>& key) {
     return key ? key->dump() : std::string("(none)");
 }
 
-// Waits until the library has connected to the modem and registered for its profile events.
-// Only the modem can tell from outside: it sees the library's client bind to the subscription
-// and register. On a device the library simply connects whenever the modem comes up.
-bool waitUntilConnected(vexsim::SimModem& modem) {
-    return modem.waitUntil(
-        [&modem] {
-            for (const vexsim::ClientInfo& client : modem.clients()) {
-                if (!client.notifierOnly && client.bound && client.indicationsRegistered &&
-                    client.eventListConfigured) {
-                    return true;
-                }
-            }
-            return false;
-        },
-        std::chrono::seconds(10));
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -74,9 +57,6 @@ int main(int argc, char** argv) {
     vexsim::Config config;
     config.serviceDir = dir.path;
     config.seedFile = seedFile;
-    // The example reads the profiles itself below, as a client does once the modem's
-    // configuration is loaded, so the modem need not announce them.
-    config.profilesReadyOnRegister = false;
     vexsim::SimModem modem(config);
     std::string error;
     if (dir.path.empty() || !modem.start(&error)) {
@@ -92,13 +72,17 @@ int main(int argc, char** argv) {
     // Subscription 0, logging to the Android log (on this host: standard error).
     kel::Manager& manager = kel::Manager::getInstance();
     manager.init(0, true);
-    if (!waitUntilConnected(modem)) {
-        std::fprintf(stderr, "the library did not connect to the modem\n");
+    // The library connects in the background: it binds to the subscription, registers for the
+    // modem's profile events and reads every profile once the modem announces them. Until then
+    // its cache is empty; the status tells how far it got.
+    if (!manager.waitForModem(std::chrono::seconds(10))) {
+        std::optional<kel::ModemStatus> status = manager.getModemStatus();
+        std::fprintf(stderr, "the library did not reach the modem: %s\n",
+                     status ? status->dump().c_str() : "not initialised");
         return 1;
     }
-    // Tell the library that the modem's configuration is loaded: it reads every profile now.
-    // Until then its cache is empty.
-    manager.refresh(kel::PDCRefreshStatus::Completed);
+    std::printf("modem link: %s\n",
+                manager.getModemStatus().value_or(kel::ModemStatus()).dump().c_str());
 
     section("profiles the modem ships with");
     std::list<std::shared_ptr<kel::IProfileKey>> all = manager.filter(kel::FilterProfileParams());

@@ -11,53 +11,77 @@
 
 namespace kel {
 
-// What profile handles send through instead of holding the manager itself: a handle may outlive
-// its pipeline (a second Manager::init, process exit), and must then find nobody rather than a
-// destroyed manager.
-//
-// Threads: any; mutex guards target and inFlight.
-class RequestLink {
-  public:
-    explicit RequestLink(ClientRequestManager* manager) : target(manager) {}
+namespace {
 
-    std::shared_ptr<ClientResponse> send(std::shared_ptr<ClientRequest> request) {
-        ClientRequestManager* manager = nullptr;
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            manager = target;
-            if (manager != nullptr) {
-                ++inFlight;
-            }
-        }
-        if (manager == nullptr) {
-            KEL_LOG(Info, "kel::ClientRequestManager: pipeline is gone, dropping %s",
-                    request->dump().c_str());
-            return nullptr;
-        }
-        std::shared_ptr<ClientResponse> response =
-            manager->processClientRequest(std::move(request));
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            --inFlight;
-        }
-        idle.notify_all();
-        return response;
+// Set on each worker thread as it starts: calls that would block on a worker are refused there.
+thread_local bool isWorkerThread = false;
+
+}  // namespace
+
+RequestLink::Lease::Lease(std::shared_ptr<RequestLink> owner, ClientRequestManager* reached)
+    : link(std::move(owner)), manager(reached) {}
+
+RequestLink::Lease::Lease(Lease&& other) noexcept
+    : link(std::move(other.link)), manager(std::exchange(other.manager, nullptr)) {}
+
+RequestLink::Lease& RequestLink::Lease::operator=(Lease&& other) noexcept {
+    if (this != &other) {
+        leave();
+        link = std::move(other.link);
+        manager = std::exchange(other.manager, nullptr);
     }
+    return *this;
+}
 
-    // From now on sends are no-ops; returns once the sends already under way have been served
-    // (the worker still runs, so they are).
-    void sever() {
-        std::unique_lock<std::mutex> lock(mutex);
-        target = nullptr;
-        idle.wait(lock, [this] { return inFlight == 0; });
+RequestLink::Lease::~Lease() {
+    leave();
+}
+
+void RequestLink::Lease::leave() {
+    if (manager == nullptr) {
+        return;
     }
+    manager = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(link->mutex);
+        --link->leases;
+    }
+    link->idle.notify_all();
+}
 
-  private:
-    std::mutex mutex;              // guards target and inFlight
-    std::condition_variable idle;  // inFlight dropped
-    ClientRequestManager* target;  // borrowed; null once severed
-    int inFlight = 0;
-};
+RequestLink::Lease RequestLink::enter() {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (target == nullptr) {
+        return Lease();
+    }
+    ++leases;
+    return Lease(shared_from_this(), target);
+}
+
+std::shared_ptr<ClientResponse> RequestLink::send(std::shared_ptr<ClientRequest> request) {
+    // Checked first: during a teardown a listener's release would otherwise pass for a handle
+    // that merely outlived its pipeline.
+    if (ClientRequestManager::refuseOnWorkerThread(request)) {
+        return nullptr;
+    }
+    Lease lease = enter();
+    if (!lease) {
+        KEL_LOG(Info, "kel::ClientRequestManager: pipeline is gone, dropping %s",
+                request->dump().c_str());
+        return nullptr;
+    }
+    return lease->processClientRequest(std::move(request));
+}
+
+void RequestLink::sever() {
+    std::lock_guard<std::mutex> lock(mutex);
+    target = nullptr;
+}
+
+void RequestLink::awaitLeases() {
+    std::unique_lock<std::mutex> lock(mutex);
+    idle.wait(lock, [this] { return leases == 0; });
+}
 
 ClientRequestManager::ClientRequestManager(int subscriptionId)
     : link(std::make_shared<RequestLink>(this)),
@@ -77,6 +101,10 @@ ClientRequestManager::ClientRequestManager(int subscriptionId)
 ClientRequestManager::~ClientRequestManager() {
     KEL_LOG(Debug, "kel::ClientRequestManager: destructor");
     link->sever();
+    close();
+    // The worker still runs, so the request being served is answered; it is bounded by the
+    // modem's message timeouts.
+    link->awaitLeases();
     isRunning = false;
     eventManager.wake();
     kelThread.join();
@@ -84,32 +112,70 @@ ClientRequestManager::~ClientRequestManager() {
     eventManager.removeEventHandler(requestEventFd.get());
 }
 
+void ClientRequestManager::close() {
+    {
+        std::lock_guard<std::mutex> lock(requestMutex);
+        closing = true;
+    }
+    turnCv.notify_all();
+    responseCv.notify_all();
+    profileCache.getStatusBoard().close();
+}
+
+bool ClientRequestManager::onWorkerThread() {
+    return isWorkerThread;
+}
+
+bool ClientRequestManager::refuseOnWorkerThread(const char* what) {
+    if (!isWorkerThread) {
+        return false;
+    }
+    // The worker would wait for itself, or for another worker: from an expiration listener, say.
+    KEL_LOG(Error, "kel::ClientRequestManager: request on the worker thread refused: %s", what);
+    return true;
+}
+
+bool ClientRequestManager::refuseOnWorkerThread(const std::shared_ptr<ClientRequest>& request) {
+    // The dump is made only for a refusal: this check is on every request's path.
+    return isWorkerThread && refuseOnWorkerThread(request ? request->dump().c_str() : "");
+}
+
 void ClientRequestManager::runKelThread() {
-    workerId = std::this_thread::get_id();
+    isWorkerThread = true;
     KEL_LOG(History, "KEL thread started");
     while (isRunning) {
         eventManager.processEvents();
     }
+    // Listeners of handles still held run here, on the worker, like every other listener.
+    profileCache.expireAll();
 }
 
 std::shared_ptr<ClientResponse> ClientRequestManager::processClientRequest(
     std::shared_ptr<ClientRequest> request) {
-    if (std::this_thread::get_id() == workerId) {
-        // The worker would wait for itself: from an expiration listener, say.
-        KEL_LOG(Error, "kel::ClientRequestManager: request on the worker thread refused: %s",
+    if (refuseOnWorkerThread(request)) {
+        return nullptr;
+    }
+    std::unique_lock<std::mutex> lock(requestMutex);
+    turnCv.wait(lock, [this] { return !slotBusy || closing; });
+    if (closing) {
+        KEL_LOG(Error, "kel::ClientRequestManager: closing, request refused: %s",
                 request ? request->dump().c_str() : "");
         return nullptr;
     }
-    std::lock_guard<std::mutex> turn(submitMutex);
-    std::unique_lock<std::mutex> lock(requestMutex);
     const ssize_t rv = requestEventFd.signal();
     if (rv != sizeof(std::uint64_t)) {
         KEL_LOG(Error, "error in writing rv: %d error: %s", static_cast<int>(rv), strerror(errno));
         return nullptr;
     }
+    slotBusy = true;
     // Stored after the wake-up write; the worker cannot look before requestMutex is released.
     pendingRequest = std::move(request);
-    responseCv.wait(lock, [this] { return pendingResponse != nullptr; });
+    // Once closing, only a request the worker has not yet taken is still waited for: the worker
+    // runs until every caller has left, so it will take it.
+    responseCv.wait(lock,
+                    [this] { return pendingResponse != nullptr || (closing && !pendingRequest); });
+    slotBusy = false;
+    turnCv.notify_one();
     return std::exchange(pendingResponse, nullptr);
 }
 
@@ -256,6 +322,17 @@ std::shared_ptr<ClientResponse> ClientRequestManager::serveRefresh(
 
 std::vector<std::string> ClientRequestManager::dump() {
     return profileCache.dump();
+}
+
+ModemStatus ClientRequestManager::getModemStatus() {
+    return profileCache.getStatusBoard().get();
+}
+
+bool ClientRequestManager::waitForModem(std::chrono::milliseconds timeout) {
+    if (refuseOnWorkerThread("waitForModem")) {
+        return false;
+    }
+    return profileCache.getStatusBoard().waitUntilReady(timeout);
 }
 
 }  // namespace kel

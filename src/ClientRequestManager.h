@@ -3,13 +3,14 @@
 // eventfd and blocks until the worker has answered. Between a refresh-started and a
 // refresh-completed request every profile operation fails at once (the refresh gate).
 //
-// Threads: processClientRequest on any client thread, never on the worker (refused there);
-// handleClientRequest and everything it calls on the worker; construction and destruction on
-// the thread of Manager::init or of the Manager's destruction.
+// Threads: processClientRequest and waitForModem on any client thread, never on a worker (refused
+// there); getModemStatus on any thread; handleClientRequest and everything it calls on the worker;
+// construction and destruction on the thread of Manager::init or of the Manager's destruction.
 #ifndef KEL_CLIENT_REQUEST_MANAGER_H
 #define KEL_CLIENT_REQUEST_MANAGER_H
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -22,28 +23,98 @@
 #include "ProfileCache.h"
 #include "kel/ClientRequest.h"
 #include "kel/ClientResponse.h"
+#include "kel/ModemStatus.h"
 
 namespace kel {
 
-class RequestLink;
+class ClientRequestManager;
+
+// What callers reach a ClientRequestManager through instead of holding it: the facade for the
+// length of each call, every profile handle for its lifetime. A caller may outlive the manager (a
+// second Manager::init, a destroyed Manager, process exit) and then finds nobody rather than a
+// destroyed manager; the manager is destroyed only once every caller that reached it has left.
+//
+// Threads: any; mutex guards target and leases.
+class RequestLink : public std::enable_shared_from_this<RequestLink> {
+  public:
+    // One caller inside the manager; while it lives the manager is not destroyed. Empty when the
+    // link was severed.
+    class Lease {
+      public:
+        Lease() = default;
+        Lease(Lease&& other) noexcept;
+        Lease& operator=(Lease&& other) noexcept;
+        ~Lease();
+        Lease(const Lease&) = delete;
+        Lease& operator=(const Lease&) = delete;
+
+        explicit operator bool() const { return manager != nullptr; }
+        ClientRequestManager* operator->() const { return manager; }
+
+      private:
+        friend class RequestLink;
+        Lease(std::shared_ptr<RequestLink> link, ClientRequestManager* manager);
+        void leave();
+
+        std::shared_ptr<RequestLink> link;
+        ClientRequestManager* manager = nullptr;  // borrowed; alive while the lease lives
+    };
+
+    explicit RequestLink(ClientRequestManager* manager) : target(manager) {}
+
+    Lease enter();
+    // A handle's request: refused on the worker thread (logged at Error), dropped once severed
+    // (logged at Info), otherwise submitted.
+    std::shared_ptr<ClientResponse> send(std::shared_ptr<ClientRequest> request);
+    // From now on enter() fails and send() drops its request.
+    void sever();
+    // Returns once every lease has ended.
+    void awaitLeases();
+
+  private:
+    std::mutex mutex;              // guards target and leases
+    std::condition_variable idle;  // leases dropped
+    ClientRequestManager* target;  // borrowed; null once severed
+    int leases = 0;
+};
 
 class ClientRequestManager {
   public:
     // Builds the loop and the cache for subscriptionId and starts the worker.
     explicit ClientRequestManager(int subscriptionId);
-    // Cuts off every handle still alive (its later calls are logged no-ops), then stops and
-    // joins the worker.
+    // Refuses new callers and those still waiting for their turn, lets the one being served
+    // have its answer, waits for every caller to leave, then stops and joins the worker (which
+    // expires every handle on its way out). Handles still alive are cut off: their later calls
+    // are logged no-ops.
     ~ClientRequestManager();
     ClientRequestManager(const ClientRequestManager&) = delete;
     ClientRequestManager& operator=(const ClientRequestManager&) = delete;
 
     // Blocks until the worker has answered. Concurrent callers are served one after the other,
-    // each with its own response. Empty when the worker could not be woken or when called on
-    // the worker itself (which would wait for itself).
+    // each with its own response. Empty when the worker could not be woken, when called on a
+    // worker thread (which would wait for itself), or when the manager closes before the
+    // request was taken.
     std::shared_ptr<ClientResponse> processClientRequest(std::shared_ptr<ClientRequest> request);
 
     // The cache's dump, read on the caller's thread without a lock: call it between requests.
     std::vector<std::string> dump();
+
+    // The modem link's status, one consistent snapshot; any thread.
+    ModemStatus getModemStatus();
+    // Any client thread: true once the link is usable, false when it came up broken, on
+    // timeout, or once the manager closes.
+    bool waitForModem(std::chrono::milliseconds timeout);
+
+    // How the facade and the handles reach this manager.
+    const std::shared_ptr<RequestLink>& getLink() const { return link; }
+
+    // Whether the calling thread is the worker of some manager: a call that blocks on a worker
+    // from there could wait for itself, so it is refused.
+    static bool onWorkerThread();
+    // On a worker thread: logs the refusal of what, or of the request's dump (at Error), and
+    // returns true.
+    static bool refuseOnWorkerThread(const char* what);
+    static bool refuseOnWorkerThread(const std::shared_ptr<ClientRequest>& request);
 
   private:
     void runKelThread();
@@ -53,25 +124,26 @@ class ClientRequestManager {
     std::shared_ptr<ClientResponse> serve(const std::shared_ptr<ClientRequest>& request);
     std::shared_ptr<ClientResponse> serveCallback(const std::shared_ptr<ClientRequest>& request);
     std::shared_ptr<ClientResponse> serveRefresh(const std::shared_ptr<ClientRequest>& request);
+    // Callers waiting for their turn, for a response not yet begun, or for the modem give up.
+    void close();
 
-    // Held by a caller for its whole round trip, so the single request and response slots serve
-    // one caller at a time.
-    std::mutex submitMutex;
     std::shared_ptr<ClientRequest> pendingRequest;    // guarded by requestMutex
     std::shared_ptr<ClientResponse> pendingResponse;  // guarded by requestMutex
-    // Guards both slots and isRefreshInProgress; the worker holds it for every cache operation
-    // made on a client's behalf.
+    // Guards both slots, slotBusy, closing and isRefreshInProgress; the worker holds it for every
+    // cache operation made on a client's behalf.
     std::mutex requestMutex;
     std::condition_variable responseCv;  // a response was stored (or a wake-up found no work)
+    // The single request and response slots serve one caller at a time: the others wait here.
+    std::condition_variable turnCv;
+    bool slotBusy = false;  // guarded by requestMutex; a caller owns the slots
+    bool closing = false;   // guarded by requestMutex; set once by the destructor
     std::atomic<bool> isRunning{false};
-    std::shared_ptr<RequestLink> link;  // what handles send through; severed on destruction
+    std::shared_ptr<RequestLink> link;  // what the facade and handles send through
     EventFd requestEventFd;
     EventManager eventManager;
     ProfileCache profileCache;         // worker thread only, once the worker runs
     bool isRefreshInProgress = false;  // guarded by requestMutex
     std::thread kelThread;
-    // Set by the worker as it starts; before that nothing can run on it.
-    std::atomic<std::thread::id> workerId{};
 };
 
 }  // namespace kel

@@ -48,11 +48,83 @@ void logNotInitialized() {
 
 }  // namespace
 
+// A thread inside one of the Manager's methods: the destructor waits until none is left, so that
+// no method touches a destroyed Manager.
+class Manager::Visit {
+  public:
+    explicit Visit(Manager& visited) : manager(visited) {
+        std::lock_guard<std::mutex> lock(manager.pipelineMutex);
+        ++manager.visitors;
+    }
+    ~Visit() {
+        std::lock_guard<std::mutex> lock(manager.pipelineMutex);
+        --manager.visitors;
+        // Under the lock: once it is released the destructor may go on and free the Manager.
+        manager.visitorsLeft.notify_all();
+    }
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+
+  private:
+    Manager& manager;
+};
+
+// One call inside the current pipeline: while it lives, the pipeline is not torn down. Empty
+// (after logging why, unless operation is null) when there is no pipeline or it is going.
+class Manager::Call {
+  public:
+    Call(Manager& manager, const char* operation) : visit(manager) {
+        std::shared_ptr<RequestLink> current;
+        bool shutting = false;
+        {
+            std::lock_guard<std::mutex> lock(manager.pipelineMutex);
+            current = manager.link;
+            shutting = manager.closed;
+        }
+        if (current) {
+            lease = current->enter();
+        }
+        if (lease || operation == nullptr) {
+            return;
+        }
+        if (!current && !shutting) {
+            logNotInitialized();
+        } else {
+            // The pipeline went (or is going) while this call came in.
+            KEL_LOG(Error, "Manager::%s refused: the library is shutting down", operation);
+        }
+    }
+
+    explicit operator bool() const { return static_cast<bool>(lease); }
+    ClientRequestManager& pipeline() const { return *lease.operator->(); }
+
+  private:
+    Visit visit;  // first in, last out
+    RequestLink::Lease lease;
+};
+
 Manager::Manager() {
     KEL_LOG(Debug, "kel::Manager: constructor");
 }
 
-Manager::~Manager() = default;
+Manager::~Manager() {
+    shutDown();
+    std::unique_lock<std::mutex> lock(pipelineMutex);
+    visitorsLeft.wait(lock, [this] { return visitors == 0; });
+}
+
+void Manager::shutDown() {
+    std::lock_guard<std::mutex> initLock(initMutex);
+    std::unique_ptr<ClientRequestManager> previous;
+    {
+        std::lock_guard<std::mutex> lock(pipelineMutex);
+        closed = true;
+        link.reset();
+        previous = std::move(clientRequestManager);
+    }
+    // Outside pipelineMutex: calls still inside must be able to leave meanwhile.
+    previous.reset();
+}
 
 Manager& Manager::getInstance() {
     static Manager instance;
@@ -61,62 +133,82 @@ Manager& Manager::getInstance() {
 }
 
 void Manager::init(int subscriptionId, bool useAdbLog) {
+    // From a listener: tearing down the old pipeline would join the very thread it runs on.
+    if (ClientRequestManager::onWorkerThread()) {
+        KEL_LOG(Error, "Manager::init(%d) refused on the worker thread", subscriptionId);
+        return;
+    }
+    Visit visit(*this);
+    std::lock_guard<std::mutex> initLock(initMutex);
+    {
+        std::lock_guard<std::mutex> lock(pipelineMutex);
+        if (closed) {
+            KEL_LOG(Error, "Manager::init(%d) refused: the library is shutting down",
+                    subscriptionId);
+            return;
+        }
+    }
     installLogWriter(useAdbLog);
     KEL_LOG(History, "Manager::init(%d)", subscriptionId);
     // The new pipeline is up before the old one is torn down; the brief overlap is deliberate.
-    auto previous = std::make_unique<ClientRequestManager>(subscriptionId);
-    clientRequestManager.swap(previous);
+    auto fresh = std::make_unique<ClientRequestManager>(subscriptionId);
+    std::unique_ptr<ClientRequestManager> previous;
+    {
+        std::lock_guard<std::mutex> lock(pipelineMutex);
+        link = fresh->getLink();
+        previous = std::exchange(clientRequestManager, std::move(fresh));
+    }
+    // Outside pipelineMutex: calls still inside the old pipeline must be able to leave.
+    previous.reset();
     if (this == processInstance) {
         // The process-wide Manager is destroyed at exit after everything constructed later, the
         // modem library's own state included, yet its pipeline still releases modem clients.
         // Registered once that state exists, this handler runs before it is destroyed.
         static std::once_flag exitHandler;
-        std::call_once(exitHandler, [] {
-            std::atexit([] { Manager::getInstance().clientRequestManager.reset(); });
-        });
+        std::call_once(exitHandler, [] { std::atexit([] { Manager::getInstance().shutDown(); }); });
     }
 }
 
 std::shared_ptr<IProfileKey> Manager::addProfile(const AddProfileParams& params) {
-    if (!clientRequestManager) {
-        logNotInitialized();
+    Call call(*this, "addProfile");
+    if (!call) {
         return nullptr;
     }
-    auto response = roundTrip<AddResponse>(*clientRequestManager, "addProfile",
-                                           std::make_shared<AddRequest>(params),
-                                           "Unable to cast to AddResponse");
+    auto response =
+        roundTrip<AddResponse>(call.pipeline(), "addProfile", std::make_shared<AddRequest>(params),
+                               "Unable to cast to AddResponse");
     // The status is not consulted: a failed add comes back as an empty key.
     return response ? response->getAddProfileKey() : nullptr;
 }
 
 bool Manager::modifyProfile(const ModifyProfileParams& params, std::shared_ptr<IProfileKey> key) {
-    if (!clientRequestManager) {
-        logNotInitialized();
+    Call call(*this, "modifyProfile");
+    if (!call) {
         return false;
     }
-    auto response = roundTrip<ModifyResponse>(*clientRequestManager, "modifyProfile",
+    auto response = roundTrip<ModifyResponse>(call.pipeline(), "modifyProfile",
                                               std::make_shared<ModifyRequest>(params, key),
                                               "Unable to cast to ModifyResponse");
     return response && response->getStatus() == Status::Success;
 }
 
 bool Manager::deleteProfile(std::shared_ptr<IProfileKey> key) {
-    if (!clientRequestManager) {
-        logNotInitialized();
+    Call call(*this, "deleteProfile");
+    if (!call) {
         return false;
     }
-    auto response = roundTrip<DeleteResponse>(*clientRequestManager, "deleteProfile",
+    auto response = roundTrip<DeleteResponse>(call.pipeline(), "deleteProfile",
                                               std::make_shared<DeleteRequest>(key),
                                               "Unable to cast to DeleteResponse");
     return response && response->getStatus() == Status::Success;
 }
 
 std::list<std::shared_ptr<IProfileKey>> Manager::filter(const FilterProfileParams& params) {
-    if (!clientRequestManager) {
-        logNotInitialized();
+    Call call(*this, "filter");
+    if (!call) {
         return {};
     }
-    auto response = roundTrip<FilterResponse>(*clientRequestManager, "filter",
+    auto response = roundTrip<FilterResponse>(call.pipeline(), "filter",
                                               std::make_shared<FilterRequest>(params),
                                               "Unable to cast to FilterResponse");
     // The status is not consulted: a failed filter comes back as an empty list.
@@ -124,14 +216,13 @@ std::list<std::shared_ptr<IProfileKey>> Manager::filter(const FilterProfileParam
 }
 
 std::optional<ProfileParams> Manager::getProfile(std::shared_ptr<IProfileKey> key) {
-    if (!clientRequestManager) {
-        logNotInitialized();
+    Call call(*this, "getProfile");
+    if (!call) {
         return std::nullopt;
     }
     // The only operation whose failed cast is reported with its own text.
-    auto response =
-        roundTrip<GetResponse>(*clientRequestManager, "getProfile",
-                               std::make_shared<GetRequest>(key), "Error in getProfile");
+    auto response = roundTrip<GetResponse>(
+        call.pipeline(), "getProfile", std::make_shared<GetRequest>(key), "Error in getProfile");
     if (!response || response->getStatus() != Status::Success) {
         return std::nullopt;
     }
@@ -139,11 +230,11 @@ std::optional<ProfileParams> Manager::getProfile(std::shared_ptr<IProfileKey> ke
 }
 
 bool Manager::match(const FilterProfileParams& params, std::shared_ptr<IProfileKey> key) {
-    if (!clientRequestManager) {
-        logNotInitialized();
+    Call call(*this, "match");
+    if (!call) {
         return false;
     }
-    auto response = roundTrip<MatchResponse>(*clientRequestManager, "match",
+    auto response = roundTrip<MatchResponse>(call.pipeline(), "match",
                                              std::make_shared<MatchRequest>(params, key),
                                              "Unable to cast to MatchResponse");
     // The status is not consulted: a failed match comes back as false.
@@ -151,11 +242,11 @@ bool Manager::match(const FilterProfileParams& params, std::shared_ptr<IProfileK
 }
 
 void Manager::refresh(PDCRefreshStatus status) {
-    if (!clientRequestManager) {
-        logNotInitialized();
+    Call call(*this, "refresh");
+    if (!call) {
         return;
     }
-    auto response = roundTrip<RefreshResponse>(*clientRequestManager, "refresh",
+    auto response = roundTrip<RefreshResponse>(call.pipeline(), "refresh",
                                                std::make_shared<RefreshRequest>(status),
                                                "Unable to cast to RefreshResponse");
     if (!response) {
@@ -171,8 +262,8 @@ void Manager::refresh(PDCRefreshStatus status) {
 
 std::vector<std::string> Manager::dump() {
     std::vector<std::string> lines;
-    if (clientRequestManager) {
-        lines = clientRequestManager->dump();
+    if (Call call(*this, nullptr); call) {
+        lines = call.pipeline().dump();
     }
     lines.emplace_back();
     lines.emplace_back("Logs:");
@@ -180,6 +271,28 @@ std::vector<std::string> Manager::dump() {
         lines.push_back(std::move(line));
     }
     return lines;
+}
+
+std::optional<ModemStatus> Manager::getModemStatus() {
+    Call call(*this, "getModemStatus");
+    if (!call) {
+        return std::nullopt;
+    }
+    KEL_LOG(History, "Manager::getModemStatus > ");
+    ModemStatus status = call.pipeline().getModemStatus();
+    KEL_LOG(History, "Manager::getModemStatus < %s", status.dump().c_str());
+    return status;
+}
+
+bool Manager::waitForModem(std::chrono::milliseconds timeout) {
+    Call call(*this, "waitForModem");
+    if (!call) {
+        return false;
+    }
+    KEL_LOG(History, "Manager::waitForModem > %lld ms", static_cast<long long>(timeout.count()));
+    const bool ready = call.pipeline().waitForModem(timeout);
+    KEL_LOG(History, "Manager::waitForModem < %s", ready ? "true" : "false");
+    return ready;
 }
 
 }  // namespace kel

@@ -230,17 +230,25 @@ bool ProfileCache::releaseProfile(unsigned long long token) {
     return true;
 }
 
-bool ProfileCache::refresh() {
-    // Every handle issued so far expires here; pending echoes are kept.
+void ProfileCache::expireAll() {
     profiles.clear();
     profiles.rehash(0);
-    for (std::shared_ptr<ModemProfile>& profile : vexWdsProxy.getAllProfiles()) {
+}
+
+bool ProfileCache::refresh() {
+    // Not loaded while the read runs, nor after a read that failed.
+    getStatusBoard().setCacheLoaded(false);
+    // Every handle issued so far expires here; pending echoes are kept.
+    expireAll();
+    bool listsRead = false;
+    for (std::shared_ptr<ModemProfile>& profile : vexWdsProxy.getAllProfiles(&listsRead)) {
         profiles.emplace(generateToken(), std::move(profile));
     }
     KEL_LOG(History, "Refreshed Profiles:");
     for (const auto& [token, profile] : profiles) {
         KEL_LOG(History, "%s", profile ? profile->dump().c_str() : "null");
     }
+    getStatusBoard().setCacheLoaded(listsRead);
     return true;
 }
 

@@ -52,6 +52,12 @@ class ProfileCache {
     void onIndication(ProfileChangedInd ind);
     // "Cache:", one line per entry, "Pending:", one line per expected echo.
     std::vector<std::string> dump();
+    // Drops every entry, expiring every handle: the listeners of handles still held run here.
+    // The worker calls it on its way out, so that listeners always run on the worker thread.
+    void expireAll();
+
+    // The modem link's status; unlike the cache itself, safe to use on any thread.
+    ModemStatusBoard& getStatusBoard() { return vexWdsProxy.getStatusBoard(); }
 
     // Tokens are process-wide and never reused; the first is 0.
     static unsigned long long generateToken();

@@ -232,6 +232,12 @@ std::shared_ptr<IProfileKey> Util::findOrCreateProfileForLteAttach(const Profile
             if (current && (!current->getIsKelProfile() || current->getIsIAProfile())) {
                 key = hit;
                 KEL_LOG(History, "kel Found an exact match modem or KEL IA profile for attach");
+            } else {
+                // The hit passed over is let go here, before the search goes on; the rest of its
+                // result stays held until the operation ends. It is the front of found, which
+                // was empty before this search.
+                hit.reset();
+                found.pop_front();
             }
         }
     }

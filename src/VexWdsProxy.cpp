@@ -98,7 +98,8 @@ VexWdsProxy::VexWdsProxy(EventManager& loop, int subscription)
     : eventManager(loop),
       subscriptionId(subscription),
       serviceObject(
-          wds_get_service_object_internal_v01(kServiceMajor, kServiceMinor, kServiceTool)) {
+          wds_get_service_object_internal_v01(kServiceMajor, kServiceMinor, kServiceTool)),
+      statusBoard(subscription) {
     eventManager.addEventHandler(svcUpFd.get(), handleSvcUp, this, nullptr, EPOLLIN);
     eventManager.addEventHandler(errorFd.get(), handleError, this, nullptr, EPOLLIN);
     eventManager.addEventHandler(indFd.get(), handleIndication, this, nullptr, EPOLLIN);
@@ -199,17 +200,21 @@ void VexWdsProxy::onSvcUp() {
 }
 
 void VexWdsProxy::registerVexIndications() {
-    // Failures are logged one by one; each registration is still attempted.
+    // Failures are logged one by one; each registration is still attempted. None is retried: a
+    // failed bind leaves the client on the modem's default subscription, deliberately, and the
+    // status is all that tells a client so.
     wds_bind_subscription_req_msg_v01 bindReq{};
     wds_bind_subscription_resp_msg_v01 bindResp{};
     bindReq.subscription = static_cast<wds_bind_subscription_enum_v01>(subscriptionId);
-    logOutcome(sendSync(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, bindReq, bindResp), kBind);
+    const bool bound =
+        logOutcome(sendSync(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, bindReq, bindResp), kBind);
 
     wds_indication_register_req_msg_v01 indReq{};
     wds_indication_register_resp_msg_v01 indResp{};
     indReq.report_profile_changed_events_valid = 1;
     indReq.report_profile_changed_events = 1;
-    logOutcome(sendSync(VEX_WDS_INDICATION_REGISTER_REQ_V01, indReq, indResp), kIndicationRegister);
+    const bool indications = logOutcome(
+        sendSync(VEX_WDS_INDICATION_REGISTER_REQ_V01, indReq, indResp), kIndicationRegister);
 
     wds_configure_profile_event_list_req_msg_v01 configReq{};
     wds_configure_profile_event_list_resp_msg_v01 configResp{};
@@ -220,8 +225,11 @@ void VexWdsProxy::registerVexIndications() {
     configReq.profile_event_register[0].profile_index = kAllProfiles;
     configReq.report_profile_events_valid = 1;
     configReq.report_profile_events = 1;
-    logOutcome(sendSync(VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01, configReq, configResp),
-               kEventList);
+    const bool events = logOutcome(
+        sendSync(VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01, configReq, configResp), kEventList);
+
+    // Published only now, so that no reader sees the client without its registrations' outcome.
+    statusBoard.linkUp(bound, indications && events);
 }
 
 void VexWdsProxy::vexErrorCb(vex_client_type, vex_client_error_type, void* data) {
@@ -248,6 +256,7 @@ void VexWdsProxy::onModemDown() {
         vex_client_release(client);
         client = nullptr;
     }
+    statusBoard.linkDown();
     KEL_LOG(Info, "Handling modem down");
     registerVexSvcUp();
 }
@@ -383,8 +392,11 @@ std::shared_ptr<ModemProfile> VexWdsProxy::get(TechType techType, int profileId)
     return nullptr;
 }
 
-std::list<std::shared_ptr<ModemProfile>> VexWdsProxy::getAllProfiles() {
+std::list<std::shared_ptr<ModemProfile>> VexWdsProxy::getAllProfiles(bool* listsRead) {
     std::list<std::shared_ptr<ModemProfile>> profiles;
+    if (listsRead != nullptr) {
+        *listsRead = false;
+    }
     if (client == nullptr) {
         return profiles;
     }
@@ -410,7 +422,18 @@ std::list<std::shared_ptr<ModemProfile>> VexWdsProxy::getAllProfiles() {
             profiles.push_back(get(convertProfileType(entry.profile_type), entry.profile_index));
         }
     }
+    if (listsRead != nullptr) {
+        *listsRead = true;
+    }
     return profiles;
+}
+
+bool VexWdsProxy::countOutcome(vex_client_error_type rc, bool resultSuccess) {
+    const bool ok = rc == VEX_NO_ERR && resultSuccess;
+    if (!ok) {
+        statusBoard.countFailedMessage(rc == VEX_ERR_TIMEOUT);
+    }
+    return ok;
 }
 
 }  // namespace kel

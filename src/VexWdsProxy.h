@@ -20,6 +20,7 @@
 #include "EventFd.h"
 #include "EventManager.h"
 #include "ModemProfile.h"
+#include "ModemStatusBoard.h"
 #include "kel/ProfileParams.h"
 #include "vex/vex_client.h"
 #include "vex/wireless_data_service_v01.h"
@@ -78,8 +79,12 @@ class VexWdsProxy {
     // The modem's settings of one profile; empty when it cannot be read.
     std::shared_ptr<ModemProfile> get(TechType techType, int profileId);
     // Every profile, 3GPP first, then 3GPP2; an entry is empty where its read failed. Empty at
-    // once while there is no client.
-    std::list<std::shared_ptr<ModemProfile>> getAllProfiles();
+    // once while there is no client. *listsRead (when given) tells whether both profile lists
+    // were read.
+    std::list<std::shared_ptr<ModemProfile>> getAllProfiles(bool* listsRead = nullptr);
+
+    // The link's status, published here on the worker thread; read it on any thread.
+    ModemStatusBoard& getStatusBoard() { return statusBoard; }
 
   private:
     static void handleSvcUp(int fd, void* data);
@@ -101,10 +106,12 @@ class VexWdsProxy {
     // words); true only when the send and the modem's result both succeed.
     template <typename Req, typename Resp>
     bool sendSync(unsigned int msgId, Req& req, Resp& resp) {
-        return vex_client_send_msg_sync(client, msgId, &req, sizeof(req), &resp, sizeof(resp),
-                                        kTimeoutMs) == VEX_NO_ERR &&
-               resp.resp.result == VEX_RESULT_SUCCESS_V01;
+        const vex_client_error_type rc = vex_client_send_msg_sync(client, msgId, &req, sizeof(req),
+                                                                  &resp, sizeof(resp), kTimeoutMs);
+        return countOutcome(rc, resp.resp.result == VEX_RESULT_SUCCESS_V01);
     }
+    // Whether a message succeeded; a failed one is counted in the status.
+    bool countOutcome(vex_client_error_type rc, bool resultSuccess);
 
     static constexpr unsigned int kTimeoutMs = 1000;
 
@@ -120,6 +127,7 @@ class VexWdsProxy {
     EventFd errorFd;
     EventFd indFd;
     ProfileChangedIndCb profileChangedIndCb;
+    ModemStatusBoard statusBoard;
 };
 
 }  // namespace kel

@@ -1,6 +1,6 @@
 // Requests: what a client call carries to the library's worker thread. Built by Manager (and by
 // a profile handle for CallbackRequest), always held as std::shared_ptr and never changed once
-// handed over.
+// handed over. Their dumps, logged for every call, carry profile passwords in clear.
 #ifndef KEL_CLIENT_REQUEST_H
 #define KEL_CLIENT_REQUEST_H
 

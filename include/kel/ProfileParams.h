@@ -161,7 +161,8 @@ class KEL_EXPORT ProfileParams {
     bool getIsKelProfile() const { return isKelProfile.value_or(false); }
     bool getIsIAProfile() const { return isIAProfile.value_or(false); }
 
-    // One line of the present fields, "Label=value," each, in a fixed order; "" when none.
+    // One line of the present fields, "Label=value," each, in a fixed order; "" when none. The
+    // password is written in clear, here and so in every log line and Manager::dump.
     virtual std::string dump() const;
 
   protected:

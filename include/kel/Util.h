@@ -4,6 +4,10 @@
 //
 // Every operation makes several blocking Manager calls: call on a client thread, never on the
 // library's worker thread. A Util holds no lock; set the update flag before sharing it.
+//
+// The operations neither wait for the modem link nor look at its status: before the link is ready
+// (Manager::waitForModem) a search finds nothing and the operation goes on to create a profile.
+// A search and the modify or add that follows are not atomic, and a failed modify is ignored.
 #ifndef KEL_UTIL_H
 #define KEL_UTIL_H
 

@@ -84,6 +84,59 @@ class Calls {
     int calls = 0;
 };
 
+// Lets a test wait for the library's log lines: installed as the library's writer, it still
+// writes to the Android log (so the capture sees every line) and records each message. Manager::
+// init installs its own writer, so install() again after every init.
+class LogWatch {
+  public:
+    void install() {
+        kel::LogWrapper::getInstance()->setLogWriter(std::make_unique<Writer>(lines));
+    }
+    // Messages that start with prefix, so far.
+    int count(const std::string& prefix) const {
+        std::lock_guard<std::mutex> lock(lines->mutex);
+        return countLocked(prefix);
+    }
+    // Waits until at least expected messages start with prefix.
+    bool waitFor(const std::string& prefix, int expected = 1) const {
+        std::unique_lock<std::mutex> lock(lines->mutex);
+        return lines->added.wait_for(lock, kTimeout,
+                                     [&] { return countLocked(prefix) >= expected; });
+    }
+
+  private:
+    struct Lines {
+        std::mutex mutex;  // guards messages
+        std::condition_variable added;
+        std::vector<std::string> messages;
+    };
+    class Writer : public kel::AdbWriter {
+      public:
+        explicit Writer(std::shared_ptr<Lines> target) : lines(std::move(target)) {}
+        void write(kel::LogLevel level, std::string tag, std::string message) override {
+            kel::AdbWriter::write(level, tag, message);
+            {
+                std::lock_guard<std::mutex> lock(lines->mutex);
+                lines->messages.push_back(std::move(message));
+            }
+            lines->added.notify_all();
+        }
+
+      private:
+        std::shared_ptr<Lines> lines;
+    };
+
+    int countLocked(const std::string& prefix) const {
+        int found = 0;
+        for (const std::string& message : lines->messages) {
+            found += message.rfind(prefix, 0) == 0 ? 1 : 0;
+        }
+        return found;
+    }
+
+    std::shared_ptr<Lines> lines = std::make_shared<Lines>();
+};
+
 // The token a handle carries, read from its dump ("3GPP:3 token=12").
 inline unsigned long long tokenOf(const std::shared_ptr<kel::IProfileKey>& key) {
     const std::string text = key->dump();

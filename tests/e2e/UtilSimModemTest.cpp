@@ -403,6 +403,37 @@ TEST_F(UtilSimModemTest, AttachNeverTakesOverADataCallProfileAndCreatesAPersiste
     EXPECT_TRUE(onModem(k3gpp, attachId));
 }
 
+TEST_F(UtilSimModemTest, AttachLetsGoOfAPassedOverExactMatchBeforeSearchingOn) {
+    std::shared_ptr<IProfileKey> dataCall = util.findOrCreateProfileForSetupDataCall(
+        TechType::TYPE_3GPP, apnParams("corp.example", IPType::V4));
+    ASSERT_TRUE(dataCall);
+    const std::string release =
+        "ProfileCache: releaseProfile token=" + std::to_string(e2e::tokenOf(dataCall));
+    clearLogs();
+
+    util.findOrCreateProfileForLteAttach(apnParams("corp.example", IPType::V4));
+
+    // The history keeps both lines (History level), in order, after its time stamp.
+    std::vector<std::string> lines;
+    for (const std::string& line : LocalLogBuffer::getInstance()->getLogs()) {
+        lines.push_back(line.substr(line.find("[KEL]") + 5));
+    }
+    const auto startsWith = [](const std::string& prefix) {
+        return [prefix](const std::string& line) { return line.rfind(prefix, 0) == 0; };
+    };
+    const auto exactFilter =
+        std::find_if(lines.begin(), lines.end(), startsWith("Manager::filter > "));
+    ASSERT_NE(exactFilter, lines.end());
+    const auto looseFilter =
+        std::find_if(std::next(exactFilter), lines.end(), startsWith("Manager::filter > "));
+    ASSERT_NE(looseFilter, lines.end());
+    // The data-call profile's handle from the exact search, and only that one, goes in between;
+    // the test's own handle keeps the profile.
+    EXPECT_EQ(std::count(exactFilter, looseFilter, release), 1);
+    EXPECT_EQ(std::count(looseFilter, lines.end(), release), 0);
+    EXPECT_TRUE(onModem(k3gpp, dataCall->getProfileId()));
+}
+
 struct LooseAttachCase {
     const char* name;
     bool updateAllowed;

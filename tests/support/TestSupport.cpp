@@ -1,5 +1,6 @@
 #include "support/TestSupport.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
@@ -18,6 +19,25 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
     std::error_code ignored;
     std::filesystem::remove_all(dirPath, ignored);
+}
+
+Watchdog::Watchdog(std::string what, std::chrono::seconds limit)
+    : thread([this, what = std::move(what), limit] {
+          std::unique_lock<std::mutex> lock(mutex);
+          if (!finished.wait_for(lock, limit, [this] { return done; })) {
+              std::fprintf(stderr, "watchdog: %s did not finish within %lld s\n", what.c_str(),
+                           static_cast<long long>(limit.count()));
+              std::abort();
+          }
+      }) {}
+
+Watchdog::~Watchdog() {
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        done = true;
+    }
+    finished.notify_all();
+    thread.join();
 }
 
 std::string sourceDir() {

@@ -2,7 +2,11 @@
 #ifndef KELR_TESTS_TEST_SUPPORT_H
 #define KELR_TESTS_TEST_SUPPORT_H
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
+#include <thread>
 
 namespace testsupport {
 
@@ -20,6 +24,22 @@ class TempDir {
 
   private:
     std::string dirPath;
+};
+
+// Turns a hang into a failure: unless it is destroyed within the limit, it reports what hung on
+// standard error and aborts the process, so the test fails instead of stalling the suite.
+class Watchdog {
+  public:
+    Watchdog(std::string what, std::chrono::seconds limit);
+    ~Watchdog();
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+
+  private:
+    std::mutex mutex;  // guards done
+    std::condition_variable finished;
+    bool done = false;
+    std::thread thread;
 };
 
 // The repository's source directory (for shipped seed and carrier files).

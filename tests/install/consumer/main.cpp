@@ -1,8 +1,9 @@
 // Uses the installed library as a client would: builds and prints a parameter set and reads the
-// facade's dump, which works before init.
+// facade's dump and the modem status, which work before init.
 #include <kel/Manager.h>
 #include <kel/ProfileParams.h>
 
+#include <chrono>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -20,6 +21,11 @@ int main() {
         std::cerr << "filter before init returned profiles\n";
         return 1;
     }
+    if (manager.getModemStatus() || manager.waitForModem(std::chrono::milliseconds(0))) {
+        std::cerr << "a modem status before init\n";
+        return 1;
+    }
+    std::cout << "status: " << kel::ModemStatus().dump() << '\n';
     std::vector<std::string> lines = manager.dump();
     for (const std::string& line : lines) {
         std::cout << "dump: " << line << '\n';

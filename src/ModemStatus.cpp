@@ -1,0 +1,99 @@
+#include <algorithm>
+#include <cstdlib>
+#include <limits>
+#include <sstream>
+
+#include "LocalLogBuffer.h"
+#include "ModemStatusBoard.h"
+
+namespace kel {
+
+namespace {
+
+// Counters abort rather than wrap, as every counter of the library does.
+void increment(std::uint64_t& counter) {
+    if (counter == std::numeric_limits<std::uint64_t>::max()) {
+        KEL_LOG(Error, "ModemStatus: counter exhausted");
+        std::abort();
+    }
+    ++counter;
+}
+
+}  // namespace
+
+std::string ModemStatus::dump() const {
+    std::ostringstream os;
+    os << std::boolalpha << "SubscriptionId=" << subscriptionId << ",Connected=" << connected
+       << ",Bound=" << bound << ",Registered=" << registered << ",CacheLoaded=" << cacheLoaded
+       << ",FailedMessages=" << failedMessages << ",TimedOutMessages=" << timedOutMessages
+       << ",Connections=" << connections << ",";
+    return os.str();
+}
+
+ModemStatusBoard::ModemStatusBoard(int subscriptionId) {
+    status.subscriptionId = subscriptionId;
+}
+
+ModemStatus ModemStatusBoard::get() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return status;
+}
+
+void ModemStatusBoard::update(const std::function<void(ModemStatus&)>& change) {
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        change(status);
+    }
+    changed.notify_all();
+}
+
+void ModemStatusBoard::linkUp(bool bound, bool registered) {
+    update([bound, registered](ModemStatus& now) {
+        now.connected = true;
+        now.bound = bound;
+        now.registered = registered;
+        now.cacheLoaded = false;
+        increment(now.connections);
+    });
+}
+
+void ModemStatusBoard::linkDown() {
+    update([](ModemStatus& now) {
+        now.connected = false;
+        now.bound = false;
+        now.registered = false;
+        now.cacheLoaded = false;
+    });
+}
+
+void ModemStatusBoard::setCacheLoaded(bool loaded) {
+    update([loaded](ModemStatus& now) { now.cacheLoaded = loaded; });
+}
+
+void ModemStatusBoard::countFailedMessage(bool timedOut) {
+    // Nobody waits for a count, so the waiters are not woken.
+    std::lock_guard<std::mutex> lock(mutex);
+    increment(status.failedMessages);
+    if (timedOut) {
+        increment(status.timedOutMessages);
+    }
+}
+
+bool ModemStatusBoard::waitUntilReady(std::chrono::milliseconds timeout) {
+    const std::chrono::milliseconds bounded =
+        std::clamp<std::chrono::milliseconds>(timeout, std::chrono::milliseconds::zero(), kMaxWait);
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait_for(lock, bounded,
+                     [this] { return closed || status.isReady() || status.isBroken(); });
+    return !closed && status.isReady();
+}
+
+void ModemStatusBoard::close() {
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        closed = true;
+    }
+    changed.notify_all();
+}
+
+}  // namespace kel

@@ -5,6 +5,8 @@
 #include <optional>
 #include <sstream>
 
+#include "CarrierApply.h"
+#include "InputFile.h"
 #include "ValueNames.h"
 #include "kel/Manager.h"
 
@@ -119,6 +121,8 @@ std::vector<ProfileRow> rowsFor(Session& session,
     return rows;
 }
 
+}  // namespace
+
 std::vector<ProfileRow> snapshot(Session& session) {
     return rowsFor(session, manager().filter(kel::FilterProfileParams()));
 }
@@ -132,9 +136,22 @@ const ProfileRow* findRow(const std::vector<ProfileRow>& rows, kel::TechType tec
     return nullptr;
 }
 
+namespace {
+
 std::string quoteIfNeeded(const std::string& text) {
     return text.find_first_of(" \t") == std::string::npos && !text.empty() ? text
                                                                            : "\"" + text + "\"";
+}
+
+}  // namespace
+
+std::map<std::string, std::string> fieldMap(const ProfileRow& row) {
+    std::map<std::string, std::string> fields;
+    for (const auto& [key, value] : settingsFields(row.params)) {
+        fields[key] = value;
+    }
+    fields["flags"] = flagsText(row.params);
+    return fields;
 }
 
 std::string rowSummary(const ProfileRow& row) {
@@ -153,17 +170,7 @@ std::string rowSummary(const ProfileRow& row) {
     return text;
 }
 
-std::map<std::string, std::string> fieldMap(const ProfileRow& row) {
-    std::map<std::string, std::string> fields;
-    for (const auto& [key, value] : settingsFields(row.params)) {
-        fields[key] = value;
-    }
-    fields["flags"] = flagsText(row.params);
-    return fields;
-}
-
-// "types: default -> default,mms; ip: v4 -> v4v6"; empty when nothing differs.
-std::string fieldChanges(const ProfileRow& before, const ProfileRow& after) {
+std::vector<SettingChange> settingChanges(const ProfileRow& before, const ProfileRow& after) {
     const auto old = fieldMap(before);
     const auto now = fieldMap(after);
     std::set<std::string> keys;
@@ -173,17 +180,33 @@ std::string fieldChanges(const ProfileRow& before, const ProfileRow& after) {
     for (const auto& [key, value] : now) {
         keys.insert(key);
     }
-    std::string text;
+    std::vector<SettingChange> changes;
     for (const auto& key : keys) {
         const auto o = old.find(key);
         const auto n = now.find(key);
         const std::string from = o == old.end() ? "-" : o->second;
         const std::string to = n == now.end() ? "-" : n->second;
         if (from != to) {
-            text += (text.empty() ? "" : "; ") + key + ": " + from + " -> " + to;
+            changes.push_back({key, from, to});
         }
     }
+    return changes;
+}
+
+std::string changesText(const std::vector<SettingChange>& changes) {
+    std::string text;
+    for (const auto& change : changes) {
+        text +=
+            (text.empty() ? "" : "; ") + change.setting + ": " + change.from + " -> " + change.to;
+    }
     return text;
+}
+
+namespace {
+
+// "types: default -> default,mms; ip: v4 -> v4v6"; empty when nothing differs.
+std::string fieldChanges(const ProfileRow& before, const ProfileRow& after) {
+    return changesText(settingChanges(before, after));
 }
 
 // One line per profile that appeared, changed or went.
@@ -523,87 +546,22 @@ bool cmdApplyTypes(Session& session, const Invocation& inv, CommandResult* resul
     return true;
 }
 
-std::string entriesText(std::size_t count) {
-    return std::to_string(count) + (count == 1 ? " entry" : " entries");
-}
-
-std::string carrierHeader(const Invocation& inv) {
-    const CarrierPlan& plan = *inv.carrier;
-    const Args& args = inv.args;
-    std::string who = "mcc " + args.mcc + " mnc " + args.mnc;
-    if (!args.mvnoType.empty()) {
-        who += " " + args.mvnoType + " \"" + args.mvnoMatch + "\"";
-    }
-    return "carrier " + who + ": " + std::to_string(plan.entries.size()) + " of " +
-           entriesText(plan.entriesInFile) + " in " + plan.file + "\n";
-}
-
-// "  line 14 (Testnet Internet): "
-std::string entryLabel(const CarrierEntry& entry) {
-    std::string label = "  line " + std::to_string(entry.line);
-    if (!entry.carrier.empty()) {
-        label += " (" + entry.carrier + ")";
-    }
-    return label + ": ";
-}
-
-std::string carrierDetails(const CarrierPlan& plan) {
-    std::string text;
-    for (const auto& entry : plan.entries) {
-        const std::string where = entryLabel(entry);
-        if (!entry.ignoredAttributes.empty()) {
-            std::string names;
-            for (const auto& name : entry.ignoredAttributes) {
-                names += (names.empty() ? "" : ", ") + name;
-            }
-            text += where + "ignored attributes: " + names + "\n";
-        }
-        for (const auto& type : entry.ignoredTypes) {
-            text += where + "ignored APN type: " + type + "\n";
-        }
-    }
-    return text;
-}
-
-std::string carrierDryRun(const Invocation& inv) {
-    const CarrierPlan& plan = *inv.carrier;
-    std::string text = "would update APN types with " + entriesText(plan.entries.size()) +
-                       (inv.args.allowUpdate ? " (updates allowed)" : "") + ":\n";
-    for (const auto& entry : plan.entries) {
-        text += entryLabel(entry) + settingsLine(entry.settings) + "\n";
-    }
-    if (const CarrierEntry* attach = plan.attachEntry()) {
-        text += "would find or create the attach profile:\n" + entryLabel(*attach) +
-                settingsLine(attach->settings) + "\n";
-    }
-    return text;
-}
-
 bool cmdCarrier(Session& session, const Invocation& inv, CommandResult* result) {
-    result->output = carrierHeader(inv);
-    if (inv.args.verbose) {
-        result->output += carrierDetails(*inv.carrier);
+    CarrierReport report;
+    const bool applied = runCarrier(session, inv, &report);
+    result->output = inv.args.json ? carrierJson(report).dump(
+                                         2, ' ', false, nlohmann::json::error_handler_t::replace) +
+                                         "\n"
+                                   : carrierText(report);
+    for (const auto& warning : report.warnings) {
+        result->notes += "kelctl: carrier: " + escapeText(warning) + "\n";
     }
-    if (inv.args.dryRun) {
-        result->output += carrierDryRun(inv);
-        return true;
+    if (!applied) {
+        result->error = std::to_string(report.notApplied.size()) +
+                        (report.notApplied.size() == 1 ? " setting was" : " settings were") +
+                        " not applied (the \"not applied\" lines name them)";
     }
-    session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
-    const auto before = snapshot(session);
-    session.util.updateAPNTypeBitmaskOnModemProfile(inv.carrier->typeUpdates());
-    result->output += describeChanges(before, snapshot(session));
-    if (const CarrierEntry* attach = inv.carrier->attachEntry()) {
-        const auto beforeAttach = snapshot(session);
-        const auto key = session.util.findOrCreateProfileForLteAttach(attach->settings);
-        if (!key) {
-            result->error = "line " + std::to_string(attach->line) +
-                            ": no attach profile fits, and the modem did not add one";
-            return false;
-        }
-        bool created = false;
-        result->output += "attach: " + outcome(beforeAttach, snapshot(session), key, &created);
-    }
-    return true;
+    return applied;
 }
 
 bool cmdDrop(Session& session, const Invocation& inv, CommandResult* result) {
@@ -675,7 +633,7 @@ const std::vector<CommandSpec>& commands() {
         {"apply-types", "", "spread each APN's types over its profiles (--apn, --types)",
          kSettings | kAllowUpdate | kEntries, 0, 0, kChangesModem, cmdApplyTypes},
         {"carrier", "FILE", "apply one carrier's entries of a carrier APN database",
-         kCarrier | kAllowUpdate, 1, 1, kChangesModem, cmdCarrier},
+         kCarrier | kAllowUpdate | kJson, 1, 1, kChangesModem, cmdCarrier},
         {"drop", "NAME...", "release named handles", 0, 1, 64, kScriptOnly, cmdDrop},
         {"handles", "", "the named handles", 0, 0, 0, kScriptOnly, cmdHandles},
     };
@@ -766,12 +724,12 @@ bool loadCarrierPlan(Invocation* inv, std::string* error) {
         *error = "--mvno-type and --mvno-match go together";
         return false;
     }
-    auto plan = std::make_shared<CarrierPlan>();
+    auto selection = std::make_shared<CarrierSelection>();
     const CarrierSelector selector{args.mcc, args.mnc, args.mvnoType, args.mvnoMatch};
-    if (!loadCarrier(args.positional.front(), selector, plan.get(), error)) {
+    if (!loadCarrier(args.positional.front(), selector, selection.get(), error)) {
         return false;
     }
-    inv->carrier = std::move(plan);
+    inv->carrier = std::move(selection);
     return true;
 }
 
@@ -789,23 +747,6 @@ bool prepareInvocation(const CommandSpec& definition, const std::vector<std::str
     if (std::string(definition.name) == "carrier") {
         return loadCarrierPlan(invocation, error);
     }
-    return true;
-}
-
-bool needsModem(const Invocation& invocation) {
-    return !(invocation.carrier && invocation.args.dryRun);
-}
-
-bool runOffline(const Invocation& invocation, CommandResult* result) {
-    if (!invocation.carrier) {
-        result->error = "needs a modem";
-        return false;
-    }
-    result->output = carrierHeader(invocation);
-    if (invocation.args.verbose) {
-        result->output += carrierDetails(*invocation.carrier);
-    }
-    result->output += carrierDryRun(invocation);
     return true;
 }
 

@@ -46,13 +46,14 @@ struct CommandSpec;
 struct Invocation {
     const CommandSpec* definition = nullptr;
     Args args;
-    std::shared_ptr<const CarrierPlan> carrier;  // carrier: the file, read and checked
+    std::shared_ptr<const CarrierSelection> carrier;  // carrier: the file, read and checked
 };
 
 // What a command produced.
 struct CommandResult {
     std::string output;  // for standard output
     std::string error;   // set on failure
+    std::string notes;   // for standard error: warnings and notes, one line each
     // A profile the library made without persistence: it goes with the last handle to it.
     std::string transientProfile;
     // The profile handle a script line may name (add, data-call, emergency, attach, filter).
@@ -88,11 +89,23 @@ bool prepareInvocation(const CommandSpec& definition, const std::vector<std::str
                        GlobalOptions* globals, const std::set<std::string>* knownHandles,
                        Invocation* invocation, std::string* error);
 
-// Whether the invocation needs a modem (a carrier dry run does not).
-bool needsModem(const Invocation& invocation);
+// One setting that differs between two states of a profile; "-" stands for absent.
+struct SettingChange {
+    std::string setting;  // as settingsFields names it, or "flags"
+    std::string from;
+    std::string to;
+};
 
-// Runs an invocation that needs no modem.
-bool runOffline(const Invocation& invocation, CommandResult* result);
+// The modem's profiles as the library holds them now, ordered by technology and index.
+std::vector<ProfileRow> snapshot(Session& session);
+const ProfileRow* findRow(const std::vector<ProfileRow>& rows, kel::TechType tech, int id);
+// "3gpp:1 name=internet apn=internet ... flags=kel".
+std::string rowSummary(const ProfileRow& row);
+// The present settings by name, with "flags".
+std::map<std::string, std::string> fieldMap(const ProfileRow& row);
+std::vector<SettingChange> settingChanges(const ProfileRow& before, const ProfileRow& after);
+// "types: default -> default,mms; ip: v4 -> v4v6".
+std::string changesText(const std::vector<SettingChange>& changes);
 
 // "Usage: kelctl add [options]" with the summary and the command's options.
 std::string commandHelp(const CommandSpec& definition);

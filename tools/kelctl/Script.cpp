@@ -5,10 +5,11 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <set>
+#include <sstream>
 
+#include "InputFile.h"
 #include "ValueNames.h"
 
 namespace kelctl {
@@ -36,6 +37,15 @@ bool settleGlobals(GlobalOptions* globals, std::string* error) {
     }
     if (!globals->modemDir.empty() && (!globals->seedFile.empty() || !globals->stateFile.empty())) {
         *error = "--seed and --state are for the embedded modem, not a running one";
+        return false;
+    }
+    // Checked before any modem starts; the state file may not exist yet.
+    if (!globals->seedFile.empty() && !checkInputFile(globals->seedFile, false, error)) {
+        *error = "--seed " + *error;
+        return false;
+    }
+    if (!globals->stateFile.empty() && !checkInputFile(globals->stateFile, true, error)) {
+        *error = "--state " + *error;
         return false;
     }
     return true;
@@ -98,6 +108,7 @@ int executeLine(Session& session, const ScriptLine& line, const std::string& whe
     CommandResult result;
     const bool ok = definition.run(session, line.invocation, &result);
     channel.print(result.output);
+    channel.error(result.notes);
     if (!ok) {
         channel.error(where + definition.name + ": " + result.error + "\n");
         reportGoneHandles(session, where);
@@ -289,15 +300,11 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
     std::string error;
     if (!prepareInvocation(definition, words, &globals, nullptr, &invocation, &error) ||
         !settleGlobals(&globals, &error)) {
-        channel.error(name + error + "\n");
+        // Input files are quoted in errors: escaped, never raw bytes.
+        channel.error(name + escapeText(error) + "\n");
         return kExitUsage;
     }
     CommandResult result;
-    if (!needsModem(invocation)) {
-        runOffline(invocation, &result);
-        channel.print(result.output);
-        return kExitOk;
-    }
     ModemLink link;
     if (!openLink(globals, channel, &link)) {
         return kExitFailed;
@@ -305,13 +312,14 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
     Session session(link, channel);
     const bool ok = definition.run(session, invocation, &result);
     channel.print(result.output);
+    channel.error(result.notes);
     if (!result.transientProfile.empty()) {
         note(channel, "kelctl: ",
              result.transientProfile +
                  " is not persistent: the library deletes it when kelctl exits and lets go of its "
                  "handle (--persistent keeps it; kelctl shell or run can hold the handle)");
-    } else if (ok && definition.has(kChangesModem) && link.isEmbedded() &&
-               globals.stateFile.empty()) {
+    } else if (ok && definition.has(kChangesModem) && !invocation.args.dryRun &&
+               link.isEmbedded() && globals.stateFile.empty()) {
         note(channel, "kelctl: ",
              "the embedded modem starts from its seed on every run; --state FILE keeps its "
              "profiles from one run to the next");
@@ -334,15 +342,16 @@ int runScriptFile(const std::vector<std::string>& words, GlobalOptions globals, 
         }
     }
     if (!parseScriptOptions(words, 1, &globals, &args, &error)) {
-        channel.error("kelctl: run: " + error + "\n");
+        channel.error("kelctl: run: " + escapeText(error) + "\n");
         return kExitUsage;
     }
     const std::string& file = args.positional.front();
-    std::ifstream in(file);
-    if (!in) {
-        channel.error("kelctl: run: " + file + ": cannot read\n");
+    std::string content;
+    if (!readInputFile(file, &content, &error)) {
+        channel.error("kelctl: run: " + escapeText(error) + "\n");
         return kExitUsage;
     }
+    std::istringstream in(content);
     std::vector<ScriptLine> lines;
     std::set<std::string> known;
     std::string text;
@@ -351,24 +360,24 @@ int runScriptFile(const std::vector<std::string>& words, GlobalOptions globals, 
         ScriptLine line;
         bool blank = false;
         if (!parseLine(text, &known, &line, &blank, &error)) {
-            channel.error(file + ":" + std::to_string(number) + ": " + error + "\n");
+            // The line's words come from the file: escaped, never printed raw.
+            channel.error(escapeText(file) + ":" + std::to_string(number) + ": " +
+                          escapeText(error) + "\n");
             return kExitUsage;
         }
         if (!blank) {
             line.number = number;
-            modemNeeded = modemNeeded || (line.help.empty() && needsModem(line.invocation));
+            modemNeeded = modemNeeded || line.help.empty();
             lines.push_back(std::move(line));
         }
     }
     if (!modemNeeded) {
-        // Only dry runs and help: no modem is started.
+        // Only help: no modem is started.
         for (const auto& line : lines) {
             if (args.echo) {
                 channel.print("> " + line.text + "\n");
             }
-            CommandResult result;
-            runOffline(line.invocation, &result);
-            channel.print(line.help.empty() ? result.output : line.help);
+            channel.print(line.help);
         }
         return kExitOk;
     }
@@ -399,7 +408,7 @@ int runShell(const std::vector<std::string>& words, GlobalOptions globals, Chann
         }
     }
     if (!parseScriptOptions(words, 0, &globals, &args, &error)) {
-        channel.error("kelctl: shell: " + error + "\n");
+        channel.error("kelctl: shell: " + escapeText(error) + "\n");
         return kExitUsage;
     }
     ModemLink link;
@@ -425,7 +434,7 @@ int runShell(const std::vector<std::string>& words, GlobalOptions globals, Chann
         ScriptLine line;
         bool blank = false;
         if (!parseLine(text, &known, &line, &blank, &error)) {
-            channel.error(where + error + "\n");
+            channel.error(where + escapeText(error) + "\n");
             status = std::max<int>(status, kExitUsage);
             continue;
         }

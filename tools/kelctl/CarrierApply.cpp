@@ -398,17 +398,17 @@ std::string entryLabel(int line, const std::string& carrier) {
 std::vector<std::string> entryDetails(const CarrierSelection& selection) {
     std::vector<std::string> details;
     for (const auto& entry : selection.entries) {
-        const std::string where = "  " + entryLabel(entry.line, entry.carrier) + ": ";
+        const std::string where = "  " + entryLabel(entry.line, escapeText(entry.carrier)) + ": ";
         details.push_back(where + settingsLine(entry.settings));
         if (!entry.ignoredAttributes.empty()) {
             std::string names;
             for (const auto& name : entry.ignoredAttributes) {
-                names += (names.empty() ? "" : ", ") + name;
+                names += (names.empty() ? "" : ", ") + escapeText(name);
             }
             details.push_back(where + "ignored attributes: " + names);
         }
         for (const auto& type : entry.ignoredTypes) {
-            details.push_back(where + "ignored APN type: " + type);
+            details.push_back(where + "ignored APN type: " + escapeText(type));
         }
     }
     return details;
@@ -573,7 +573,7 @@ std::string carrierText(const CarrierReport& report) {
                        (report.inFile == 1 ? " entry" : " entries") + " in " +
                        escapeText(report.file) + "\n";
     for (const auto& detail : report.details) {
-        text += escapeText(detail) + "\n";
+        text += detail + "\n";
     }
     const std::string verb = report.dryRun ? "would update " : "updated ";
     for (const auto& update : report.updates) {

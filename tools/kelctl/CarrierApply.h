@@ -62,7 +62,8 @@ struct CarrierReport {
     bool dryRun = false;
     bool allowUpdate = false;
     std::vector<std::string> warnings;  // "FILE:LINE: warning: ..." / "FILE:LINE: note: ..."
-    // --verbose: per entry, its settings, then the attributes and types it ignores.
+    // --verbose: per entry, its settings, then the attributes and types it ignores; names from
+    // the file escaped.
     std::vector<std::string> details;
     std::vector<ProfileUpdate> updates;
     std::optional<AttachReport> attach;

@@ -860,6 +860,11 @@ TEST_F(KelctlTest, CarrierImportLeavesImsAloneAndAppliesTheRestWithWarnings) {
                   "modem keeps one profile for both: their APN types are joined, and only the "
                   "first entry that names ia sets up attach\n");
 
+    const Outcome verbose =
+        seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run", "--verbose"});
+    EXPECT_THAT(verbose.out, HasSubstr("  line 11 (Edge MMS): apn=mms.test ip=v4 types=mms "
+                                       "(merged: line 13)\n"));
+
     const Outcome ims = seeded({"--state", state, "get", "3gpp:2"});
     EXPECT_THAT(ims.out, HasSubstr("types ims,mcx,xcap\n"));
     const Outcome internet = seeded({"--state", state, "get", "3gpp:1"});

@@ -399,7 +399,12 @@ std::vector<std::string> entryDetails(const CarrierSelection& selection) {
     std::vector<std::string> details;
     for (const auto& entry : selection.entries) {
         const std::string where = "  " + entryLabel(entry.line, escapeText(entry.carrier)) + ": ";
-        details.push_back(where + settingsLine(entry.settings));
+        std::string merged;
+        for (const int line : entry.mergedLines) {
+            merged += (merged.empty() ? " (merged: line " : ", ") + std::to_string(line);
+        }
+        details.push_back(where + settingsLine(entry.settings) +
+                          (merged.empty() ? "" : merged + ")"));
         if (!entry.ignoredAttributes.empty()) {
             std::string names;
             for (const auto& name : entry.ignoredAttributes) {

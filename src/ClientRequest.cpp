@@ -1,7 +1,9 @@
 #include "kel/ClientRequest.h"
 
-#include <sstream>
+#include <ostream>
 #include <utility>
+
+#include "DumpText.h"
 
 namespace kel {
 
@@ -14,32 +16,47 @@ std::string keyText(const std::shared_ptr<IProfileKey>& key) {
 
 }  // namespace
 
-std::ostream& operator<<(std::ostream& os, ReqRespType type) {
+void appendText(std::string& out, ReqRespType type) {
     switch (type) {
         case ReqRespType::Add:
-            return os << "Add";
+            out += "Add";
+            return;
         case ReqRespType::Modify:
-            return os << "Modify";
+            out += "Modify";
+            return;
         case ReqRespType::Delete:
-            return os << "Delete";
+            out += "Delete";
+            return;
         case ReqRespType::Filter:
-            return os << "Filter";
+            out += "Filter";
+            return;
         case ReqRespType::Match:
-            return os << "Match";
+            out += "Match";
+            return;
         case ReqRespType::Get:
-            return os << "Get";
+            out += "Get";
+            return;
         case ReqRespType::Callback:
-            return os << "Callback";
+            out += "Callback";
+            return;
         case ReqRespType::Refresh:
-            return os << "Refresh";
+            out += "Refresh";
+            return;
     }
-    return os << static_cast<std::int32_t>(type);
+    appendText(out, static_cast<std::int32_t>(type));
+}
+
+std::ostream& operator<<(std::ostream& os, ReqRespType type) {
+    std::string text;
+    appendText(text, type);
+    return os << text;
 }
 
 std::string ClientRequest::dump() {
-    std::ostringstream os;
-    os << requestType << " ";
-    return os.str();
+    std::string text;
+    appendText(text, requestType);
+    text += ' ';
+    return text;
 }
 
 AddRequest::AddRequest(AddProfileParams addParams)
@@ -102,16 +119,18 @@ bool CallbackRequest::hasExpirationInfo() const {
 }
 
 std::string CallbackRequest::dump() {
-    std::ostringstream os;
-    os << ClientRequest::dump();
+    std::string text = ClientRequest::dump();
     if (hasReleaseToken()) {
-        os << "Release " << *releaseToken;
+        text += "Release ";
+        appendText(text, *releaseToken);
     } else if (hasExpirationInfo()) {
         std::shared_ptr<IProfileKey> key = expirationKey->lock();
         // No separator between the handle and the token: kept as log readers know it.
-        os << "Register " << (key ? key->dump() : std::string("null")) << *expirationToken;
+        text += "Register ";
+        text += key ? key->dump() : std::string("null");
+        appendText(text, *expirationToken);
     }
-    return os.str();
+    return text;
 }
 
 }  // namespace kel

@@ -122,7 +122,7 @@ void ClientRequestManager::handleClientRequest(int fd, void* arg) {
         return;
     }
     auto* self = static_cast<ClientRequestManager*>(arg);
-    std::lock_guard<std::mutex> lock(self->requestMutex);
+    std::unique_lock<std::mutex> lock(self->requestMutex);
     if (self->pendingRequest) {
         KEL_LOG(Info, "Handling %s", self->pendingRequest->dump().c_str());
         std::shared_ptr<ClientResponse> response = self->serve(self->pendingRequest);
@@ -132,6 +132,9 @@ void ClientRequestManager::handleClientRequest(int fd, void* arg) {
         }
         self->pendingRequest.reset();
     }
+    // Signalled after the unlock, so the woken caller does not block at once on the mutex the
+    // worker still holds; the response was stored under the lock, so it sees it either way.
+    lock.unlock();
     self->responseCv.notify_one();
 }
 

@@ -1,27 +1,39 @@
 #include "kel/ClientResponse.h"
 
-#include <sstream>
+#include <ostream>
 #include <utility>
+
+#include "DumpText.h"
 
 namespace kel {
 
-std::ostream& operator<<(std::ostream& os, Status status) {
+void appendText(std::string& out, Status status) {
     switch (status) {
         case Status::Success:
-            return os << "Success";
+            out += "Success";
+            return;
         case Status::Failure:
-            return os << "Failure";
+            out += "Failure";
+            return;
     }
-    return os << static_cast<std::int32_t>(status);
+    appendText(out, static_cast<std::int32_t>(status));
+}
+
+std::ostream& operator<<(std::ostream& os, Status status) {
+    std::string text;
+    appendText(text, status);
+    return os << text;
 }
 
 // Pure, so that only the typed responses can be made, but every subclass still destroys it.
 ClientResponse::~ClientResponse() = default;
 
 std::string ClientResponse::dump() {
-    std::ostringstream os;
-    os << responseType << " " << status;
-    return os.str();
+    std::string text;
+    appendText(text, responseType);
+    text += ' ';
+    appendText(text, status);
+    return text;
 }
 
 AddResponse::AddResponse(Status responseStatus, std::shared_ptr<IProfileKey> profileKey)

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <sstream>
 #include <utility>
 
+#include "DumpText.h"
 #include "LocalLogBuffer.h"
 
 namespace kel {
@@ -61,13 +61,6 @@ template <typename T>
 void takeIfPresent(std::optional<T>& into, const std::optional<T>& from) {
     if (from.has_value()) {
         into = from;
-    }
-}
-
-template <typename T>
-void dumpField(std::ostream& os, const char* label, const std::optional<T>& value) {
-    if (value.has_value()) {
-        os << label << *value << ",";
     }
 }
 
@@ -193,18 +186,21 @@ void ModemProfile::apply(std::shared_ptr<ModemProfile> other) {
 }
 
 std::string ModemProfile::dump() const {
-    std::ostringstream os;
-    os << std::boolalpha << "TechType=" << techType << ",ProfileId=" << profileId << ",";
-    dumpField(os, "ApnName=", apnName);
-    dumpField(os, "UserName=", userName);
+    std::string text = "TechType=";
+    appendText(text, techType);
+    text += ",ProfileId=";
+    appendText(text, profileId);
+    text += ',';
+    appendField(text, "ApnName=", apnName);
+    appendField(text, "UserName=", userName);
     // The password is shown in clear on purpose: the dump is the library's diagnostic view.
-    dumpField(os, "Password=", password);
-    dumpField(os, "AuthType=", authType);
-    dumpField(os, "CommonIPType=", commonIPType);
-    dumpField(os, "ApnTypesMask=", apnTypesMask);
-    dumpField(os, "ApnClass=", apnClass);
-    dumpField(os, "IsClatEnabled=", isClatEnabled);
-    return os.str();
+    appendField(text, "Password=", password);
+    appendField(text, "AuthType=", authType);
+    appendField(text, "CommonIPType=", commonIPType);
+    appendField(text, "ApnTypesMask=", apnTypesMask);
+    appendField(text, "ApnClass=", apnClass);
+    appendField(text, "IsClatEnabled=", isClatEnabled);
+    return text;
 }
 
 void ModemProfile::incRefCount() {
@@ -690,18 +686,17 @@ wds_modify_profile_settings_req_msg_v01 Modem3gppProfile::constructModifyRequest
 }
 
 std::string Modem3gppProfile::dump() const {
-    std::ostringstream os;
-    os << std::boolalpha << ModemProfile::dump();
-    dumpField(os, "OverrideHomeIPType=", overrideHomeIPType);
-    dumpField(os, "LteRoamIP=", lteRoamIPType);
-    dumpField(os, "UmtsRoamIP=", umtsRoamIPType);
-    dumpField(os, "MaxPdnsConnPerBlock=", maxPdnsConnPerBlock);
-    dumpField(os, "MaxPdnConnTimer=", maxPdnConnTimer);
-    dumpField(os, "PdnReqWaitInterval=", pdnReqWaitInterval);
-    dumpField(os, "IsApnDisabled=", isApnDisabled);
-    dumpField(os, "IsEmergencySupported=", isEmergencySupported);
-    dumpField(os, "ProfileName=", profileName);
-    return os.str();
+    std::string text = ModemProfile::dump();
+    appendField(text, "OverrideHomeIPType=", overrideHomeIPType);
+    appendField(text, "LteRoamIP=", lteRoamIPType);
+    appendField(text, "UmtsRoamIP=", umtsRoamIPType);
+    appendField(text, "MaxPdnsConnPerBlock=", maxPdnsConnPerBlock);
+    appendField(text, "MaxPdnConnTimer=", maxPdnConnTimer);
+    appendField(text, "PdnReqWaitInterval=", pdnReqWaitInterval);
+    appendField(text, "IsApnDisabled=", isApnDisabled);
+    appendField(text, "IsEmergencySupported=", isEmergencySupported);
+    appendField(text, "ProfileName=", profileName);
+    return text;
 }
 
 // --- 3GPP2 --------------------------------------------------------------------------------

@@ -1,8 +1,8 @@
 #include "ProfileKey.h"
 
-#include <sstream>
 #include <utility>
 
+#include "DumpText.h"
 #include "LocalLogBuffer.h"
 
 namespace kel {
@@ -46,9 +46,13 @@ void ProfileKey::registerExpirationListener(std::function<void()> callback) {
 }
 
 std::string ProfileKey::dump() {
-    std::ostringstream os;
-    os << techType << ":" << profileId << " token=" << token;
-    return os.str();
+    std::string text;
+    appendText(text, techType);
+    text += ':';
+    appendText(text, profileId);
+    text += " token=";
+    appendText(text, token);
+    return text;
 }
 
 }  // namespace kel

@@ -1,6 +1,9 @@
 #include "kel/ProfileParams.h"
 
-#include <sstream>
+#include <ostream>
+#include <string>
+
+#include "DumpText.h"
 
 namespace kel {
 namespace {
@@ -23,171 +26,186 @@ constexpr BitName kFilterMatchNames[] = {
 };
 
 template <size_t N>
-std::ostream& printMask(std::ostream& os, std::uint32_t mask, const BitName (&names)[N],
-                        const char* none) {
+void appendMask(std::string& out, std::uint32_t mask, const BitName (&names)[N], const char* none) {
     if (mask == 0) {
-        return os << none;
+        out += none;
+        return;
     }
     for (const BitName& entry : names) {
         if ((mask & entry.bit) != 0) {
-            os << entry.name;
+            out += entry.name;
         }
     }
-    return os;
+}
+
+// The printed name of a value, or null for a value without one.
+const char* nameOf(TechType value) {
+    switch (value) {
+        case TechType::TYPE_3GPP:
+            return "3GPP";
+        case TechType::TYPE_3GPP2:
+            return "3GPP2";
+    }
+    return nullptr;
+}
+
+const char* nameOf(IPType value) {
+    switch (value) {
+        case IPType::UNKNOWN:
+            return "UNKNOWN";
+        case IPType::V4:
+            return "V4";
+        case IPType::V6:
+            return "V6";
+        case IPType::V4V6:
+            return "V4V6";
+    }
+    return nullptr;
+}
+
+const char* nameOf(AuthType value) {
+    switch (value) {
+        case AuthType::NONE:
+            return "NONE";
+        case AuthType::PAP:
+            return "PAP";
+        case AuthType::CHAP:
+            return "CHAP";
+        case AuthType::PAP_CHAP:
+            return "PAP_CHAP";
+    }
+    return nullptr;
+}
+
+const char* nameOf(ApnClass value) {
+    switch (value) {
+        case ApnClass::IMS:
+            return "IMS";
+        case ApnClass::ADMN:
+            return "ADMN";
+        case ApnClass::INET:
+            return "INET";
+        case ApnClass::APP:
+            return "APP";
+    }
+    return nullptr;
 }
 
 template <typename Enum>
-std::ostream& printNumber(std::ostream& os, Enum value) {
-    return os << static_cast<std::int32_t>(value);
+void appendNamed(std::string& out, Enum value) {
+    if (const char* name = nameOf(value)) {
+        out += name;
+    } else {
+        appendText(out, static_cast<std::int32_t>(value));
+    }
 }
 
 template <typename T>
-std::string streamed(const T& value) {
-    std::ostringstream os;
-    os << value;
-    return os.str();
+std::string textOf(T value) {
+    std::string text;
+    appendText(text, value);
+    return text;
 }
 
 }  // namespace
 
-std::ostream& operator<<(std::ostream& os, TechType value) {
-    switch (value) {
-        case TechType::TYPE_3GPP:
-            return os << "3GPP";
-        case TechType::TYPE_3GPP2:
-            return os << "3GPP2";
-    }
-    return printNumber(os, value);
+void appendText(std::string& out, TechType value) {
+    appendNamed(out, value);
 }
 
-std::ostream& operator<<(std::ostream& os, IPType value) {
-    switch (value) {
-        case IPType::UNKNOWN:
-            return os << "UNKNOWN";
-        case IPType::V4:
-            return os << "V4";
-        case IPType::V6:
-            return os << "V6";
-        case IPType::V4V6:
-            return os << "V4V6";
-    }
-    return printNumber(os, value);
+void appendText(std::string& out, IPType value) {
+    appendNamed(out, value);
 }
 
-std::ostream& operator<<(std::ostream& os, AuthType value) {
-    switch (value) {
-        case AuthType::NONE:
-            return os << "NONE";
-        case AuthType::PAP:
-            return os << "PAP";
-        case AuthType::CHAP:
-            return os << "CHAP";
-        case AuthType::PAP_CHAP:
-            return os << "PAP_CHAP";
-    }
-    return printNumber(os, value);
+void appendText(std::string& out, AuthType value) {
+    appendNamed(out, value);
 }
 
-std::ostream& operator<<(std::ostream& os, ApnClass value) {
-    switch (value) {
-        case ApnClass::IMS:
-            return os << "IMS";
-        case ApnClass::ADMN:
-            return os << "ADMN";
-        case ApnClass::INET:
-            return os << "INET";
-        case ApnClass::APP:
-            return os << "APP";
-    }
-    return printNumber(os, value);
+void appendText(std::string& out, ApnClass value) {
+    appendNamed(out, value);
 }
 
-std::ostream& operator<<(std::ostream& os, ApnTypes mask) {
-    return printMask(os, static_cast<std::uint32_t>(mask), kApnTypeNames, "NONE");
+void appendText(std::string& out, ApnTypes mask) {
+    appendMask(out, static_cast<std::uint32_t>(mask), kApnTypeNames, "NONE");
 }
 
 // "None", unlike the "NONE" of the APN types: deliberate, both spellings are kept as they are.
+void appendText(std::string& out, FilterMatchType mask) {
+    appendMask(out, static_cast<std::uint32_t>(mask), kFilterMatchNames, "None");
+}
+
+std::ostream& operator<<(std::ostream& os, TechType value) {
+    return os << textOf(value);
+}
+
+std::ostream& operator<<(std::ostream& os, IPType value) {
+    return os << textOf(value);
+}
+
+std::ostream& operator<<(std::ostream& os, AuthType value) {
+    return os << textOf(value);
+}
+
+std::ostream& operator<<(std::ostream& os, ApnClass value) {
+    return os << textOf(value);
+}
+
+std::ostream& operator<<(std::ostream& os, ApnTypes mask) {
+    return os << textOf(mask);
+}
+
 std::ostream& operator<<(std::ostream& os, FilterMatchType mask) {
-    return printMask(os, static_cast<std::uint32_t>(mask), kFilterMatchNames, "None");
+    return os << textOf(mask);
 }
 
 std::string toString(TechType value) {
-    return streamed(value);
+    return textOf(value);
 }
 
 std::string toString(IPType value) {
-    return streamed(value);
+    return textOf(value);
 }
 
 std::string toString(AuthType value) {
-    return streamed(value);
+    return textOf(value);
 }
 
 std::string toString(ApnClass value) {
-    return streamed(value);
+    return textOf(value);
 }
 
 std::string toString(ApnTypes mask) {
-    return streamed(mask);
+    return textOf(mask);
 }
 
 std::string toString(FilterMatchType mask) {
-    return streamed(mask);
+    return textOf(mask);
 }
 
 std::string ProfileParams::dump() const {
-    std::ostringstream os;
-    os << std::boolalpha;
-    if (apnName) {
-        os << "ApnName=" << *apnName << ",";
-    }
-    if (userName) {
-        os << "UserName=" << *userName << ",";
-    }
+    std::string text;
+    appendField(text, "ApnName=", apnName);
+    appendField(text, "UserName=", userName);
     // In clear on purpose: the dump is the library's diagnostic view of a profile.
-    if (password) {
-        os << "Password=" << *password << ",";
-    }
-    if (authType) {
-        os << "AuthType=" << *authType << ",";
-    }
-    if (homeIPType) {
-        os << "HomeIPType=" << *homeIPType << ",";
-    }
-    if (roamIPType) {
-        os << "RoamIPType=" << *roamIPType << ",";
-    }
+    appendField(text, "Password=", password);
+    appendField(text, "AuthType=", authType);
+    appendField(text, "HomeIPType=", homeIPType);
+    appendField(text, "RoamIPType=", roamIPType);
     if (apnTypesMask) {
-        os << "ApnTypesMask=" << static_cast<ApnTypes>(*apnTypesMask) << ",";
+        text += "ApnTypesMask=";
+        appendText(text, static_cast<ApnTypes>(*apnTypesMask));
+        text += ',';
     }
-    if (apnClass) {
-        os << "ApnClass=" << *apnClass << ",";
-    }
-    if (isClatEnabled) {
-        os << "IsClatEnabled=" << *isClatEnabled << ",";
-    }
-    if (maxPdnsConnPerBlock) {
-        os << "MaxPdnsConnPerBlock=" << *maxPdnsConnPerBlock << ",";
-    }
-    if (maxPdnConnTimer) {
-        os << "MaxPdnConnTimer=" << *maxPdnConnTimer << ",";
-    }
-    if (pdnReqWaitInterval) {
-        os << "PdnReqWaitInterval=" << *pdnReqWaitInterval << ",";
-    }
-    if (isApnDisabled) {
-        os << "IsApnDisabled=" << *isApnDisabled << ",";
-    }
-    if (isEmergencySupported) {
-        os << "IsEmergencySupported=" << *isEmergencySupported << ",";
-    }
-    if (isKelProfile) {
-        os << "IsKelProfile=" << getIsKelProfile() << ",";
-    }
-    if (isIAProfile) {
-        os << "IsIAProfile=" << getIsIAProfile() << ",";
-    }
-    return os.str();
+    appendField(text, "ApnClass=", apnClass);
+    appendField(text, "IsClatEnabled=", isClatEnabled);
+    appendField(text, "MaxPdnsConnPerBlock=", maxPdnsConnPerBlock);
+    appendField(text, "MaxPdnConnTimer=", maxPdnConnTimer);
+    appendField(text, "PdnReqWaitInterval=", pdnReqWaitInterval);
+    appendField(text, "IsApnDisabled=", isApnDisabled);
+    appendField(text, "IsEmergencySupported=", isEmergencySupported);
+    appendField(text, "IsKelProfile=", isKelProfile);
+    appendField(text, "IsIAProfile=", isIAProfile);
+    return text;
 }
 
 AddProfileParams::AddProfileParams(bool persistent, TechType tech, bool iaProfile)
@@ -202,23 +220,21 @@ AddProfileParams::AddProfileParams(const ProfileParams& params, bool persistent,
 }
 
 std::string AddProfileParams::dump() const {
-    std::ostringstream os;
-    os << techType << " persist=" << (isPersistent ? "true" : "false") << ": "
-       << ProfileParams::dump();
-    return os.str();
+    std::string text;
+    appendText(text, techType);
+    text += isPersistent ? " persist=true: " : " persist=false: ";
+    text += ProfileParams::dump();
+    return text;
 }
 
 std::string FilterProfileParams::dump() const {
-    std::ostringstream os;
-    os << static_cast<FilterMatchType>(filterMatchCriteria) << ": ";
-    if (filterByTechType) {
-        os << "tech=" << *filterByTechType << ",";
-    }
-    if (filterByProfileId) {
-        os << "id=" << *filterByProfileId << ",";
-    }
-    os << ProfileParams::dump();
-    return os.str();
+    std::string text;
+    appendText(text, static_cast<FilterMatchType>(filterMatchCriteria));
+    text += ": ";
+    appendField(text, "tech=", filterByTechType);
+    appendField(text, "id=", filterByProfileId);
+    text += ProfileParams::dump();
+    return text;
 }
 
 }  // namespace kel

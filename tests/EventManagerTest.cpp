@@ -16,6 +16,7 @@
 
 #include "LocalLogBuffer.h"
 #include "hostlog/LogCapture.h"
+#include "support/LogObservation.h"
 #include "support/TestSupport.h"
 
 namespace kel {
@@ -124,6 +125,7 @@ TEST_F(EventManagerTest, ReadableDescriptorRunsItsHandlerWithItsData) {
 }
 
 TEST_F(EventManagerTest, AddingSameFdTwiceKeepsFirstHandler) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     TestFd fd = makeEventFd();
     Probe first;
     Probe second;
@@ -142,6 +144,7 @@ TEST_F(EventManagerTest, AddingSameFdTwiceKeepsFirstHandler) {
 }
 
 TEST_F(EventManagerTest, DescriptorEpollRefusesIsStillRecordedAndApproved) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     testsupport::TempDir dir;
     TestFd file(open(dir.file("plain").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600));
     ASSERT_GE(file.get(), 0);
@@ -162,6 +165,7 @@ TEST_F(EventManagerTest, DescriptorEpollRefusesIsStillRecordedAndApproved) {
 }
 
 TEST_F(EventManagerTest, HangUpRemovesAndClosesWithoutCallingHandler) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     Pipe pipe = makePipe();
     Probe probe;
     ASSERT_TRUE(manager.addEventHandler(pipe.read.get(), countEvent, &probe, countClose,
@@ -181,6 +185,7 @@ TEST_F(EventManagerTest, HangUpRemovesAndClosesWithoutCallingHandler) {
 }
 
 TEST_F(EventManagerTest, UnapprovedReadableDescriptorIsDroppedAndClosed) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     TestFd fd = makeEventFd();
     Probe probe;
     ASSERT_TRUE(manager.addEventHandler(fd.get(), countEvent, &probe, countClose, EPOLLIN));
@@ -210,6 +215,7 @@ class EventManagerErrorTest : public EventManagerTest,
 
 // A pipe's write end whose reader is gone reports an error (and may report writable).
 TEST_P(EventManagerErrorTest, ErrorWithoutHangUpIsReportedAndKept) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     Pipe pipe = makePipe();
     TestFd(pipe.read.release());
     Probe probe;
@@ -235,6 +241,7 @@ INSTANTIATE_TEST_SUITE_P(
                                 "Unhandled epoll event: EPOLLOUT EPOLLERR  [flags 014]"}));
 
 TEST_F(EventManagerTest, AtMostFourEventsPerTurn) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::vector<TestFd> fds;
     Probe probe;
     for (int i = 0; i < 6; ++i) {
@@ -274,6 +281,7 @@ void countRivalClose(int /*fd*/, void* data) {
 }
 
 TEST_F(EventManagerTest, HandlerMayRemoveAnotherPendingDescriptor) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     TestFd a = makeEventFd();
     TestFd b = makeEventFd();
     Rival rivalA{&manager, b.get(), {}};
@@ -297,6 +305,7 @@ TEST_F(EventManagerTest, HandlerMayRemoveAnotherPendingDescriptor) {
 }
 
 TEST_F(EventManagerTest, RemovingUnknownFdChangesNothing) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     TestFd fd = makeEventFd();
     manager.removeEventHandler(fd.get());
 
@@ -311,6 +320,7 @@ TEST_F(EventManagerTest, RemovingUnknownFdChangesNothing) {
 }
 
 TEST_F(EventManagerTest, WakeFromAnotherThreadReturnsBlockedLoop) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::future<void> loop = std::async(std::launch::async, [this] { manager.processEvents(); });
     manager.wake();
     if (loop.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
@@ -322,6 +332,7 @@ TEST_F(EventManagerTest, WakeFromAnotherThreadReturnsBlockedLoop) {
 }
 
 TEST_F(EventManagerTest, OneTurnDrainsSeveralWakes) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     manager.wake();
     manager.wake();
     manager.processEvents();
@@ -355,6 +366,7 @@ TEST_F(EventManagerTest, DestroyingLoopLeavesOtherDescriptorsOpen) {
 }
 
 TEST_F(EventManagerTest, ClearReadDrainsDescriptorWithoutComplaint) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     Pipe pipe = makePipe();
     const std::string chunk(1000, 'z');
     ASSERT_EQ(write(pipe.write.get(), chunk.data(), chunk.size()),
@@ -372,6 +384,7 @@ TEST_F(EventManagerTest, ClearReadDrainsDescriptorWithoutComplaint) {
 }
 
 TEST_F(EventManagerTest, ClearReadReportsBadDescriptor) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     TestFd fd = makeEventFd();
     const int closed = fd.release();
     close(closed);

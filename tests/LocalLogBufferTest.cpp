@@ -5,7 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstdarg>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <memory>
 #include <ostream>
 #include <set>
@@ -14,6 +20,7 @@
 #include <vector>
 
 #include "hostlog/LogCapture.h"
+#include "support/LogObservation.h"
 
 namespace kel {
 namespace {
@@ -72,6 +79,7 @@ void PrintTo(const CutCase& c, std::ostream* os) {
 class LogCutTest : public LoggingTest, public ::testing::WithParamInterface<CutCase> {};
 
 TEST_P(LogCutTest, MessageReachesWriterAndHistoryCutTo511Characters) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::string text;
     for (size_t i = 0; i < GetParam().length; ++i) {
         text += static_cast<char>('a' + i % 26);
@@ -92,7 +100,94 @@ INSTANTIATE_TEST_SUITE_P(Lengths, LogCutTest,
                                            CutCase{512, 511}, CutCase{600, 511},
                                            CutCase{5000, 511}));
 
+// The message as formatted by the plain algorithm: a zero-filled 513-byte buffer, vsnprintf
+// with a limit of 512, the text up to the first NUL.
+std::string formattedByVsnprintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string formattedByVsnprintf(const char* format, ...) {
+    char buffer[513] = {};
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(buffer, 512, format, args);
+    va_end(args);
+    return std::string(buffer);
+}
+
+std::string formattedForLog(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string formattedForLog(const char* format, ...) {
+    char buffer[513];
+    std::memset(buffer, 'X', sizeof(buffer));
+    va_list args;
+    va_start(args, format);
+    const size_t length = formatLogMessage(buffer, format, args);
+    va_end(args);
+    EXPECT_EQ(std::strlen(buffer), length) << format;
+    return std::string(buffer, length);
+}
+
+#define EXPECT_FORMATTED_ALIKE(...) \
+    EXPECT_EQ(formattedForLog(__VA_ARGS__), formattedByVsnprintf(__VA_ARGS__))
+
+// Whether the common forms are written directly or handed to vsnprintf, the message is the one
+// vsnprintf makes.
+TEST(LogFormatTest, EveryMessageEqualsThePlainFormatting) {
+    int object = 0;
+    const std::string near(505, 'n');
+    const std::string full(511, 'f');
+    const std::string over(700, 'o');
+    EXPECT_FORMATTED_ALIKE("plain text, no conversion");
+    EXPECT_FORMATTED_ALIKE("%s", "");
+    EXPECT_FORMATTED_ALIKE(":%d:%s", 77, "handleClientRequest");
+    EXPECT_FORMATTED_ALIKE("%d %i %d %i", 0, -1, INT_MIN, INT_MAX);
+    EXPECT_FORMATTED_ALIKE("%u %lu %llu %zu", UINT_MAX, ULONG_MAX, ULLONG_MAX, SIZE_MAX);
+    EXPECT_FORMATTED_ALIKE("%ld %lld %zd", LONG_MIN, LLONG_MIN, static_cast<ssize_t>(-5));
+    EXPECT_FORMATTED_ALIKE("token=%llu", 18446744073709551615ull);
+    EXPECT_FORMATTED_ALIKE("[callback:%p, data:%p]", static_cast<void*>(&object),
+                           static_cast<void*>(nullptr));
+    EXPECT_FORMATTED_ALIKE("%c%c%c", 'a', 255, '%');
+    EXPECT_FORMATTED_ALIKE("100%% %s%%", "sure");
+    // Hidden from the compiler, which would refuse a null string it can see.
+    const char* volatile nothing = nullptr;
+    EXPECT_FORMATTED_ALIKE("null %s here", nothing);
+    EXPECT_FORMATTED_ALIKE("%5d|%-4s|%05lld|%x|%.2f|%+d|%.3s", 42, "ab", -7ll, 255u, 2.5, 3,
+                           "abcdef");
+    EXPECT_FORMATTED_ALIKE("%s and then %x", "direct", 0xbeefu);
+    EXPECT_FORMATTED_ALIKE("%s%d", near.c_str(), 123456789);
+    EXPECT_FORMATTED_ALIKE("%s%s", near.c_str(), "abcdefgh");
+    EXPECT_FORMATTED_ALIKE("%s%d", full.c_str(), 5);
+    EXPECT_FORMATTED_ALIKE("%s", over.c_str());
+    EXPECT_FORMATTED_ALIKE("%s%x", over.c_str(), 1u);
+    EXPECT_FORMATTED_ALIKE("%s%%%c", full.substr(1).c_str(), 'z');
+    EXPECT_FORMATTED_ALIKE("ab%cde %d", 0, 7);
+}
+
+TEST_F(LoggingTest, MessageEndsAtItsFirstNul) {
+    KEL_LOG(Error, "ab%cde %d", 0, 7);
+
+    std::vector<hostlog::AndroidLogRecord> written = capture.android();
+    ASSERT_EQ(written.size(), 1u);
+    EXPECT_EQ(written[0].message, "ab");
+    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
+    ASSERT_EQ(history.size(), 1u);
+    EXPECT_TRUE(isHistoryLine(history[0], "KEL", "ab")) << history[0];
+}
+
+// A 600-character message whose 511th character is the last one kept, whichever level it has.
+TEST_F(LoggingTest, WriterAndHistoryGetTheSameCutMessage) {
+    const std::string text = std::string(510, 'x') + "yz" + std::string(88, 'w');
+    KEL_LOG(Debug, "%s", text.c_str());
+    KEL_LOG(History, "%s", text.c_str());
+
+    std::vector<hostlog::AndroidLogRecord> written = capture.android();
+    ASSERT_EQ(written.size(), 2u);
+    EXPECT_EQ(written[0].message, text.substr(0, 511));
+    EXPECT_EQ(written[1].message, text.substr(0, 511));
+    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
+    ASSERT_EQ(history.size(), 1u);
+    EXPECT_TRUE(isHistoryLine(history[0], "KEL", text.substr(0, 511))) << history[0];
+}
+
 TEST_F(LoggingTest, AdbWriterPassesMessageAsTextNotAsFormat) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     KEL_LOG(Info, "%s", "100%% sure %s %d %n");
 
     std::vector<hostlog::AndroidLogRecord> written = capture.android();
@@ -102,6 +197,7 @@ TEST_F(LoggingTest, AdbWriterPassesMessageAsTextNotAsFormat) {
 }
 
 TEST_F(LoggingTest, FormatsArgumentsPrintfStyle) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     KEL_LOG(Debug, "Manager::init(%d) %s %llu", 1, "adb", 18446744073709551615ull);
 
     EXPECT_TRUE(capture.hasAndroidMessage("Manager::init(1) adb 18446744073709551615"));
@@ -121,6 +217,7 @@ void PrintTo(const LevelCase& c, std::ostream* os) {
 class LogLevelTest : public LoggingTest, public ::testing::WithParamInterface<LevelCase> {};
 
 TEST_P(LogLevelTest, LevelSelectsPriorityMaskAndHistory) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     const LogLevel level = static_cast<LogLevel>(GetParam().level);
     const std::string text = "level " + std::to_string(GetParam().level);
     LogWrapper::getInstance()->log(level, kLogTag, "%s", text.c_str());
@@ -151,6 +248,7 @@ INSTANTIATE_TEST_SUITE_P(Levels, LogLevelTest,
                                            LevelCase{-1, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false}));
 
 TEST_F(LoggingTest, WithoutWriterErrorsAreStillKeptInHistory) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     installWriter(nullptr);
     KEL_LOG(Error, "lost %d", 1);
     KEL_LOG(Debug, "gone");
@@ -163,6 +261,7 @@ TEST_F(LoggingTest, WithoutWriterErrorsAreStillKeptInHistory) {
 }
 
 TEST_F(LoggingTest, ReplacingWriterClosesDiagnosticsSession) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     installWriter(std::make_unique<DiagWriter>());
     EXPECT_EQ(capture.diagInitCalls(), 1);
     EXPECT_EQ(capture.diagDeInitCalls(), 0);
@@ -174,7 +273,43 @@ TEST_F(LoggingTest, ReplacingWriterClosesDiagnosticsSession) {
     EXPECT_TRUE(capture.hasAndroidMessage("after"));
 }
 
+// Writers replaced again and again while other threads log: every message goes through exactly
+// one writer, none through a destroyed one.
+TEST_F(LoggingTest, ReplacingWritersWhileOthersLogLosesNoMessage) {
+    constexpr int kThreads = 3;
+    constexpr int kPerThread = 400;
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t, &go] {
+            while (!go) {
+                std::this_thread::yield();
+            }
+            for (int i = 0; i < kPerThread; ++i) {
+                KEL_LOG(Info, "thread %d message %d", t, i);
+            }
+        });
+    }
+    go = true;
+    for (int i = 0; i < 60; ++i) {
+        if (i % 2 == 0) {
+            installWriter(std::make_unique<DiagWriter>());
+        } else {
+            installWriter(std::make_unique<AdbWriter>());
+        }
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    EXPECT_EQ(capture.android().size() + capture.diag().size(),
+              static_cast<size_t>(kThreads * kPerThread));
+    EXPECT_EQ(capture.diagInitCalls(), 30);
+    EXPECT_EQ(capture.diagDeInitCalls(), 30);
+}
+
 TEST_F(LoggingTest, DiagWriterSendsTagAndMessageThroughItsDescriptor) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     installWriter(std::make_unique<DiagWriter>());
     KEL_LOG(Info, "hello %d", 42);
     KEL_LOG(Error, "bad %s", "thing");
@@ -244,6 +379,44 @@ INSTANTIATE_TEST_SUITE_P(
                       FirstMaskCase{LogLevel::Error, LogLevel::Verbose, "masks: 4 4\\."},
                       FirstMaskCase{LogLevel::Fatal, LogLevel::History, "masks: 16 16\\."}));
 
+// The stamp as it is formatted from scratch: "%F %X" of the local time, then ".%03d" of the
+// milliseconds.
+std::string stampFromScratch(const timeval& when) {
+    char date[50] = "";
+    tm local{};
+    if (localtime_r(&when.tv_sec, &local) != nullptr) {
+        strftime(date, sizeof(date), "%F %X", &local);
+    }
+    char stamp[100];
+    std::snprintf(stamp, sizeof(stamp), "%s.%03d", date, static_cast<int>(when.tv_usec / 1000));
+    return stamp;
+}
+
+// One stamp fed a sequence of times, as one thread's lines are: within a second, across second,
+// minute and day boundaries, and with the clock set back.
+TEST(LogStampTest, EveryStampEqualsOneFormattedFromScratch) {
+    tm midnight{};
+    midnight.tm_year = 2026 - 1900;
+    midnight.tm_mon = 10;
+    midnight.tm_mday = 16;
+    midnight.tm_isdst = -1;
+    const time_t day = mktime(&midnight);
+    ASSERT_NE(day, static_cast<time_t>(-1));
+    const std::vector<timeval> times = {
+        {day - 61, 0},   {day - 61, 999},    {day - 61, 1000},      {day - 61, 999999},
+        {day - 60, 0},   {day - 60, 123456}, {day - 1, 999999},     {day, 0},
+        {day, 999},      {day, 5000},        {day - 1, 998000},     {day - 1, 998999},
+        {day + 3600, 1}, {day + 3600, 1},    {day + 86399, 999999}, {day + 86400, 0},
+    };
+    LogStamp stamp;
+    for (const timeval& when : times) {
+        std::string text = "head:";
+        stamp.append(when, text);
+        EXPECT_EQ(text, "head:" + stampFromScratch(when))
+            << "at " << when.tv_sec << " s " << when.tv_usec << " us";
+    }
+}
+
 class HistoryBoundTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(HistoryBoundTest, KeepsAtMostMaxSizePlusOneNewestLines) {
@@ -288,6 +461,7 @@ TEST_F(LoggingTest, FlushEmptiesHistory) {
 }
 
 TEST_F(LoggingTest, ConcurrentLoggingKeepsBoundAndWholeLines) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     constexpr int kThreads = 6;
     constexpr int kPerThread = 150;
     std::vector<std::thread> threads;

@@ -9,6 +9,7 @@
 
 #include "DebugLogFixture.h"
 #include "ProfileKey.h"
+#include "support/LogObservation.h"
 
 namespace kel {
 namespace {
@@ -84,6 +85,7 @@ TEST(IPTypeConversionTest, LibraryToModemFallsBackDifferentlyPerForm) {
 class ModemToLibraryConversionTest : public DebugLogFixture {};
 
 TEST_F(ModemToLibraryConversionTest, IPTypesFallBackToUnknownAndLogOnlyUnknownValues) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     struct Case {
         std::string name;
         std::function<IPType()> convert;
@@ -123,6 +125,7 @@ TEST_F(ModemToLibraryConversionTest, IPTypesFallBackToUnknownAndLogOnlyUnknownVa
 }
 
 TEST_F(ModemToLibraryConversionTest, ProfileTypeFallsBackTo3gppWithLog) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     EXPECT_EQ(convertProfileType(WDS_PROFILE_TYPE_3GPP_V01), TechType::TYPE_3GPP);
     EXPECT_EQ(convertProfileType(WDS_PROFILE_TYPE_3GPP2_V01), TechType::TYPE_3GPP2);
     EXPECT_TRUE(debugLines().empty());

@@ -11,6 +11,7 @@
 
 #include "DebugLogFixture.h"
 #include "ProfileKey.h"
+#include "support/LogObservation.h"
 
 namespace kel {
 namespace {
@@ -540,6 +541,7 @@ TEST(Modem3gpp2ProfileTest, GetReportsHomeTypeWithoutIdentity) {
 class ModemProfileListenerTest : public DebugLogFixture {};
 
 TEST_F(ModemProfileListenerTest, DestructionCallsLiveListenersInOrder) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     auto first = makeKey(1), second = makeKey(2), third = makeKey(3);
     std::vector<int> calls;
     auto profile = fullProfile();
@@ -704,6 +706,7 @@ TEST(Modem3gpp2ProfileRequestTest, CredentialsAndAuthGoToProfileAndPdnLevel) {
 class ModemProfileResponseTest : public DebugLogFixture {};
 
 TEST_F(ModemProfileResponseTest, Reads3gppSettings) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     wds_get_profile_settings_resp_msg_v01 resp = emptyResponse();
     wds_profile_settings_v01& s = resp.settings;
     s.profile_name_valid = 1;
@@ -754,6 +757,7 @@ TEST_F(ModemProfileResponseTest, Reads3gppSettings) {
 }
 
 TEST_F(ModemProfileResponseTest, RoamingTypesOf255AreAbsentAndPppIsUnknown) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     wds_get_profile_settings_resp_msg_v01 resp = emptyResponse();
     resp.settings.pdp_type_valid = 1;
     resp.settings.pdp_type = WDS_PDP_TYPE_PDP_PPP_V01;
@@ -808,6 +812,7 @@ TEST_F(ModemProfileResponseTest, UnterminatedTextsStayWithinTheirFieldsAndCreden
 }
 
 TEST_F(ModemProfileResponseTest, Reads3gpp2SettingsButNotThePassword) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     wds_get_profile_settings_resp_msg_v01 resp = emptyResponse();
     wds_profile_settings_v01& s = resp.settings;
     s.pdn_type_valid = 1;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "DebugLogFixture.h"
+#include "support/LogObservation.h"
 
 namespace kel {
 namespace {
@@ -60,6 +61,7 @@ class ProfileKeyTest : public DebugLogFixture {
 };
 
 TEST_F(ProfileKeyTest, DroppingLastReferenceSendsOneReleaseThenLogs) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> key = makeKey(TechType::TYPE_3GPP, 3, 42);
     std::shared_ptr<IProfileKey> copy = key;
     key.reset();

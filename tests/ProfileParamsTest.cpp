@@ -247,6 +247,31 @@ TEST(FilterProfileParamsTest, DumpsCriteriaTechAndIdBeforeFields) {
     EXPECT_EQ(unnamedTech.dump(), ": tech=9,");
 }
 
+// Texts longer than any short-string buffer and the extreme numbers are written whole.
+TEST(FilterProfileParamsTest, DumpsLongTextsAndExtremeNumbersWhole) {
+    const std::string apn(150, 'a');
+    const std::string user(127, 'u');
+    const std::string password(127, 'p');
+    FilterProfileParams params;
+    params.addFilterMatchCriteria(0x3F);
+    params.setFilterByProfileId(-2147483647 - 1);
+    params.setFilterByTechType(TechType::TYPE_3GPP);
+    params.setApnName(apn);
+    params.setUserName(user);
+    params.setPassword(password);
+    params.setMaxPdnsConnPerBlock(2147483647);
+    params.setMaxPdnConnTimer(-2147483647 - 1);
+    params.setPdnReqWaitInterval(0);
+    params.setApnTypesMask(0xFFFFFFFFu);
+    EXPECT_EQ(params.dump(),
+              "HomeIPSubset|RoamIPSubset|ApnNameSubset|ApnTypeBitmaskSubset|HomeIPSuperset|"
+              "RoamIPSuperset|: tech=3GPP,id=-2147483648,ApnName=" +
+                  apn + ",UserName=" + user + ",Password=" + password +
+                  ",ApnTypesMask=DEFAULT|MMS|SUPL|DUN|HIPRI|FOTA|IMS|CBS|IA|EMERGENCY|MCX|XCAP|,"
+                  "MaxPdnsConnPerBlock=2147483647,MaxPdnConnTimer=-2147483648,"
+                  "PdnReqWaitInterval=0,");
+}
+
 TEST(FilterProfileParamsTest, CriteriaAddAndRemoveBits) {
     FilterProfileParams params;
     EXPECT_EQ(params.getFilterMatchCriteria(), 0u);

@@ -31,20 +31,24 @@ char priorityLetter(int priority) {
     }
 }
 
+// Formats once into a buffer on the stack; only a message longer than it is formatted again.
 std::string formatMessage(const char* fmt, va_list args) {
     if (fmt == nullptr) {
         return std::string();
     }
-    va_list sizing;
-    va_copy(sizing, args);
-    int length = std::vsnprintf(nullptr, 0, fmt, sizing);
-    va_end(sizing);
-    if (length <= 0) {
-        return std::string();
+    char buffer[1024];
+    va_list again;
+    va_copy(again, args);
+    const int length = std::vsnprintf(buffer, sizeof(buffer), fmt, args);
+    std::string text;
+    if (length > 0 && static_cast<size_t>(length) < sizeof(buffer)) {
+        text.assign(buffer, static_cast<size_t>(length));
+    } else if (length > 0) {
+        text.resize(static_cast<size_t>(length) + 1);
+        std::vsnprintf(text.data(), text.size(), fmt, again);
+        text.resize(static_cast<size_t>(length));
     }
-    std::string text(static_cast<size_t>(length) + 1, '\0');
-    std::vsnprintf(text.data(), text.size(), fmt, args);
-    text.resize(static_cast<size_t>(length));
+    va_end(again);
     return text;
 }
 
@@ -74,6 +78,12 @@ std::string threadtimeLines(int priority, const std::string& tag, const std::str
 }  // namespace
 
 extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+    const bool echoing = hostlog::detail::echoing();
+    const bool capturing = hostlog::detail::capturing();
+    if (!echoing && !capturing) {
+        // Nobody sees the line, so nothing is written: not even formatted.
+        return 0;
+    }
     va_list args;
     va_start(args, fmt);
     std::string message = formatMessage(fmt, args);
@@ -82,8 +92,13 @@ extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, .
     hostlog::AndroidLogRecord record;
     record.priority = prio;
     record.tag = tag != nullptr ? tag : "";
-    record.message = message;
-    hostlog::detail::echo(threadtimeLines(prio, record.tag, message));
-    hostlog::detail::recordAndroid(std::move(record));
-    return static_cast<int>(message.size());
+    if (echoing) {
+        hostlog::detail::echo(threadtimeLines(prio, record.tag, message));
+    }
+    const int length = static_cast<int>(message.size());
+    if (capturing) {
+        record.message = std::move(message);
+        hostlog::detail::recordAndroid(std::move(record));
+    }
+    return length;
 }

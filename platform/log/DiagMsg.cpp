@@ -289,18 +289,25 @@ class ArgWalker {
 
 extern "C" int Diag_LSM_Init(uint8_t* /*pIEnv*/) {
     hostlog::detail::noteDiagInit();
-    hostlog::detail::echo(hostlog::detail::lineHead() + " diag: session opened\n");
+    if (hostlog::detail::echoing()) {
+        hostlog::detail::echo(hostlog::detail::lineHead() + " diag: session opened\n");
+    }
     return 1;
 }
 
 extern "C" int Diag_LSM_DeInit(void) {
     hostlog::detail::noteDiagDeInit();
-    hostlog::detail::echo(hostlog::detail::lineHead() + " diag: session closed\n");
+    if (hostlog::detail::echoing()) {
+        hostlog::detail::echo(hostlog::detail::lineHead() + " diag: session closed\n");
+    }
     return 1;
 }
 
 extern "C" void msg_sprintf(const msg_const_type* const_blk, ...) {
-    if (const_blk == nullptr) {
+    const bool echoing = hostlog::detail::echoing();
+    const bool capturing = hostlog::detail::capturing();
+    // Nobody sees the line: the arguments are not even read.
+    if (const_blk == nullptr || (!echoing && !capturing)) {
         return;
     }
     hostlog::DiagRecord record;
@@ -318,10 +325,14 @@ extern "C" void msg_sprintf(const msg_const_type* const_blk, ...) {
     }
     va_end(args);
 
-    char head[64];
-    std::snprintf(head, sizeof(head), " diag ss=%u mask=0x%02x ",
-                  static_cast<unsigned>(record.ssId), static_cast<unsigned>(record.mask));
-    hostlog::detail::echo(hostlog::detail::lineHead() + head + record.fileName + ":" +
-                          std::to_string(record.line) + " " + record.text + "\n");
-    hostlog::detail::recordDiag(std::move(record));
+    if (echoing) {
+        char head[64];
+        std::snprintf(head, sizeof(head), " diag ss=%u mask=0x%02x ",
+                      static_cast<unsigned>(record.ssId), static_cast<unsigned>(record.mask));
+        hostlog::detail::echo(hostlog::detail::lineHead() + head + record.fileName + ":" +
+                              std::to_string(record.line) + " " + record.text + "\n");
+    }
+    if (capturing) {
+        hostlog::detail::recordDiag(std::move(record));
+    }
 }

@@ -11,6 +11,11 @@
 
 namespace hostlog::detail {
 
+// Whether a LogCapture lives / whether lines are printed; read without a lock, so a stand-in can
+// skip building what nobody would see.
+bool capturing();
+bool echoing();
+
 // Each is dropped unless a LogCapture lives.
 void recordAndroid(AndroidLogRecord record);
 void recordDiag(DiagRecord record);
@@ -19,7 +24,8 @@ void noteDiagDeInit();
 
 // "MM-DD HH:MM:SS.mmm  pid   tid", the head of every echoed line, as logcat prints it.
 std::string lineHead();
-// Writes text to standard error in one piece, unless echo is off.
+// Writes text to standard error in one piece, unless echo is off. Callers building text only to
+// print it check echoing() first.
 void echo(const std::string& text);
 
 }  // namespace hostlog::detail

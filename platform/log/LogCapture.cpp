@@ -48,6 +48,9 @@ void reset(Records& r) {
     r.deInitCalls = 0;
 }
 
+// Mirrors Records::capturing for readers that take no lock.
+std::atomic<bool> captureActive{false};
+
 // -1 until first read from the environment.
 std::atomic<int> echoState{-1};
 
@@ -67,6 +70,14 @@ bool echoEnabled() {
 }  // namespace
 
 namespace detail {
+
+bool capturing() {
+    return captureActive.load(std::memory_order_relaxed);
+}
+
+bool echoing() {
+    return echoEnabled();
+}
 
 void recordAndroid(AndroidLogRecord record) {
     withRecords([&record](Records& r) {
@@ -130,6 +141,7 @@ void echo(const std::string& text) {
 LogCapture::LogCapture() {
     withRecords([](Records& r) {
         r.capturing = true;
+        captureActive.store(true);
         reset(r);
     });
 }
@@ -137,6 +149,7 @@ LogCapture::LogCapture() {
 LogCapture::~LogCapture() {
     withRecords([](Records& r) {
         r.capturing = false;
+        captureActive.store(false);
         reset(r);
     });
 }

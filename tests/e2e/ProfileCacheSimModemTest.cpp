@@ -8,6 +8,7 @@
 #include <string>
 
 #include "SimModemFixture.h"
+#include "support/LogObservation.h"
 
 namespace e2e {
 namespace {
@@ -68,6 +69,7 @@ class ProfileCacheAnnouncementTest : public ProfileCacheSimModemTest,
                                      public ::testing::WithParamInterface<Announcement> {};
 
 TEST_P(ProfileCacheAnnouncementTest, RereadsTheModemAndExpiresOldHandles) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> old = carrierInternet();
     const std::uint64_t before = served();
     GetParam().announce(*modem);
@@ -112,6 +114,7 @@ class ProfileCacheAddTest : public ProfileCacheSimModemTest,
                             public ::testing::WithParamInterface<NamedAdd> {};
 
 TEST_P(ProfileCacheAddTest, CreatesAProfileUnderTheLibrarysOwnName) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     kel::AddProfileParams params(false, kel::TechType::TYPE_3GPP, GetParam().initialAttach);
     params.setApnName("Named.Example");
     std::shared_ptr<IProfileKey> key = manager.addProfile(params);
@@ -148,6 +151,7 @@ TEST_F(ProfileCacheSimModemTest, AddsA3gpp2ProfileWithoutAName) {
 }
 
 TEST_F(ProfileCacheSimModemTest, AddOfAnUnknownTechnologyReachesNoModem) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     const std::uint64_t before = served();
     EXPECT_FALSE(manager.addProfile(addParams("x.example", false, static_cast<kel::TechType>(5))));
     EXPECT_TRUE(error("ProfileCache: failed to create profile"));
@@ -164,6 +168,7 @@ TEST_F(ProfileCacheSimModemTest, TokensOnlyGrowAndAFailedAddStillConsumesOne) {
 }
 
 TEST_F(ProfileCacheSimModemTest, ConsumesItsOwnEchoesWithoutReadingTheModem) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> key = manager.addProfile(addParams("echo.example"));
     ASSERT_TRUE(key);
     ASSERT_TRUE(manager.modifyProfile(newApn("echoed.example"), key));
@@ -208,6 +213,7 @@ TEST_F(ProfileCacheSimModemTest, ChangesByAnotherClientReachTheCache) {
 // --- Modify ---
 
 TEST_F(ProfileCacheSimModemTest, ModifyChangesModemAndCache) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> key = carrierInternet();
     ASSERT_TRUE(manager.modifyProfile(newApn("Internet.Example"), key));
     EXPECT_STREQ(onModem(k3gpp, key->getProfileId())->settings.apn_name, "internet.example");
@@ -216,6 +222,7 @@ TEST_F(ProfileCacheSimModemTest, ModifyChangesModemAndCache) {
 }
 
 TEST_F(ProfileCacheSimModemTest, ModifyThatChangesNothingDoesNotReachTheModem) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> key = carrierInternet();
     const std::uint64_t before = served();
     EXPECT_TRUE(manager.modifyProfile(newApn("INTERNET"), key));
@@ -235,6 +242,7 @@ class ProfileCacheReleaseTest : public ProfileCacheSimModemTest,
                                 public ::testing::WithParamInterface<Release> {};
 
 TEST_P(ProfileCacheReleaseTest, LastHandleDeletesOnlyNonPersistentLibraryProfiles) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> key =
         manager.addProfile(addParams("release.example", GetParam().persistent));
     ASSERT_TRUE(key);
@@ -280,6 +288,7 @@ TEST_F(ProfileCacheSimModemTest, ReleasingAHandleOfACarrierProfileKeepsIt) {
 }
 
 TEST_F(ProfileCacheSimModemTest, RefreshExpiresEveryHandleAndTheirReleasesDeleteNothing) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> added = manager.addProfile(addParams("stale.example"));
     ASSERT_TRUE(added);
     const int id = added->getProfileId();
@@ -306,6 +315,7 @@ class ProfileCacheExpiryTest : public ProfileCacheSimModemTest,
                                public ::testing::WithParamInterface<Expiry> {};
 
 TEST_P(ProfileCacheExpiryTest, ListenerOfAHeldHandleFiresOnce) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     Calls calls;
     std::shared_ptr<IProfileKey> added = manager.addProfile(addParams("watched.example", true));
     ASSERT_TRUE(added);

@@ -16,6 +16,7 @@
 
 #include "e2e/SimModemFixture.h"
 #include "kel/Util.h"
+#include "support/LogObservation.h"
 
 namespace kel {
 namespace {
@@ -133,6 +134,7 @@ class UtilSimModemTest : public e2e::SimModemFixture {
 // --- Util itself ---
 
 TEST_F(UtilSimModemTest, LogsItsLifetimeAndEveryChangeOfTheUpdateFlag) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     { Util other; }
     util.setProfileUpdateAllowed(true);
     util.setProfileUpdateAllowed(false);
@@ -146,6 +148,7 @@ TEST_F(UtilSimModemTest, LogsItsLifetimeAndEveryChangeOfTheUpdateFlag) {
 // --- Setup data call ---
 
 TEST_F(UtilSimModemTest, SetupDataCallFindsDualStackProfileOnlyInSubsetRetry) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     const std::vector<std::string> before = modemSnapshot();
 
     std::shared_ptr<IProfileKey> key = util.findOrCreateProfileForSetupDataCall(
@@ -167,6 +170,7 @@ TEST_F(UtilSimModemTest, SetupDataCallFindsDualStackProfileOnlyInSubsetRetry) {
 }
 
 TEST_F(UtilSimModemTest, SetupDataCallWithUpdatesAllowedTakesAnyIpTypeAndModifiesIt) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     util.setProfileUpdateAllowed(true);
     ProfileParams request = apnParams("mms", IPType::V6);
     request.setUserName("mmsuser");
@@ -186,6 +190,7 @@ TEST_F(UtilSimModemTest, SetupDataCallWithUpdatesAllowedTakesAnyIpTypeAndModifie
 }
 
 TEST_F(UtilSimModemTest, SetupDataCallAddsNonPersistentProfileThatGoesWithItsHandle) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     ProfileParams request = apnParams("corp.example", IPType::V4);
     request.setApnTypesMask(lib(ApnTypes::DEFAULT));
 
@@ -217,6 +222,7 @@ class UtilUserNameSimModemTest : public UtilSimModemTest,
                                  public ::testing::WithParamInterface<UserNameCase> {};
 
 TEST_P(UtilUserNameSimModemTest, SetupDataCallFilters3gpp2ProfilesOnUserName) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     ProfileParams request = apnParams("internet", IPType::V4V6);
     request.setUserName(GetParam().userName);
 
@@ -258,6 +264,7 @@ TEST_F(UtilSimModemTest, SetupDataCallAdds3gpp2ProfileWhenNoUserNameMatches) {
 // --- Emergency data call ---
 
 TEST_F(UtilSimModemTest, EmergencyCallTakesProfileFoundByNameUnchanged) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     util.setProfileUpdateAllowed(true);
     const std::vector<std::string> before = modemSnapshot();
     ProfileParams request = apnParams("sos", IPType::V4);
@@ -284,6 +291,7 @@ class UtilEmergencyFallbackSimModemTest
       public ::testing::WithParamInterface<EmergencyFallbackCase> {};
 
 TEST_P(UtilEmergencyFallbackSimModemTest, EmergencyCallFallsBackToAnyEmergencyProfile) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     ProfileParams request;
     if (GetParam().apn) {
         request.setApnName(*GetParam().apn);
@@ -311,6 +319,7 @@ class UtilNoEmergencySimModemTest : public UtilSimModemTest {
 };
 
 TEST_F(UtilNoEmergencySimModemTest, EmergencyCallCreatesPersistentEmergencyOnlyProfile) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     ProfileParams request = apnParams("sos", IPType::V4V6);
     request.setApnTypesMask(lib(ApnTypes::DEFAULT) | lib(ApnTypes::IMS));
 
@@ -335,6 +344,7 @@ TEST_F(UtilNoEmergencySimModemTest, EmergencyCallCreatesPersistentEmergencyOnlyP
 // --- LTE attach ---
 
 TEST_F(UtilSimModemTest, AttachTakesExactModemMatchAndAppliesTheRequestedSettings) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     ProfileParams request = apnParams("internet", IPType::V4V6);
     request.setRoamIPType(IPType::V4V6);
     request.setUserName("attach");
@@ -362,6 +372,7 @@ TEST_F(UtilSimModemTest, AttachTakesExactModemMatchAndAppliesTheRequestedSetting
 }
 
 TEST_F(UtilSimModemTest, AttachNeverTakesOverADataCallProfileAndCreatesAPersistentIAProfile) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> dataCall = util.findOrCreateProfileForSetupDataCall(
         TechType::TYPE_3GPP, apnParams("corp.example", IPType::V4));
     ASSERT_TRUE(dataCall);
@@ -404,6 +415,7 @@ class UtilLooseAttachSimModemTest : public UtilSimModemTest,
                                     public ::testing::WithParamInterface<LooseAttachCase> {};
 
 TEST_P(UtilLooseAttachSimModemTest, AttachLooseSearchFollowsTheUpdateFlag) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     util.setProfileUpdateAllowed(GetParam().updateAllowed);
 
     std::shared_ptr<IProfileKey> key =
@@ -431,6 +443,7 @@ INSTANTIATE_TEST_SUITE_P(
     CaseName());
 
 TEST_F(UtilSimModemTest, AttachReusesTheLibraryIAProfileOfTheSameApn) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> first =
         util.findOrCreateProfileForLteAttach(apnParams("ia.example", IPType::V4V6));
     ASSERT_TRUE(first);
@@ -450,6 +463,7 @@ TEST_F(UtilSimModemTest, AttachReusesTheLibraryIAProfileOfTheSameApn) {
 }
 
 TEST_F(UtilSimModemTest, AttachGivesAnyLibraryIAProfileTheRequestedApn) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> first =
         util.findOrCreateProfileForLteAttach(apnParams("ia.example", IPType::V4V6));
     ASSERT_TRUE(first);
@@ -475,6 +489,7 @@ class UtilSavedAttachSimModemTest : public UtilSimModemTest {
 };
 
 TEST_F(UtilSavedAttachSimModemTest, AttachWithoutApnReusesTheIAProfileAndKeepsItsApn) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     ProfileParams request;
     request.setHomeIPType(IPType::V4);
     request.setRoamIPType(IPType::V6);
@@ -515,6 +530,7 @@ class UtilHeldResultsSimModemTest : public UtilSimModemTest,
                                     public ::testing::WithParamInterface<HeldResultsCase> {};
 
 TEST_P(UtilHeldResultsSimModemTest, HandlesNotTakenAreReleasedOnlyWhenTheOperationEnds) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     util.setProfileUpdateAllowed(true);
 
     // All three ims profiles match; one is taken, the other two handles go with the operation.
@@ -567,6 +583,7 @@ class UtilMatchAttachSimModemTest : public UtilSimModemTest,
                                     public ::testing::WithParamInterface<MatchModemProfileCase> {};
 
 TEST_P(UtilMatchAttachSimModemTest, MatchAttachOnModemProfileLoosensIpTypesOnlyWithoutUpdates) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     util.setProfileUpdateAllowed(GetParam().updateAllowed);
 
     EXPECT_EQ(util.matchLteAttachProfileId(1, apnParams(GetParam().apn, GetParam().home)),
@@ -588,6 +605,7 @@ INSTANTIATE_TEST_SUITE_P(
     CaseName());
 
 TEST_F(UtilSimModemTest, MatchAttachRefusesALibraryDataCallProfile) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> dataCall = util.findOrCreateProfileForSetupDataCall(
         TechType::TYPE_3GPP, apnParams("corp.example", IPType::V4));
     ASSERT_TRUE(dataCall);
@@ -602,6 +620,7 @@ TEST_F(UtilSimModemTest, MatchAttachRefusesALibraryDataCallProfile) {
 }
 
 TEST_F(UtilSimModemTest, MatchAttachComparesTheLibraryIAProfileExactly) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> ia =
         util.findOrCreateProfileForLteAttach(apnParams("ia.example", IPType::V4V6));
     ASSERT_TRUE(ia);
@@ -616,6 +635,7 @@ class UtilMatchAttachIdSimModemTest : public UtilSimModemTest,
                                       public ::testing::WithParamInterface<int> {};
 
 TEST_P(UtilMatchAttachIdSimModemTest, MatchAttachRefusesIdsWithout3gppProfile) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     EXPECT_FALSE(util.matchLteAttachProfileId(GetParam(), apnParams("ims", IPType::V4V6)));
 
     EXPECT_TRUE(history("kel matchLteAttachProfileId > Profile id = " + std::to_string(GetParam()) +
@@ -629,6 +649,7 @@ INSTANTIATE_TEST_SUITE_P(Ids, UtilMatchAttachIdSimModemTest, ::testing::Values(7
 // --- Updates by APN class ---
 
 TEST_F(UtilSimModemTest, ApnClassEntryWithoutClassOnlyLogs) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     const std::vector<std::string> before = modemSnapshot();
 
     util.updateModemProfileByApnClass({apnParams("admin.example")}, {apnParams("internet")});
@@ -639,6 +660,7 @@ TEST_F(UtilSimModemTest, ApnClassEntryWithoutClassOnlyLogs) {
 }
 
 TEST_F(UtilSimModemTest, ApnClassWithoutProfileAddsAPersistentProfileOfEachTechType) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     ProfileParams entry = apnParams("admin.example", IPType::V4V6);
     entry.setApnClass(ApnClass::ADMN);
     const size_t before = modem->profiles(0).size();
@@ -674,6 +696,7 @@ TEST_F(UtilSimModemTest, ApnClassWithoutProfileAddsAPersistentProfileOfEachTechT
 }
 
 TEST_F(UtilSimModemTest, ApnClassMatchModifiesEveryProfileOfTheClassAndTechType) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     ProfileParams entry;
     entry.setApnClass(ApnClass::IMS);
     entry.setUserName("imsuser");
@@ -700,6 +723,7 @@ TEST_F(UtilSimModemTest, ApnClassMatchModifiesEveryProfileOfTheClassAndTechType)
 }
 
 TEST_F(UtilSimModemTest, ApnClassAddRefusedByModemIsLoggedAndTheRestGoesOn) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     ProfileParams refused = apnParams("admin.example");
     refused.setApnClass(ApnClass::ADMN);
     ProfileParams ims;
@@ -738,6 +762,7 @@ class UtilApnTypeSimModemTest : public UtilSimModemTest,
                                 public ::testing::WithParamInterface<ApnTypeCase> {};
 
 TEST_P(UtilApnTypeSimModemTest, ApnTypesAreDistributedOverTheProfilesOfTheApn) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     util.setProfileUpdateAllowed(GetParam().updateAllowed);
     const std::list<ProfileParams> entries(GetParam().entries.begin(), GetParam().entries.end());
 
@@ -809,6 +834,7 @@ INSTANTIATE_TEST_SUITE_P(
     CaseName());
 
 TEST_F(UtilSimModemTest, ApnTypeEntriesWithMissingFieldsAreDefaultedAndLogged) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     ProfileParams noMask = apnParams("mms", IPType::V4);
     ProfileParams noIpType = withoutIpType("xcap", lib(ApnTypes::DUN));
     ProfileParams noApn;
@@ -836,6 +862,7 @@ TEST_F(UtilSimModemTest, ApnTypeEntriesWithMissingFieldsAreDefaultedAndLogged) {
 }
 
 TEST_F(UtilSimModemTest, ApnTypesForAnApnWithoutProfilesCreateNothing) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     const std::vector<std::string> before = modemSnapshot();
 
     util.updateAPNTypeBitmaskOnModemProfile(

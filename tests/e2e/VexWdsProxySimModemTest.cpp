@@ -21,6 +21,7 @@
 
 #include "SimModemFixture.h"
 #include "VexWire.h"
+#include "support/LogObservation.h"
 
 namespace e2e {
 namespace {
@@ -47,6 +48,7 @@ class VexWdsProxyConnectTest : public SimModemFixture {
 };
 
 TEST_F(VexWdsProxyConnectTest, BindsRegistersAndReleasesItsNotifier) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     connect(manager, 0);
 
     ASSERT_TRUE(modem->waitUntil([this] { return modem->clients().size() == 1; }, kTimeout))
@@ -75,6 +77,7 @@ class VexWdsProxyRegistrationTest : public VexWdsProxyConnectTest,
                                     public ::testing::WithParamInterface<Registration> {};
 
 TEST_P(VexWdsProxyRegistrationTest, AFailedRegistrationIsLoggedAndTheOthersAreStillSent) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     modem->failNext(1, GetParam().msgId);
     manager.init(0, true);
     ASSERT_TRUE(waitUntilServed(kRegistrationRequests));
@@ -103,6 +106,7 @@ INSTANTIATE_TEST_SUITE_P(
 // --- The modem going down and coming back ---
 
 TEST_F(VexWdsProxySimModemTest, ReconnectsAndRereadsTheModemAfterItsLinkBreaks) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> old = first3gpp(manager, "internet");
     const int oldClient = newestClientId();
     ASSERT_TRUE(modem->dropClient(oldClient));
@@ -119,6 +123,7 @@ TEST_F(VexWdsProxySimModemTest, ReconnectsAndRereadsTheModemAfterItsLinkBreaks) 
 }
 
 TEST_F(VexWdsProxySimModemTest, ARestartedModemKeepsOnlyPersistentProfiles) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> kept = manager.addProfile(addParams("kept.example", true));
     std::shared_ptr<IProfileKey> lost = manager.addProfile(addParams("lost.example", false));
     const int oldClient = newestClientId();
@@ -171,6 +176,7 @@ class VexWdsProxyFaultTest : public VexWdsProxySimModemTest,
 };
 
 TEST_P(VexWdsProxyFaultTest, AnsweredErrorIsLoggedAndLeavesCacheAsTheModemHasIt) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     modem->failNext(1, GetParam().msgId);
     EXPECT_TRUE(GetParam().operation(*this));
     for (const char* text : GetParam().errors) {
@@ -242,6 +248,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<ModemFault>& param) { return param.param.name; });
 
 TEST_F(VexWdsProxySimModemTest, AnswerTooLateIsAFailureAndIsNotTakenForTheNextOne) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     modem->setResponseDelay(std::chrono::milliseconds(1500), VEX_WDS_CREATE_PROFILE_REQ_V01);
     EXPECT_FALSE(manager.addProfile(addParams("late.example")));
     EXPECT_TRUE(error("Unable send VEX_WDS_CREATE_PROFILE_REQ_V01 message"));
@@ -260,6 +267,7 @@ TEST_F(VexWdsProxySimModemTest, AnswerTooLateIsAFailureAndIsNotTakenForTheNextOn
 // --- Indications ---
 
 TEST_F(VexWdsProxySimModemTest, HandlesABurstOfIndicationsInArrivalOrder) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     const std::uint64_t before = served();
     modem->sendIndicationBurst(0, 3);
     ASSERT_TRUE(waitUntilServed(before + 3));
@@ -276,12 +284,14 @@ TEST_F(VexWdsProxySimModemTest, HandlesABurstOfIndicationsInArrivalOrder) {
 }
 
 TEST_F(VexWdsProxySimModemTest, IgnoresAnIndicationOfAnotherMessage) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     modem->sendUnknownIndication(0, 0x1234);
     ASSERT_TRUE(settle());
     EXPECT_TRUE(verbose("Unknown message ID 4660 received"));
 }
 
 TEST_F(VexWdsProxySimModemTest, DropsAMalformedIndicationAndHandlesLaterOnes) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     modem->sendMalformedIndication(0);
     // An undecodable indication ends its turn: one that arrived with it waits for the next
     // wake-up, so the sentinel is changed until the library has read it.
@@ -417,6 +427,7 @@ class OverclaimingModem {
 };
 
 TEST(VexWdsProxyOverclaimingModemTest, ListCountBeyondTheRecordReadsNoFurtherThanTheRecord) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     testsupport::TempDir dir;
     hostlog::LogCapture capture;
     ASSERT_EQ(setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1), 0);

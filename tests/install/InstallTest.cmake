@@ -31,6 +31,49 @@ endfunction()
 
 run("install" ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
+# The tools, when the build has them: they run from the install tree without LD_LIBRARY_PATH,
+# after the prefix has moved, and an installed kelctl uses the installed data.
+if(EXISTS ${prefix}/bin/kelctl)
+  unset(ENV{LD_LIBRARY_PATH})
+  unset(ENV{VEX_SERVICE_DIR})
+  foreach(page kelctl.1 vex-modemd.1 vex-modemctl.1)
+    if(NOT EXISTS ${prefix}/share/man/man1/${page})
+      message(FATAL_ERROR "manual page ${page} not installed")
+    endif()
+  endforeach()
+  set(completion ${prefix}/share/bash-completion/completions/kelctl)
+  if(NOT EXISTS ${completion})
+    message(FATAL_ERROR "kelctl's bash completion not installed")
+  endif()
+  file(WRITE ${WORK_DIR}/complete.sh [=[
+source "$1"
+COMP_WORDS=(kelctl data-c); COMP_CWORD=1; _kelctl; echo "${COMPREPLY[*]}"
+COMP_WORDS=(kelctl add --i); COMP_CWORD=2; _kelctl; echo "${COMPREPLY[*]}"
+COMP_WORDS=(kelctl add --ip v); COMP_CWORD=3; _kelctl; echo "${COMPREPLY[*]}"
+]=])
+  run("complete" bash ${WORK_DIR}/complete.sh ${completion})
+  expect_output("completion" "data-call\n--ip --ia\nv4 v6 v4v6\n")
+  expect_output("completion" "data-call")
+
+  set(moved ${WORK_DIR}/moved-prefix)
+  file(RENAME ${prefix} ${moved})
+  # A seed only the installed kelctl can have read.
+  file(WRITE ${moved}/share/kelr/modem-seed.conf
+       "profile 3gpp sub=0 index=7 name=inst apn=installed.example pdp=ipv4 types=default\n")
+  run("installed kelctl --version" ${moved}/bin/kelctl --version)
+  expect_output("kelctl --version" "libkelr ")
+  run("installed kelctl list" ${moved}/bin/kelctl list)
+  expect_output("installed kelctl list" "installed.example")
+  run("installed vex-modemd --help" ${moved}/bin/vex-modemd --help)
+  run("installed vex-modemctl --help" ${moved}/bin/vex-modemctl --help)
+  foreach(tool kelctl vex-modemd vex-modemctl)
+    run("readelf ${tool}" readelf -d ${moved}/bin/${tool})
+    expect_output("${tool}'s dynamic section" "(RUNPATH)")
+    expect_output("${tool}'s dynamic section" "[$ORIGIN/../")
+  endforeach()
+  file(RENAME ${moved} ${prefix})
+endif()
+
 # Through the CMake package.
 run("configure consumer" ${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/consumer
     -G ${GENERATOR} -DCMAKE_CXX_COMPILER=${CXX} -DCMAKE_BUILD_TYPE=${BUILD_TYPE}

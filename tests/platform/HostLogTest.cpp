@@ -270,7 +270,13 @@ TEST(AndroidStandInTest, PrintsLogcatThreadtimeLinePerMessageLine) {
         << printed;
 
     hostlog::setEcho(false);
-    EXPECT_EQ(standardErrorOf([] { __android_log_print(ANDROID_LOG_ERROR, "KEL", "quiet"); }), "");
+    int written = -1;
+    EXPECT_EQ(standardErrorOf([&written] {
+                  written = __android_log_print(ANDROID_LOG_ERROR, "KEL", "quiet %s", "line");
+              }),
+              "");
+    // Neither printed nor recorded: nothing was written.
+    EXPECT_EQ(written, 0);
     restoreDefaultEcho();
 }
 

@@ -8,9 +8,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <string>
+#include <thread>
 
 #include "platform/VexTestClient.h"
 
@@ -172,6 +175,27 @@ TEST_F(VexModemdTest, BadCommandsFailWithOneLineAndChangeNothing) {
     Result unreachable = modemctl(dir.file("nowhere"), "status");
     EXPECT_EQ(unreachable.status, 1);
     EXPECT_NE(unreachable.output.find("no vex-modemd answers"), std::string::npos);
+}
+
+TEST_F(VexModemdTest, ControlWaitsForADaemonThatIsStillStarting) {
+    const std::string later = dir.file("later");
+    Result answered{-1, ""};
+    std::thread waiting([&] { answered = modemctl(later, "--wait 30 clients"); });
+    // The command is already waiting when the daemon comes up.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    Daemon second;
+    ASSERT_TRUE(second.start({"--dir", later}));
+    waiting.join();
+    EXPECT_EQ(answered.status, 0) << answered.output;
+    EXPECT_EQ(answered.output, "no clients\n");
+
+    const Result nobody = modemctl(dir.file("nowhere"), "--wait 1 clients");
+    EXPECT_EQ(nobody.status, 1);
+    EXPECT_NE(nobody.output.find("no vex-modemd answers"), std::string::npos);
+    const Result wrong = modemctl(later, "--wait soon clients");
+    EXPECT_EQ(wrong.status, 2);
+    EXPECT_EQ(wrong.output,
+              "vex-modemctl: --wait: \"soon\" is not a number of seconds from 0 to 60\n");
 }
 
 TEST_F(VexModemdTest, BreaksAConnectedClientFromTheShell) {

@@ -171,6 +171,13 @@ Outcome run(const std::string& program, std::vector<std::string> args,
     return collect(pid, outRead.get(), errRead.get(), options.limit);
 }
 
+// The document kelctl printed, parsed strictly; a parse failure fails the test.
+nlohmann::json parsed(const std::string& text) {
+    const nlohmann::json document = nlohmann::json::parse(text, nullptr, false);
+    EXPECT_FALSE(document.is_discarded()) << "not one JSON document: " << text;
+    return document;
+}
+
 bool exists(const std::string& path) {
     struct stat info {};
     return ::stat(path.c_str(), &info) == 0;
@@ -306,13 +313,12 @@ TEST_F(KelctlTest, ListShowsTheSubscriptionsProfilesAsTableAndJson) {
 
     const Outcome json = seeded({"list", "--json"});
     EXPECT_EQ(json.status, 0) << json.err;
-    EXPECT_THAT(json.out, StartsWith("[{\"token\":"));
-    EXPECT_THAT(json.out,
-                HasSubstr("\"tech\":\"3gpp\",\"id\":3,\"name\":\"mms\",\"apn\":\"mms.test\","
-                          "\"ip\":\"v4\",\"types\":[\"mms\"],\"types_mask\":2,"
-                          "\"auth\":\"pap\",\"user\":\"mms\",\"password\":\"secret\""));
-    EXPECT_EQ(countOf(json.out, "\"tech\":"), 5);
-    EXPECT_EQ(json.out.substr(json.out.size() - 2), "]\n");
+    const nlohmann::json profiles = parsed(json.out);
+    ASSERT_TRUE(profiles.is_array());
+    ASSERT_EQ(profiles.size(), 5u);
+    EXPECT_EQ(profiles[2], nlohmann::json::parse(R"({"token": 2, "tech": "3gpp", "id": 3,
+        "name": "mms", "apn": "mms.test", "ip": "v4", "types": ["mms"], "types_mask": 2,
+        "auth": "pap", "user": "mms", "password": "<hidden>", "kel": false, "ia": false})"));
 
     const Outcome second = seeded({"--sub", "1", "list"});
     EXPECT_EQ(second.status, 0) << second.err;
@@ -348,7 +354,7 @@ struct CommandCase {
 
 const CommandCase kCommandCases[] = {
     {"Get", {"get", "3gpp:3"}, "apn mms.test\nip v4\ntypes mms\nauth pap\nuser mms\n", ""},
-    {"GetJson", {"get", "2", "--json"}, "\"class\":\"ims\"", ""},
+    {"GetJson", {"get", "2", "--json"}, "\"class\": \"ims\"", ""},
     {"AddPersistent",
      {"add", "--apn", "new.test", "--ip", "v4", "--types", "default,mms", "--persistent"},
      "added 3gpp:5 name=kel_profile apn=new.test ip=v4 types=default,mms flags=kel\n",
@@ -406,26 +412,42 @@ enum class ModemKind { Embedded, Running };
 
 class KelctlCommandTest : public KelctlTest,
                           public ::testing::WithParamInterface<std::tuple<ModemKind, CommandCase>> {
+  protected:
+    // The case's command, after options, against the modem of the case's kind.
+    Outcome runCase(const std::vector<std::string>& options = {}) {
+        const auto& [kind, command] = GetParam();
+        std::unique_ptr<RunningModem> modem;
+        std::vector<std::string> args = options;
+        args.insert(args.end(), command.args.begin(), command.args.end());
+        if (kind == ModemKind::Running) {
+            modem = std::make_unique<RunningModem>(dir.path(), seed);
+            EXPECT_TRUE(modem->isServing());
+            args.insert(args.begin(), {"--modem", dir.path()});
+        } else {
+            args.insert(args.begin(), {"--seed", seed});
+        }
+        return kelctl(args);
+    }
 };
 
 TEST_P(KelctlCommandTest, RunsAndPrintsItsResult) {
-    const auto& [kind, command] = GetParam();
-    std::unique_ptr<RunningModem> modem;
-    std::vector<std::string> args = command.args;
-    if (kind == ModemKind::Running) {
-        modem = std::make_unique<RunningModem>(dir.path(), seed);
-        ASSERT_TRUE(modem->isServing());
-        args.insert(args.begin(), {"--modem", dir.path()});
-    } else {
-        args.insert(args.begin(), {"--seed", seed});
-    }
-    const Outcome outcome = kelctl(args);
+    const CommandCase& command = std::get<1>(GetParam());
+    const Outcome outcome = runCase();
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     EXPECT_THAT(outcome.out, HasSubstr(command.expected));
     if (!command.absent.empty()) {
         EXPECT_THAT(outcome.out, Not(HasSubstr(command.absent)));
     }
     EXPECT_THAT(outcome.err, Not(HasSubstr("kelctl: " + command.args.front() + ":")));
+}
+
+// The same command with --json: exactly one document on standard output, whatever it did.
+TEST_P(KelctlCommandTest, PrintsOneJsonDocument) {
+    const Outcome outcome = runCase({"-j"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const nlohmann::json document = parsed(outcome.out);
+    EXPECT_TRUE(document.is_object() || document.is_array()) << outcome.out;
+    EXPECT_FALSE(document.contains("error")) << outcome.out;
 }
 
 INSTANTIATE_TEST_SUITE_P(Commands, KelctlCommandTest,
@@ -481,7 +503,25 @@ struct BadCase {
 };
 
 const BadCase kBadCases[] = {
-    {"UnknownCommand", {"lst"}, "kelctl: unknown command \"lst\""},
+    {"UnknownCommand", {"lst"}, "kelctl: unknown command \"lst\" (did you mean \"list\"?"},
+    {"FarFromAnyCommand", {"frobnicate"}, "unknown command \"frobnicate\" (kelctl --help"},
+    {"DoubleDashEndsOptions", {"list", "--", "--json"}, "list: takes no operand (got \"--json\")"},
+    {"AmbiguousOption", {"add", "--ma", "1"}, "option --ma is ambiguous: --max-conns"},
+    {"FlagWithValue", {"list", "--json=yes"}, "kelctl: list: --json takes no value"},
+    {"UnknownShortOption", {"list", "-x"}, "kelctl: list: unknown option -x"},
+    {"MissingSeed", {"--seed", "/nonexistent/seed.conf", "list"}, "--seed /nonexistent/seed.conf"},
+    {"StateInMissingDirectory",
+     {"--state", "/nonexistent/dir/modem.state", "list"},
+     "--state /nonexistent/dir/modem.state: cannot be written"},
+    {"ApnLongerThanItsField",
+     {"add", "--apn", std::string(151, 'a')},
+     "--apn: 151 characters, but the modem holds at most 150 (--truncate"},
+    {"UserLongerThanItsField",
+     {"add", "--user", std::string(200, 'u')},
+     "--user: 200 characters, but the modem holds at most 127"},
+    {"PasswordLongerThanItsField",
+     {"data-call", "--password", std::string(128, 'p')},
+     "--password: 128 characters, but the modem holds at most 127"},
     {"NoCommand", {}, "kelctl: no command given"},
     {"Tech", {"add", "--tech", "lte"}, "kelctl: add: --tech: \"lte\" is not one of 3gpp, 3gpp2"},
     {"Ip", {"add", "--ip", "v5"}, "kelctl: add: --ip: \"v5\" is not one of v4, v6, v4v6"},
@@ -741,7 +781,7 @@ TEST_F(KelctlTest, CarrierVerboseDryRunMapsEveryQuirkAndChangesNothing) {
                   "  line 5 (Quirk & Co Internet): apn=Internet.Quirk ip=v4v6 roam-ip=v4 "
                   "types=default,supl,ia\n"
                   "  line 8 (Quirk MMS): apn=mms.quirk ip=v4 types=mms auth=pap_chap "
-                  "user=mms@quirk password=\"p&\\\"w\"\n"
+                  "user=mms@quirk password=<hidden>\n"
                   "  line 8 (Quirk MMS): ignored attributes: mmsc, mmsproxy, mmsport\n"
                   "  line 11 (Quirk Attach): ip=v6 roam-ip=v4v6 types=ia\n"
                   "  line 13 (Quirk IMS): apn=ims ip=v6 types=ims,xcap max-conns=8 "
@@ -825,8 +865,9 @@ TEST_F(KelctlTest, CarrierImportSpreadsTypesAndSetsUpAttach) {
                                        "types=default,supl,ia flags=kel,ia\n"));
 
     const Outcome after = seeded({"--state", state, "get", "3gpp:5", "--json"});
-    EXPECT_THAT(after.out, HasSubstr("\"apn\":\"internet.quirk\""));
-    EXPECT_THAT(after.out, HasSubstr("\"ia\":true"));
+    const nlohmann::json profile = parsed(after.out);
+    EXPECT_EQ(profile.value("apn", ""), "internet.quirk");
+    EXPECT_EQ(profile.value("ia", false), true);
 }
 
 // The file's first network carries each quirk that once cost an import: an attach entry without
@@ -950,6 +991,62 @@ TEST_F(KelctlTest, CarrierNamesWhatAnEarlierImportLeftOnTheAttachProfile) {
                               "profiles by APN name and IP type\n");
 }
 
+TEST_F(KelctlTest, CarrierPlansAndReportsHidePasswordsUnlessAsked) {
+    const std::string file =
+        script("secret.xml",
+               "<apns version=\"8\">\n"
+               "  <apn carrier=\"Secret Attach\" mcc=\"005\" mnc=\"01\" "
+               "apn=\"lte.first\" type=\"default,ia\" protocol=\"IPV4V6\" "
+               "user=\"spy\" password=\"hunter2\" authtype=\"1\" />\n"
+               "  <apn carrier=\"Open Attach\" mcc=\"005\" mnc=\"02\" "
+               "apn=\"lte.second\" type=\"default,ia\" protocol=\"IPV4V6\" />\n"
+               "</apns>\n");
+    const std::vector<std::string> first = {"--state", state, "carrier", file,
+                                            "--mcc",   "005", "--mnc",   "01"};
+    const std::vector<std::string> second = {"--state", state, "carrier", file,
+                                             "--mcc",   "005", "--mnc",   "02"};
+    const auto with = [](std::vector<std::string> args, std::initializer_list<const char*> more) {
+        args.insert(args.end(), more.begin(), more.end());
+        return args;
+    };
+    const auto noSecret = [](const Outcome& outcome) {
+        EXPECT_THAT(outcome.out, Not(HasSubstr("hunter2")));
+        EXPECT_THAT(outcome.err, Not(HasSubstr("hunter2")));
+    };
+
+    // The plan of a new attach profile: its settings line and its JSON changes.
+    const Outcome plan = seeded(with(first, {"--dry-run"}));
+    EXPECT_EQ(plan.status, 0) << plan.err;
+    EXPECT_THAT(plan.out, HasSubstr("would create the attach profile: apn=lte.first ip=v4v6 "
+                                    "types=default,ia auth=pap user=spy password=<hidden>\n"));
+    noSecret(plan);
+    const Outcome planJson = seeded(with(first, {"--dry-run", "--json"}));
+    EXPECT_EQ(planJson.status, 0) << planJson.err;
+    const nlohmann::json planned = parsed(planJson.out);  // one document, nothing beside it
+    EXPECT_EQ(planned["dry_run"], true);
+    EXPECT_THAT(planned["attach"]["changes"].dump(),
+                HasSubstr(R"({"from":"-","setting":"password","to":"<hidden>"})"));
+    noSecret(planJson);
+    EXPECT_THAT(seeded(with(first, {"--dry-run", "--show-secrets"})).out,
+                HasSubstr("user=spy password=hunter2\n"));
+
+    // Applied: the attach summary; then a second network's entry keeps the password.
+    const Outcome applied = seeded(first);
+    EXPECT_EQ(applied.status, 0) << applied.err;
+    EXPECT_THAT(applied.out, HasSubstr("attach: created 3gpp:5 name=kel_profile_ia apn=lte.first "
+                                       "ip=v4v6 types=default,ia auth=pap user=spy "
+                                       "password=<hidden> flags=kel,ia\n"));
+    noSecret(applied);
+    const Outcome kept = seeded(with(second, {"--json"}));
+    EXPECT_EQ(kept.status, 0) << kept.err;
+    EXPECT_EQ(parsed(kept.out)["attach"]["kept"],
+              nlohmann::json({"user=spy", "password=<hidden>", "auth=pap"}));
+    noSecret(kept);
+    const Outcome shown = seeded(with(second, {"--show-secrets"}));
+    EXPECT_THAT(shown.out, HasSubstr("attach: 3gpp:5 keeps user=spy, password=hunter2, auth=pap "
+                                     "from before; line 3 (Open Attach) does not set them\n"));
+}
+
 TEST_F(KelctlTest, CarrierImportNamesWhatTheModemDidNotTake) {
     const std::string file = dataFile("apns-quirks.xml");
     RunningModem modem(dir.path(), seed);
@@ -971,6 +1068,9 @@ TEST_F(KelctlTest, CarrierImportNamesWhatTheModemDidNotTake) {
                                          "got":"ims"}])"));
     EXPECT_EQ(json["updates"], nlohmann::json::array());
     EXPECT_EQ(json["attach"]["action"], "created");
+    // The report stands under --json although the run failed, with the error beside it.
+    EXPECT_EQ(json.value("error", ""),
+              "1 setting was not applied (the \"not applied\" lines name them)");
 
     ASSERT_THAT(modem.control(dir.path(), {"fail-next", "50", "0x28"}),
                 HasSubstr("failing the next 50 requests"));
@@ -1103,6 +1203,148 @@ TEST_F(KelctlTest, ScriptTextInAnErrorIsEscaped) {
     EXPECT_EQ(outcome.err,
               path + ":2: unknown command \"lst\\xFF\\x1B[2J\" (help lists the commands)\n");
     EXPECT_FALSE(exists(state));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Conventions of the command line
+
+TEST_F(KelctlTest, VersionIsTheLibrarysAndNeedsNoModem) {
+    for (const char* option : {"--version", "-V"}) {
+        const Outcome outcome = kelctl({"--seed", "/nonexistent", option});
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+        EXPECT_EQ(outcome.out, "kelctl " KELR_VERSION " (libkelr " KELR_VERSION ")\n");
+    }
+    const Outcome json = kelctl({"--version", "--json"});
+    EXPECT_EQ(parsed(json.out), nlohmann::json::parse(R"({"kelctl": ")" KELR_VERSION
+                                                      R"(", "libkelr": ")" KELR_VERSION R"("})"));
+}
+
+TEST_F(KelctlTest, ShortFormsAbbreviationsAndOptionsAfterOperandsWork) {
+    const Outcome outcome = seeded({"get", "3", "-j", "--te", "3gpp"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(parsed(outcome.out).value("apn", ""), "mms.test");
+
+    const Outcome added = seeded({"-t", "30", "add", "-a", "short.test", "-p", "-j"});
+    EXPECT_EQ(added.status, 0) << added.err;
+    EXPECT_EQ(parsed(added.out).value("added", ""), "3gpp:5");
+    // -p made it persistent: no note about it going with kelctl.
+    EXPECT_THAT(added.err, Not(HasSubstr("is not persistent")));
+}
+
+TEST_F(KelctlTest, ExitStatusSaysWhatHappened) {
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+    };
+    const Case cases[] = {
+        {{"list"}, 0},
+        {{"delete", "3gpp:9"}, 1},                     // the modem has no such profile
+        {{"modify", "3gpp:9", "--apn", "x"}, 1},       // nor one to change
+        {{"refresh", "--started"}, 0},                 // allowed; later operations are refused
+        {{"list", "--colour"}, 2},                     // a wrong command line
+        {{"--seed", "/nonexistent", "list"}, 2},       // an input file that is not there
+        {{"add", "--apn", std::string(300, 'x')}, 2},  // a value the modem cannot hold
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args.front() + " " + c.args.back());
+        const Outcome outcome = seeded(c.args);
+        EXPECT_EQ(outcome.status, c.status) << outcome.err;
+        EXPECT_EQ(outcome.err.empty(), c.status == 0) << outcome.err;
+    }
+    const Outcome noModem = kelctl({"--modem", dir.path(), "--timeout", "0.5", "list", "--json"});
+    EXPECT_EQ(noModem.status, 1);
+    EXPECT_THAT(parsed(noModem.out).value("error", ""), HasSubstr("no modem answered"));
+}
+
+TEST_F(KelctlTest, UnwritableStateFileIsRefusedBeforeTheModemStarts) {
+    const std::string blocker = script("not-a-directory", "a file\n");
+    const Outcome outcome = seeded({"--state", blocker + "/modem.state", "add", "--apn", "x"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_THAT(outcome.err, HasSubstr("cannot be written"));
+
+    ASSERT_EQ(::symlink(seed.c_str(), state.c_str()), 0);
+    const Outcome linked = seeded({"--state", state, "list"});
+    EXPECT_EQ(linked.status, 2);
+    EXPECT_THAT(linked.err, HasSubstr("not a regular file"));
+}
+
+TEST_F(KelctlTest, TruncateCutsOverlongValuesToTheirFieldAndSaysSo) {
+    const Outcome outcome = seeded({"add", "--apn", std::string(300, 'a'), "--user",
+                                    std::string(200, 'u'), "--truncate", "--persistent", "--json"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const nlohmann::json added = parsed(outcome.out);
+    EXPECT_EQ(added["settings"].value("apn", ""), std::string(150, 'a'));
+    EXPECT_EQ(added["settings"].value("user", ""), std::string(127, 'u'));
+    EXPECT_THAT(outcome.err, HasSubstr("kelctl: note: --apn cut to its first 150 characters\n"));
+    EXPECT_THAT(outcome.err, HasSubstr("kelctl: note: --user cut to its first 127 characters\n"));
+}
+
+TEST_F(KelctlTest, JsonIsValidUtf8WhateverBytesTheProfilesHold) {
+    const std::string script = this->script("bytes.kel",
+                                            "add --apn \"caf\xc3\xa9\xff.test\" --persistent\n"
+                                            "list\n");
+    const Outcome outcome = seeded({"--json", "run", script});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const nlohmann::json document = parsed(outcome.out);
+    ASSERT_EQ(document["lines"].size(), 2u) << outcome.out;
+    const std::string apn = document["lines"][0]["result"]["settings"].value("apn", "");
+    EXPECT_EQ(apn, "caf\xc3\xa9\xef\xbf\xbd.test");  // the stray byte became U+FFFD
+    EXPECT_EQ(document["lines"][1]["result"].size(), 6u);
+    EXPECT_EQ(document.value("status", -1), 0);
+}
+
+TEST_F(KelctlTest, PasswordsAreHiddenEverywhereUnlessAsked) {
+    const std::string script = this->script("secret.kel",
+                                            "get 3gpp:3\n"
+                                            "list --json\n"
+                                            "modify 3gpp:3 --password hunter2\n"
+                                            "dump\n");
+    for (const auto& head : std::vector<std::vector<std::string>>{
+             {"run", "--echo", script}, {"--verbose", "run", script}, {"--json", "run", script}}) {
+        std::vector<std::string> args = head;
+        const Outcome hidden = seeded(args);
+        SCOPED_TRACE(args.front());
+        EXPECT_EQ(hidden.status, 0) << hidden.err;
+        for (const std::string& text : {hidden.out, hidden.err}) {
+            EXPECT_THAT(text, Not(HasSubstr("secret")));
+            EXPECT_THAT(text, Not(HasSubstr("hunter2")));
+        }
+        EXPECT_THAT(hidden.out, HasSubstr("<hidden>"));
+
+        args.insert(args.begin(), "--show-secrets");
+        const Outcome shown = seeded(args);
+        EXPECT_EQ(shown.status, 0) << shown.err;
+        EXPECT_THAT(shown.out, HasSubstr("secret"));
+        EXPECT_THAT(shown.out, HasSubstr("hunter2"));
+    }
+    const Outcome verbose = seeded({"--verbose", "get", "3"});
+    EXPECT_THAT(verbose.err, HasSubstr("Password=<hidden>,"));
+    EXPECT_THAT(verbose.err, Not(HasSubstr("secret")));
+    const Outcome onScriptLine = seeded({"shell"}, RunOptions{"get 3 --show-secrets\n", "", {}});
+    EXPECT_THAT(onScriptLine.err, HasSubstr("--show-secrets applies to a whole kelctl run"));
+}
+
+TEST_F(KelctlTest, TimeoutBoundsTheWholeRunAgainstASlowModem) {
+    RunningModem modem(dir.path(), seed);
+    ASSERT_TRUE(modem.isServing());
+    // Creates are answered after 20 s, everything else at once: kelctl connects, then each add
+    // waits as long as the library lets it; the shell goes on after each failed line.
+    modem.control(dir.path(), {"delay", "20000", "0x27"});
+    RunOptions input;
+    for (int i = 0; i < 10; ++i) {
+        input.input += "add --apn slow" + std::to_string(i) + ".test\n";
+    }
+    const auto start = std::chrono::steady_clock::now();
+    const Outcome outcome = kelctl({"--modem", dir.path(), "--timeout", "2", "shell"}, input);
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_THAT(outcome.err,
+                testing::EndsWith("kelctl: stopped: the run took longer than --timeout "
+                                  "2 s (the modem answers too slowly)\n"));
+    // Generous: far less than the ten adds would take, so the run did not wait for them.
+    EXPECT_LT(took, std::chrono::seconds(8));
 }
 
 }  // namespace

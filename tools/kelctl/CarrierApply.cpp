@@ -302,7 +302,7 @@ class Planner {
             for (const char* key : kLeftoverSettings) {
                 const auto value = now.find(key);
                 if (value != now.end() && taken.count(key) == 0) {
-                    attach->kept.push_back(std::string(key) + "=" + value->second);
+                    attach->kept.push_back(std::string(key) + "=" + shownValue(key, value->second));
                 }
             }
         }
@@ -482,10 +482,12 @@ std::string attachText(const CarrierReport& report) {
     return text;
 }
 
-nlohmann::json changesJson(const std::vector<SettingChange>& changes) {
-    nlohmann::json list = nlohmann::json::array();
+Json changesJson(const std::vector<SettingChange>& changes) {
+    Json list = Json::array();
     for (const auto& change : changes) {
-        list.push_back({{"setting", change.setting}, {"from", change.from}, {"to", change.to}});
+        list.push_back({{"setting", change.setting},
+                        {"from", shownChange(change.setting, change.from)},
+                        {"to", shownChange(change.setting, change.to)}});
     }
     return list;
 }
@@ -592,7 +594,8 @@ std::string carrierText(const CarrierReport& report) {
     }
     for (const auto& missing : report.notApplied) {
         text += "not applied: " + missing.profile + " " + missing.setting + ": asked for " +
-                missing.wanted + ", the modem has " + missing.got + "\n";
+                shownChange(missing.setting, missing.wanted) + ", the modem has " +
+                shownChange(missing.setting, missing.got) + "\n";
     }
     if (report.dryRun) {
         text += "dry run: nothing was sent to the modem\n";
@@ -600,13 +603,13 @@ std::string carrierText(const CarrierReport& report) {
     return text;
 }
 
-nlohmann::json carrierJson(const CarrierReport& report) {
-    nlohmann::json json = {
+Json carrierJson(const CarrierReport& report) {
+    Json json = {
         {"network", report.network},   {"file", report.file},
         {"selected", report.selected}, {"entries_in_file", report.inFile},
         {"dry_run", report.dryRun},    {"allow_update", report.allowUpdate},
-        {"warnings", report.warnings}, {"updates", nlohmann::json::array()},
-        {"attach", nullptr},           {"not_applied", nlohmann::json::array()},
+        {"warnings", report.warnings}, {"updates", Json::array()},
+        {"attach", nullptr},           {"not_applied", Json::array()},
     };
     for (const auto& update : report.updates) {
         json["updates"].push_back({{"profile", update.profile},
@@ -619,8 +622,7 @@ nlohmann::json carrierJson(const CarrierReport& report) {
             {"line", attach.line},
             {"carrier", attach.carrier},
             {"step", stepName(attach.step)},
-            {"profile",
-             attach.profile.empty() ? nlohmann::json(nullptr) : nlohmann::json(attach.profile)},
+            {"profile", attach.profile.empty() ? Json(nullptr) : Json(attach.profile)},
             {"action", attach.action},
             {"changes", changesJson(attach.changes)},
             {"kept", attach.kept},
@@ -630,8 +632,8 @@ nlohmann::json carrierJson(const CarrierReport& report) {
     for (const auto& missing : report.notApplied) {
         json["not_applied"].push_back({{"profile", missing.profile},
                                        {"setting", missing.setting},
-                                       {"wanted", missing.wanted},
-                                       {"got", missing.got}});
+                                       {"wanted", shownChange(missing.setting, missing.wanted)},
+                                       {"got", shownChange(missing.setting, missing.got)}});
     }
     return json;
 }

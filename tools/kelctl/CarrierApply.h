@@ -7,8 +7,6 @@
 #ifndef KELCTL_CARRIER_APPLY_H
 #define KELCTL_CARRIER_APPLY_H
 
-#include <nlohmann/json.hpp>
-
 #include <optional>
 #include <string>
 #include <vector>
@@ -76,8 +74,8 @@ bool runCarrier(Session& session, const Invocation& invocation, CarrierReport* r
 
 // The report as kelctl prints it on standard output.
 std::string carrierText(const CarrierReport& report);
-// The same as a JSON object.
-nlohmann::json carrierJson(const CarrierReport& report);
+// The same as a JSON object (the document of carrier --json), secrets masked like the text.
+Json carrierJson(const CarrierReport& report);
 
 }  // namespace kelctl
 

@@ -184,65 +184,106 @@ std::vector<SettingChange> settingChanges(const ProfileRow& before, const Profil
     for (const auto& key : keys) {
         const auto o = old.find(key);
         const auto n = now.find(key);
-        const std::string from = o == old.end() ? "-" : o->second;
-        const std::string to = n == now.end() ? "-" : n->second;
-        if (from != to) {
-            changes.push_back({key, from, to});
+        SettingChange change{key, o == old.end() ? "-" : o->second,
+                             n == now.end() ? "-" : n->second};
+        if (change.from != change.to) {
+            changes.push_back(std::move(change));
         }
     }
     return changes;
 }
 
+std::string shownChange(const std::string& setting, const std::string& value) {
+    return value == "-" ? value : shownValue(setting, value);
+}
+
 std::string changesText(const std::vector<SettingChange>& changes) {
     std::string text;
     for (const auto& change : changes) {
-        text +=
-            (text.empty() ? "" : "; ") + change.setting + ": " + change.from + " -> " + change.to;
+        text += (text.empty() ? "" : "; ") + change.setting + ": " +
+                shownChange(change.setting, change.from) + " -> " +
+                shownChange(change.setting, change.to);
     }
     return text;
 }
 
 namespace {
 
-// "types: default -> default,mms; ip: v4 -> v4v6"; empty when nothing differs.
-std::string fieldChanges(const ProfileRow& before, const ProfileRow& after) {
-    return changesText(settingChanges(before, after));
+// {"types": {"from": "default", "to": "default,mms"}}; an absent value is null.
+Json changesJson(const std::vector<SettingChange>& changes) {
+    Json json = Json::object();
+    auto value = [](const std::string& key, const std::string& text) {
+        return text == "-" ? Json(nullptr) : Json(shownChange(key, text));
+    };
+    for (const auto& change : changes) {
+        json[change.setting] = {{"from", value(change.setting, change.from)},
+                                {"to", value(change.setting, change.to)}};
+    }
+    return json;
 }
 
-// One line per profile that appeared, changed or went.
-std::string describeChanges(const std::vector<ProfileRow>& before,
-                            const std::vector<ProfileRow>& after) {
+// What an apply command did to the modem's profiles, as text and as JSON.
+struct ProfileChanges {
     std::string text;
+    Json json = Json::array();
+};
+
+// One line per profile that appeared, changed or went.
+ProfileChanges describeChanges(const std::vector<ProfileRow>& before,
+                               const std::vector<ProfileRow>& after) {
+    ProfileChanges result;
     for (const auto& row : after) {
         const ProfileRow* old = findRow(before, row.tech, row.id);
+        const std::string name = profileName(row.tech, row.id);
         if (old == nullptr) {
-            text += "created " + rowSummary(row) + "\n";
-        } else if (const std::string changes = fieldChanges(*old, row); !changes.empty()) {
-            text += "updated " + profileName(row.tech, row.id) + ": " + changes + "\n";
+            result.text += "created " + rowSummary(row) + "\n";
+            result.json.push_back(
+                {{"change", "created"}, {"profile", name}, {"settings", profileJson(row)}});
+        } else if (const auto changes = settingChanges(*old, row); !changes.empty()) {
+            result.text += "updated " + name + ": " + changesText(changes) + "\n";
+            result.json.push_back(
+                {{"change", "updated"}, {"profile", name}, {"fields", changesJson(changes)}});
         }
     }
     for (const auto& row : before) {
         if (findRow(after, row.tech, row.id) == nullptr) {
-            text += "deleted " + profileName(row.tech, row.id) + "\n";
+            const std::string name = profileName(row.tech, row.id);
+            result.text += "deleted " + name + "\n";
+            result.json.push_back({{"change", "deleted"}, {"profile", name}});
         }
     }
-    return text.empty() ? "no profile changed\n" : text;
+    if (result.text.empty()) {
+        result.text = "no profile changed\n";
+    }
+    return result;
 }
 
 // Which profile a find-or-create chose and what happened to it: "found", "updated" or
 // "created", then the profile as it is now.
-std::string outcome(const std::vector<ProfileRow>& before, const std::vector<ProfileRow>& after,
-                    const std::shared_ptr<kel::IProfileKey>& key, bool* created) {
+struct Outcome {
+    std::string text;
+    Json json;
+    bool created = false;
+};
+
+Outcome outcome(const std::vector<ProfileRow>& before, const std::vector<ProfileRow>& after,
+                const std::shared_ptr<kel::IProfileKey>& key) {
     const kel::TechType tech = key->getTechType();
     const int id = key->getProfileId();
     const ProfileRow* old = findRow(before, tech, id);
     const ProfileRow* now = findRow(after, tech, id);
-    *created = old == nullptr;
+    Outcome result;
+    result.created = old == nullptr;
     const std::string verb =
         old == nullptr
             ? "created"
-            : (now != nullptr && !fieldChanges(*old, *now).empty() ? "updated" : "found");
-    return verb + " " + (now != nullptr ? rowSummary(*now) : profileName(tech, id)) + "\n";
+            : (now != nullptr && !settingChanges(*old, *now).empty() ? "updated" : "found");
+    result.text = verb + " " + (now != nullptr ? rowSummary(*now) : profileName(tech, id)) + "\n";
+    result.json = {{"outcome", verb}, {"profile", profileName(tech, id)}};
+    if (now != nullptr) {
+        result.json["settings"] = profileJson(*now);
+    }
+    return result;
 }
 
 std::shared_ptr<kel::IProfileKey> resolve(Session& session, const ProfileRef& ref,
@@ -311,17 +352,21 @@ kel::FilterProfileParams filterFrom(const Args& args) {
 // ---------------------------------------------------------------------------------------------
 // The commands.
 
-bool cmdList(Session& session, const Invocation& inv, CommandResult* result) {
+bool cmdList(Session& session, const Invocation&, CommandResult* result) {
     const auto rows = snapshot(session);
-    result->output = inv.args.json ? profilesJson(rows) : profileTable(rows);
+    result->output = profileTable(rows);
+    result->json = profilesJson(rows);
     return true;
 }
 
 bool cmdDump(Session&, const Invocation&, CommandResult* result) {
     // A call through the worker first, so the dump shows everything the worker has done.
     manager().filter(kel::FilterProfileParams());
+    result->json = Json::array();
     for (const std::string& line : manager().dump()) {
-        result->output += line + "\n";
+        const std::string shown = maskedLibraryText(line);
+        result->output += shown + "\n";
+        result->json.push_back(shown);
     }
     return true;
 }
@@ -337,10 +382,7 @@ bool cmdGet(Session& session, const Invocation& inv, CommandResult* result) {
         return false;
     }
     const ProfileRow& row = rows.front();
-    if (inv.args.json) {
-        result->output = profileJson(row) + "\n";
-        return true;
-    }
+    result->json = profileJson(row);
     std::ostringstream out;
     out << "profile " << profileName(row.tech, row.id) << "\n";
     if (!row.token.empty()) {
@@ -350,7 +392,7 @@ bool cmdGet(Session& session, const Invocation& inv, CommandResult* result) {
         out << "name " << row.name << "\n";
     }
     for (const auto& [field, value] : settingsFields(row.params)) {
-        out << field << " " << value << "\n";
+        out << field << " " << shownValue(field, value) << "\n";
     }
     out << "flags " << flagsText(row.params) << "\n";
     result->output = out.str();
@@ -370,6 +412,10 @@ bool cmdAdd(Session& session, const Invocation& inv, CommandResult* result) {
     const auto rows = rowsFor(session, {key});
     const std::string profile = profileName(key->getTechType(), key->getProfileId());
     result->output = "added " + (rows.empty() ? profile : rowSummary(rows.front())) + "\n";
+    result->json = {{"added", profile}};
+    if (!rows.empty()) {
+        result->json["settings"] = profileJson(rows.front());
+    }
     if (!args.persistent) {
         result->transientProfile = profile;
     }
@@ -389,10 +435,12 @@ bool cmdModify(Session& session, const Invocation& inv, CommandResult* result) {
         return false;
     }
     const auto after = rowsFor(session, {key});
-    const std::string changes =
-        before.empty() || after.empty() ? "" : fieldChanges(before.front(), after.front());
+    const auto changes = before.empty() || after.empty()
+                             ? std::vector<SettingChange>()
+                             : settingChanges(before.front(), after.front());
+    result->json = {{"modified", profile}, {"fields", changesJson(changes)}};
     if (!changes.empty()) {
-        result->output = "modified " + profile + ": " + changes + "\n";
+        result->output = "modified " + profile + ": " + changesText(changes) + "\n";
         return true;
     }
     // The library answers a modify the modem refused as done; the profile tells the truth.
@@ -415,13 +463,15 @@ bool cmdDelete(Session& session, const Invocation& inv, CommandResult* result) {
         return false;
     }
     result->output = "deleted " + profile + "\n";
+    result->json = {{"deleted", profile}};
     return true;
 }
 
 bool cmdFilter(Session& session, const Invocation& inv, CommandResult* result) {
     const auto keys = manager().filter(filterFrom(inv.args));
     const auto rows = rowsFor(session, keys);
-    result->output = inv.args.json ? profilesJson(rows) : profileTable(rows);
+    result->output = profileTable(rows);
+    result->json = profilesJson(rows);
     if (!keys.empty()) {
         result->handle = keys.front();
     }
@@ -433,7 +483,9 @@ bool cmdMatch(Session& session, const Invocation& inv, CommandResult* result) {
     if (!key) {
         return false;
     }
-    result->output = manager().match(filterFrom(inv.args), key) ? "match\n" : "no match\n";
+    const bool matched = manager().match(filterFrom(inv.args), key);
+    result->output = matched ? "match\n" : "no match\n";
+    result->json = {{"match", matched}};
     return true;
 }
 
@@ -445,12 +497,14 @@ bool cmdRefresh(Session&, const Invocation& inv, CommandResult* result) {
             result->output =
                 "refresh started: the library refuses profile operations until "
                 "refresh --completed\n";
+            result->json = {{"refresh", "started"}};
             break;
-        case kel::PDCRefreshStatus::Completed:
-            result->output = "refreshed: " +
-                             std::to_string(manager().filter(kel::FilterProfileParams()).size()) +
-                             " profiles\n";
+        case kel::PDCRefreshStatus::Completed: {
+            const std::size_t count = manager().filter(kel::FilterProfileParams()).size();
+            result->output = "refreshed: " + std::to_string(count) + " profiles\n";
+            result->json = {{"refresh", "completed"}, {"profiles", count}};
             break;
+        }
     }
     return true;
 }
@@ -467,10 +521,10 @@ bool chooseProfile(Session& session, const Invocation& inv, CommandResult* resul
         result->error = "no profile fits, and the modem did not add one";
         return false;
     }
-    const auto after = snapshot(session);
-    bool created = false;
-    result->output = outcome(before, after, key, &created);
-    if (created && createsTransient) {
+    const Outcome chosen = outcome(before, snapshot(session), key);
+    result->output = chosen.text;
+    result->json = chosen.json;
+    if (chosen.created && createsTransient) {
         result->transientProfile = profileName(key->getTechType(), key->getProfileId());
     }
     result->handle = std::move(key);
@@ -518,6 +572,7 @@ bool cmdMatchAttachId(Session& session, const Invocation& inv, CommandResult* re
     session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
     const bool matched = session.util.matchLteAttachProfileId(id, inv.args.settings());
     result->output = matched ? "match\n" : "no match\n";
+    result->json = {{"match", matched}};
     return true;
 }
 
@@ -530,7 +585,9 @@ bool cmdApplyClasses(Session& session, const Invocation& inv, CommandResult* res
     }
     const auto before = snapshot(session);
     session.util.updateModemProfileByApnClass(profiles3gpp, profiles3gpp2);
-    result->output = describeChanges(before, snapshot(session));
+    const ProfileChanges changes = describeChanges(before, snapshot(session));
+    result->output = changes.text;
+    result->json = {{"changes", changes.json}};
     return true;
 }
 
@@ -542,17 +599,19 @@ bool cmdApplyTypes(Session& session, const Invocation& inv, CommandResult* resul
     session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
     const auto before = snapshot(session);
     session.util.updateAPNTypeBitmaskOnModemProfile(profiles);
-    result->output = describeChanges(before, snapshot(session));
+    const ProfileChanges changes = describeChanges(before, snapshot(session));
+    result->output = changes.text;
+    result->json = {{"changes", changes.json}};
     return true;
 }
 
 bool cmdCarrier(Session& session, const Invocation& inv, CommandResult* result) {
     CarrierReport report;
     const bool applied = runCarrier(session, inv, &report);
-    result->output = inv.args.json ? carrierJson(report).dump(
-                                         2, ' ', false, nlohmann::json::error_handler_t::replace) +
-                                         "\n"
-                                   : carrierText(report);
+    result->output = carrierText(report);
+    result->json = carrierJson(report);
+    // Its not_applied list says what failed: the document stands with the error beside it.
+    result->jsonOnFailure = true;
     for (const auto& warning : report.warnings) {
         result->notes += "kelctl: carrier: " + escapeText(warning) + "\n";
     }
@@ -565,6 +624,7 @@ bool cmdCarrier(Session& session, const Invocation& inv, CommandResult* result) 
 }
 
 bool cmdDrop(Session& session, const Invocation& inv, CommandResult* result) {
+    result->json = Json::array();
     for (const std::string& name : inv.args.positional) {
         const auto found = session.handles.find(name);
         if (found == session.handles.end()) {
@@ -581,15 +641,20 @@ bool cmdDrop(Session& session, const Invocation& inv, CommandResult* result) {
         const bool stays = wasGone || !manager().filter(filter).empty();
         result->output += "dropped " + name +
                           (stays ? "" : ": the library deleted " + profileName(tech, id)) + "\n";
+        result->json.push_back(
+            {{"dropped", name}, {"profile", profileName(tech, id)}, {"deleted", !stays}});
     }
     return true;
 }
 
 bool cmdHandles(Session& session, const Invocation&, CommandResult* result) {
+    result->json = Json::array();
     for (const auto& [name, handle] : session.handles) {
-        result->output += name + " " +
-                          profileName(handle.key->getTechType(), handle.key->getProfileId()) +
-                          (handle.gone->load() ? " (gone)" : "") + "\n";
+        const std::string profile =
+            profileName(handle.key->getTechType(), handle.key->getProfileId());
+        const bool gone = handle.gone->load();
+        result->output += name + " " + profile + (gone ? " (gone)" : "") + "\n";
+        result->json.push_back({{"name", name}, {"profile", profile}, {"gone", gone}});
     }
     return true;
 }
@@ -605,16 +670,16 @@ Session::~Session() {
 
 const std::vector<CommandSpec>& commands() {
     static const std::vector<CommandSpec> table = {
-        {"list", "", "the modem's profiles as a table (or JSON)", kJson, 0, 0, 0, cmdList},
+        {"list", "", "the modem's profiles as a table (or JSON)", 0, 0, 0, 0, cmdList},
         {"dump", "", "the library's own dump: its cache and its log history", 0, 0, 0, 0, cmdDump},
-        {"get", "PROFILE", "one profile's settings", kTech | kJson, 1, 1, 0, cmdGet},
+        {"get", "PROFILE", "one profile's settings", kTech, 1, 1, 0, cmdGet},
         {"add", "", "add a profile", kSettings | kTech | kPersistent | kIaFlag, 0, 0,
          kMakesHandle | kChangesModem, cmdAdd},
         {"modify", "PROFILE", "change a profile's settings", kSettings | kTech, 1, 1, kChangesModem,
          cmdModify},
         {"delete", "PROFILE", "delete a profile from the modem", kTech, 1, 1, kChangesModem,
          cmdDelete},
-        {"filter", "", "the profiles that fit the given settings", kProfileFilter | kJson, 0, 0,
+        {"filter", "", "the profiles that fit the given settings", kProfileFilter, 0, 0,
          kMakesHandle, cmdFilter},
         {"match", "PROFILE", "whether a profile fits the given settings", kProfileFilter, 1, 1, 0,
          cmdMatch},
@@ -633,7 +698,7 @@ const std::vector<CommandSpec>& commands() {
         {"apply-types", "", "spread each APN's types over its profiles (--apn, --types)",
          kSettings | kAllowUpdate | kEntries, 0, 0, kChangesModem, cmdApplyTypes},
         {"carrier", "FILE", "apply one carrier's entries of a carrier APN database",
-         kCarrier | kAllowUpdate | kJson, 1, 1, kChangesModem, cmdCarrier},
+         kCarrier | kAllowUpdate, 1, 1, kChangesModem, cmdCarrier},
         {"drop", "NAME...", "release named handles", 0, 1, 64, kScriptOnly, cmdDrop},
         {"handles", "", "the named handles", 0, 0, 0, kScriptOnly, cmdHandles},
     };
@@ -647,6 +712,102 @@ const CommandSpec* findCommand(const std::string& name) {
         }
     }
     return nullptr;
+}
+
+namespace {
+
+std::string closestCommand(const std::string& typed) {
+    // Edit distance (insertions, deletions, substitutions, and swaps of neighbours), row by row.
+    auto distance = [](const std::string& a, const std::string& b) {
+        std::vector<std::vector<std::size_t>> d(a.size() + 1,
+                                                std::vector<std::size_t>(b.size() + 1, 0));
+        for (std::size_t i = 0; i <= a.size(); ++i) {
+            d[i][0] = i;
+        }
+        for (std::size_t j = 0; j <= b.size(); ++j) {
+            d[0][j] = j;
+        }
+        for (std::size_t i = 1; i <= a.size(); ++i) {
+            for (std::size_t j = 1; j <= b.size(); ++j) {
+                const std::size_t cost = a[i - 1] == b[j - 1] ? 0 : 1;
+                d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + cost});
+                if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+                    d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+                }
+            }
+        }
+        return d[a.size()][b.size()];
+    };
+    if (typed.size() > 64) {
+        return "";
+    }
+    std::string best;
+    std::size_t bestDistance = 0;
+    std::vector<std::string> names = {"run", "shell", "help"};
+    for (const auto& definition : commands()) {
+        names.emplace_back(definition.name);
+    }
+    for (const auto& name : names) {
+        const std::size_t d = distance(lower(typed), name);
+        if (best.empty() || d < bestDistance) {
+            best = name;
+            bestDistance = d;
+        }
+    }
+    // Close enough to be a slip: at most a third of the name, and never the whole word.
+    return bestDistance <= std::max<std::size_t>(1, best.size() / 3) && bestDistance < typed.size()
+               ? best
+               : "";
+}
+
+}  // namespace
+
+std::string unknownCommand(const std::string& typed, const std::string& hint) {
+    const std::string close = closestCommand(typed);
+    return "unknown command \"" + typed + "\" (" +
+           (close.empty() ? "" : "did you mean \"" + close + "\"? ") + hint + ")";
+}
+
+bool fitToModemFields(Args* args, bool truncate, std::vector<std::string>* notes,
+                      std::string* error) {
+    struct Field {
+        const char* option;
+        std::size_t limit;
+        bool (kel::ProfileParams::*has)() const;
+        std::string (kel::ProfileParams::*get)() const;
+        void (kel::ProfileParams::*set)(std::string);
+    };
+    static const Field kFields[] = {
+        {"--apn", kApnLimit, &kel::ProfileParams::hasApnName, &kel::ProfileParams::getApnName,
+         &kel::ProfileParams::setApnName},
+        {"--user", kUserNameLimit, &kel::ProfileParams::hasUserName,
+         &kel::ProfileParams::getUserName, &kel::ProfileParams::setUserName},
+        {"--password", kPasswordLimit, &kel::ProfileParams::hasPassword,
+         &kel::ProfileParams::getPassword, &kel::ProfileParams::setPassword},
+    };
+    for (Entry& entry : args->entries) {
+        kel::ProfileParams& params = entry.settings;
+        for (const Field& field : kFields) {
+            if (!(params.*field.has)()) {
+                continue;
+            }
+            const std::string value = (params.*field.get)();
+            if (value.size() <= field.limit) {
+                continue;
+            }
+            const std::string limit = std::to_string(field.limit);
+            if (!truncate) {
+                *error = std::string(field.option) + ": " + std::to_string(value.size()) +
+                         " characters, but the modem holds at most " + limit +
+                         " (--truncate cuts it to fit)";
+                return false;
+            }
+            (params.*field.set)(value.substr(0, field.limit));
+            notes->push_back(std::string(field.option) + " cut to its first " + limit +
+                             " characters");
+        }
+    }
+    return true;
 }
 
 namespace {
@@ -741,7 +902,9 @@ bool prepareInvocation(const CommandSpec& definition, const std::vector<std::str
     invocation->definition = &definition;
     if (!parseArgs(definition.groups, words, &invocation->args, globals, error) ||
         !checkOperands(definition, invocation->args, knownHandles, error) ||
-        !checkEntries(definition, invocation->args, error)) {
+        !checkEntries(definition, invocation->args, error) ||
+        !fitToModemFields(&invocation->args, invocation->args.truncate, &invocation->notes,
+                          error)) {
         return false;
     }
     if (std::string(definition.name) == "carrier") {
@@ -799,10 +962,17 @@ std::string generalHelp() {
                 "\n";
     }
     text += "\nOptions of the whole run:\n" + globalOptionsHelp() +
-            "\nkelctl COMMAND --help shows a command's options. Exit status: 0 done; 1 the modem\n"
-            "or the library said no, or no modem answered; 2 a wrong command line or input file\n"
-            "(nothing was sent).\n";
+            "\nkelctl COMMAND --help shows a command's options; -- ends the options.\n"
+            "Exit status: 0 done; 1 an operation failed or was not applied, no modem answered,\n"
+            "or --timeout ran out; 2 a wrong command line or input file (nothing was sent).\n";
     return text;
+}
+
+std::string versionText(bool json) {
+    if (json) {
+        return jsonText({{"kelctl", KELCTL_VERSION}, {"libkelr", KELCTL_VERSION}});
+    }
+    return "kelctl " KELCTL_VERSION " (libkelr " KELCTL_VERSION ")\n";
 }
 
 }  // namespace kelctl

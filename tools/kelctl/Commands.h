@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "Carrier.h"
 #include "ModemLink.h"
 #include "Options.h"
@@ -39,6 +41,9 @@ class Session {
     const Channel& channel;
     kel::Util util;
     std::map<std::string, NamedHandle> handles;
+    // A script run with --json: each line's result goes into lines, printed as one document.
+    bool json = false;
+    Json lines = Json::array();
 };
 
 // One checked command line: the command, its options, and what was read ahead of time.
@@ -47,13 +52,18 @@ struct Invocation {
     const CommandSpec* definition = nullptr;
     Args args;
     std::shared_ptr<const CarrierSelection> carrier;  // carrier: the file, read and checked
+    std::vector<std::string> notes;                   // what checking changed (values cut to fit)
 };
 
 // What a command produced.
 struct CommandResult {
     std::string output;  // for standard output
+    Json json;           // the same as one JSON document, printed instead with --json
     std::string error;   // set on failure
     std::string notes;   // for standard error: warnings and notes, one line each
+    // The json document stands also when the command fails (it says what failed); otherwise a
+    // failure prints {"error": ...} instead.
+    bool jsonOnFailure = false;
     // A profile the library made without persistence: it goes with the last handle to it.
     std::string transientProfile;
     // The profile handle a script line may name (add, data-call, emergency, attach, filter).
@@ -89,10 +99,19 @@ bool prepareInvocation(const CommandSpec& definition, const std::vector<std::str
                        GlobalOptions* globals, const std::set<std::string>* knownHandles,
                        Invocation* invocation, std::string* error);
 
+// Values longer than their modem field: refused with the field's limit, or with truncate cut to
+// it (each cut noted in *notes). False with a one-line reason.
+bool fitToModemFields(Args* args, bool truncate, std::vector<std::string>* notes,
+                      std::string* error);
+
+// "unknown command "lst" (did you mean "list"? HINT)": the suggestion is the command name
+// closest to the typed one, when one is close enough to have been meant.
+std::string unknownCommand(const std::string& typed, const std::string& hint);
+
 // One setting that differs between two states of a profile; "-" stands for absent.
 struct SettingChange {
     std::string setting;  // as settingsFields names it, or "flags"
-    std::string from;
+    std::string from;     // secrets in clear, for comparing; print through shownChange
     std::string to;
 };
 
@@ -104,12 +123,16 @@ std::string rowSummary(const ProfileRow& row);
 // The present settings by name, with "flags".
 std::map<std::string, std::string> fieldMap(const ProfileRow& row);
 std::vector<SettingChange> settingChanges(const ProfileRow& before, const ProfileRow& after);
-// "types: default -> default,mms; ip: v4 -> v4v6".
+// A changed value as kelctl prints it: "-" stays, secrets are masked.
+std::string shownChange(const std::string& setting, const std::string& value);
+// "types: default -> default,mms; ip: v4 -> v4v6", secrets masked.
 std::string changesText(const std::vector<SettingChange>& changes);
 
 // "Usage: kelctl add [options]" with the summary and the command's options.
 std::string commandHelp(const CommandSpec& definition);
 std::string generalHelp();
+// kelctl --version: the version of kelctl and of the library it was built with.
+std::string versionText(bool json);
 
 }  // namespace kelctl
 

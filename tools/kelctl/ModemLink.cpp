@@ -41,6 +41,13 @@ bool fileExists(const std::string& path) {
     return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
+// How long to wait for the modem to answer. A --timeout bounds the whole run, so the wait takes
+// only part of it and leaves the rest for reading the profiles and the command itself.
+std::chrono::milliseconds readinessWait(const GlobalOptions& options) {
+    return std::chrono::milliseconds(options.timeoutGiven ? std::max(1, options.timeoutMs * 3 / 5)
+                                                          : options.timeoutMs);
+}
+
 bool cacheHasProfiles(kel::Manager& manager) {
     return !manager.filter(kel::FilterProfileParams()).empty();
 }
@@ -65,15 +72,24 @@ std::optional<std::string> dumpField(const std::string& line, const std::string&
 
 }  // namespace
 
-std::string defaultSeedFile() {
-    // A build tree uses the repository's seed; an installed kelctl the installed one.
-    for (const char* candidate : {KELCTL_SOURCE_DATA_DIR "/modem-seed.conf",
-                                  KELCTL_INSTALLED_DATA_DIR "/modem-seed.conf"}) {
-        if (fileExists(candidate)) {
-            return candidate;
-        }
+std::string dataDirectory() {
+    // Where this executable is decides: in its build directory it uses the source tree's data,
+    // anywhere else (installed, or a moved prefix) the data installed beside it.
+    std::error_code failed;
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", failed);
+    if (failed) {
+        return KELCTL_INSTALLED_DATA_DIR;
     }
-    return "";
+    const std::filesystem::path here = self.parent_path();
+    if (std::filesystem::equivalent(here, KELCTL_BUILD_DIR, failed)) {
+        return KELCTL_SOURCE_DATA_DIR;
+    }
+    return (here / KELCTL_BIN_TO_DATA).lexically_normal().string();
+}
+
+std::string defaultSeedFile() {
+    const std::string seed = dataDirectory() + "/modem-seed.conf";
+    return fileExists(seed) ? seed : "";
 }
 
 bool ModemLink::open(const GlobalOptions& options, std::string* error) {
@@ -95,13 +111,18 @@ bool ModemLink::open(const GlobalOptions& options, std::string* error) {
 }
 
 ModemLink::~ModemLink() {
+#ifndef KELCTL_NO_EMBEDDED_MODEM
     if (sim) {
         sim->stop();
         sim.reset();
     }
+#endif
     if (!privateDir.empty()) {
         std::error_code ignored;
         std::filesystem::remove_all(privateDir, ignored);
+        if (deadline != nullptr) {
+            deadline->setCleanup("");
+        }
     }
 }
 
@@ -119,6 +140,9 @@ std::optional<std::string> ModemLink::modemProfileName(kel::TechType tech, int i
         }
         return found->second.name;
     }
+#ifdef KELCTL_NO_EMBEDDED_MODEM
+    return std::nullopt;
+#else
     if (id < 0 || id > 255) {
         return std::nullopt;
     }
@@ -129,8 +153,19 @@ std::optional<std::string> ModemLink::modemProfileName(kel::TechType tech, int i
         return std::nullopt;
     }
     return std::string(profile->settings.profile_name);
+#endif
 }
 
+#ifdef KELCTL_NO_EMBEDDED_MODEM
+// Without the embedded modem, the library finds the device's own.
+bool ModemLink::startEmbedded(const GlobalOptions&, std::string*) {
+    return true;
+}
+
+bool ModemLink::waitEmbedded(const GlobalOptions&, std::string*) {
+    return false;
+}
+#else
 bool ModemLink::startEmbedded(const GlobalOptions& options, std::string* error) {
     const std::string seed = options.seedFile.empty() ? defaultSeedFile() : options.seedFile;
     if (seed.empty()) {
@@ -150,6 +185,9 @@ bool ModemLink::startEmbedded(const GlobalOptions& options, std::string* error) 
         return false;
     }
     privateDir = pattern;
+    if (deadline != nullptr) {
+        deadline->setCleanup(privateDir);
+    }
     ::setenv("VEX_SERVICE_DIR", privateDir.c_str(), 1);
 
     vexsim::Config config;
@@ -183,7 +221,7 @@ bool ModemLink::waitEmbedded(const GlobalOptions& options, std::string* error) {
             }
             return false;
         },
-        std::chrono::milliseconds(options.timeoutMs));
+        readinessWait(options));
     if (!ready) {
         *error = "the library did not connect to the embedded modem within " +
                  secondsText(options.timeoutMs);
@@ -192,19 +230,20 @@ bool ModemLink::waitEmbedded(const GlobalOptions& options, std::string* error) {
     manager().filter(kel::FilterProfileParams());
     return true;
 }
+#endif
 
 bool ModemLink::waitRunning(const GlobalOptions& options, std::string* error) {
     // The modem is in another process: readiness is read from the library itself. Its cache
     // holds profiles only after it has read the modem, so the wait polls a filter, backing off
     // so that the polling stays a small part of the library's log history.
-    const auto deadline = Clock::now() + std::chrono::milliseconds(options.timeoutMs);
+    const auto waitEnd = Clock::now() + readinessWait(options);
     auto pause = std::chrono::milliseconds(5);
-    while (Clock::now() < deadline) {
+    while (Clock::now() < waitEnd) {
         if (cacheHasProfiles(manager())) {
             readNamesFromLibrary();
             return true;
         }
-        std::this_thread::sleep_for(std::min<Clock::duration>(pause, deadline - Clock::now()));
+        std::this_thread::sleep_for(std::min<Clock::duration>(pause, waitEnd - Clock::now()));
         pause = std::min(pause * 2, std::chrono::milliseconds(200));
     }
     // A modem without profiles, or one that never announces them, still answers a read of its

@@ -14,8 +14,17 @@
 #include <utility>
 
 #include "Options.h"
+#include "Output.h"
 #include "kel/Manager.h"
+#ifdef KELCTL_NO_EMBEDDED_MODEM
+// A device's kelctl works on the device's modem only (Android.bp); the simulated modem is a
+// host's, so there sim stays empty.
+namespace vexsim {
+class SimModem {};
+}  // namespace vexsim
+#else
 #include "vexsim/SimModem.h"
+#endif
 
 namespace kelctl {
 
@@ -32,9 +41,12 @@ class ModemLink {
     std::optional<std::string> modemProfileName(kel::TechType tech, int id,
                                                 const std::string& apn) const;
     bool isEmbedded() const { return sim != nullptr; }
+    // The run's deadline, told which directory to clean up should it stop the process.
+    void reportTo(RunDeadline* runDeadline) { deadline = runDeadline; }
 
     // False with a one-line reason when the modem cannot be started or does not answer within
-    // the timeout. Call once.
+    // the timeout (with --timeout, within part of it, so that the run has time left for its
+    // work). Call once.
     bool open(const GlobalOptions& options, std::string* error);
 
   private:
@@ -50,10 +62,14 @@ class ModemLink {
 
     std::unique_ptr<vexsim::SimModem> sim;
     std::map<std::pair<kel::TechType, int>, NamedApn> startupNames;
-    std::string privateDir;  // the embedded modem's service directory, removed at the end
+    std::string privateDir;           // the embedded modem's service directory, removed at the end
+    RunDeadline* deadline = nullptr;  // borrowed from the channel, which outlives the link
     int subscription = 0;
 };
 
+// kelctl's data: the source tree's when kelctl runs in its build directory, otherwise the data
+// installed relative to the executable.
+std::string dataDirectory();
 // The seed file the embedded modem starts from when --seed is not given; empty when none is
 // installed.
 std::string defaultSeedFile();

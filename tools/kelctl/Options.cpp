@@ -1,8 +1,12 @@
 #include "Options.h"
 
+#include <getopt.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <utility>
 
 #include "ValueNames.h"
 
@@ -103,7 +107,7 @@ bool setIp(const std::string& value, kel::ProfileParams& params, bool roaming, s
 const std::vector<OptionSpec>& optionTable() {
     static const std::vector<OptionSpec> table = {
         // Profile settings.
-        {"--apn", "NAME", kSettings, "APN name",
+        {"--apn", "NAME", kSettings, "APN name (at most 150 characters)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
              current(a).setApnName(v);
              return true;
@@ -136,12 +140,12 @@ const std::vector<OptionSpec>& optionTable() {
              current(a).setAuthType(*auth);
              return true;
          }},
-        {"--user", "NAME", kSettings, "user name",
+        {"--user", "NAME", kSettings, "user name (at most 127 characters)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
              current(a).setUserName(v);
              return true;
          }},
-        {"--password", "TEXT", kSettings, "password",
+        {"--password", "TEXT", kSettings, "password (at most 127 characters)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
              current(a).setPassword(v);
              return true;
@@ -230,9 +234,20 @@ const std::vector<OptionSpec>& optionTable() {
              a.ia = *flag;
              return true;
          }},
-        {"--json", nullptr, kJson, "print JSON",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+        {"--json", nullptr, kAlways | kGlobal, "print one JSON document",
+         [](const std::string&, Args& a, GlobalOptions* g, std::string*) {
              a.json = true;
+             if (g != nullptr) {
+                 g->json = true;
+             }
+             return true;
+         }},
+        {"--truncate", nullptr, kAlways | kGlobal, "cut values too long for their modem field",
+         [](const std::string&, Args& a, GlobalOptions* g, std::string*) {
+             a.truncate = true;
+             if (g != nullptr) {
+                 g->truncate = true;
+             }
              return true;
          }},
         {"--mcc", "MCC", kCarrier, "mobile country code (up to 3 digits)",
@@ -318,7 +333,8 @@ const std::vector<OptionSpec>& optionTable() {
              g->subscription = static_cast<int>(*sub);
              return true;
          }},
-        {"--timeout", "SECONDS", kGlobal, "longest wait for the modem (default 5)",
+        {"--timeout", "SECONDS", kGlobal,
+         "bound the whole run (default: 5 s for the modem to answer)",
          [](const std::string& v, Args&, GlobalOptions* g, std::string* why) {
              char* end = nullptr;
              const double seconds = std::strtod(v.c_str(), &end);
@@ -326,7 +342,18 @@ const std::vector<OptionSpec>& optionTable() {
                  *why = quoted(v) + " is not a number of seconds above 0 and at most 3600";
                  return false;
              }
-             g->timeoutMs = static_cast<int>(std::lround(seconds * 1000));
+             g->timeoutMs = std::max(1, static_cast<int>(std::lround(seconds * 1000)));
+             g->timeoutGiven = true;
+             return true;
+         }},
+        {"--show-secrets", nullptr, kGlobal, "print passwords in clear (hidden by default)",
+         [](const std::string&, Args&, GlobalOptions* g, std::string*) {
+             g->showSecrets = true;
+             return true;
+         }},
+        {"--version", nullptr, kGlobal, "print kelctl's and the library's version",
+         [](const std::string&, Args&, GlobalOptions* g, std::string*) {
+             g->version = true;
              return true;
          }},
         {"--verbose", nullptr, kAlways | kGlobal, "show the library's log and more detail",
@@ -337,72 +364,151 @@ const std::vector<OptionSpec>& optionTable() {
              }
              return true;
          }},
-        {"--help", nullptr, kAlways, "show this help",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+        {"--help", nullptr, kAlways | kGlobal, "show this help",
+         [](const std::string&, Args& a, GlobalOptions* g, std::string*) {
              a.help = true;
+             if (g != nullptr) {
+                 g->help = true;
+             }
              return true;
          }},
     };
     return table;
 }
 
-const OptionSpec* findOption(const std::string& name) {
-    const std::string wanted = name == "-h" ? "--help" : name;
-    for (const auto& optionDef : optionTable()) {
-        if (wanted == optionDef.name) {
+// Short forms of the options people type most.
+constexpr std::pair<char, const char*> kShortForms[] = {
+    {'h', "--help"},  {'V', "--version"},    {'v', "--verbose"}, {'j', "--json"},
+    {'m', "--modem"}, {'t', "--timeout"},    {'n', "--dry-run"}, {'e', "--echo"},
+    {'a', "--apn"},   {'p', "--persistent"},
+};
+
+char shortFormOf(const OptionSpec& optionDef) {
+    for (const auto& [letter, name] : kShortForms) {
+        if (optionDef.name == std::string(name)) {
+            return letter;
+        }
+    }
+    return '\0';
+}
+
+// getopt_long reports a long option by its index plus this, so that no index looks like a letter.
+constexpr int kLongBase = 256;
+
+const OptionSpec* optionByCode(int code) {
+    const auto& table = optionTable();
+    if (code >= kLongBase && code - kLongBase < static_cast<int>(table.size())) {
+        return &table[static_cast<std::size_t>(code - kLongBase)];
+    }
+    for (const auto& optionDef : table) {
+        if (code > 0 && shortFormOf(optionDef) == code) {
             return &optionDef;
         }
     }
     return nullptr;
 }
 
-// Applies one option word (with its value taken from words when it needs one). Advances *index
-// past what it used.
-bool applyOption(const std::vector<std::string>& words, std::size_t* index, unsigned int groups,
-                 Args* args, GlobalOptions* globals, std::string* error) {
-    std::string name = words[*index];
-    std::optional<std::string> value;
-    const std::size_t equals = name.find('=');
-    if (equals != std::string::npos) {
-        value = name.substr(equals + 1);
-        name.resize(equals);
-    }
-    const OptionSpec* optionDef = findOption(name);
-    if (optionDef == nullptr) {
-        *error = "unknown option " + name;
-        return false;
-    }
-    if ((optionDef->group & (kGlobal | kAlways)) == kGlobal && globals == nullptr) {
-        *error = name + " applies to a whole kelctl run, not to one script line";
-        return false;
-    }
-    if ((optionDef->group & (groups | kGlobal | kAlways)) == 0) {
-        *error = "this command does not take " + name;
-        return false;
-    }
-    if (optionDef->value == nullptr && value) {
-        *error = name + " takes no value";
-        return false;
-    }
-    if (optionDef->value != nullptr && !value) {
-        if (*index + 1 >= words.size()) {
-            *error = name + " needs a value: " + optionDef->value;
-            return false;
+// The getopt_long tables for every option; which command takes which is checked afterwards, so
+// that an option of another command is named as such rather than as unknown.
+struct GetoptTables {
+    std::vector<option> longOptions;
+    std::string shortOptions;
+};
+
+GetoptTables getoptTables(bool stopAtOperand) {
+    GetoptTables tables;
+    // ':' first: a missing value is told apart from an unknown option. '+': stop at the command.
+    tables.shortOptions = stopAtOperand ? "+:" : ":";
+    const auto& table = optionTable();
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        const OptionSpec& optionDef = table[i];
+        const int hasArg = optionDef.value != nullptr ? required_argument : no_argument;
+        tables.longOptions.push_back(
+            {optionDef.name + 2, hasArg, nullptr, kLongBase + static_cast<int>(i)});
+        if (const char letter = shortFormOf(optionDef); letter != '\0') {
+            tables.shortOptions += letter;
+            tables.shortOptions += optionDef.value != nullptr ? ":" : "";
         }
-        *index += 1;
-        value = words[*index];
     }
-    std::string why;
-    if (!optionDef->apply(value.value_or(std::string()), *args, globals, &why)) {
-        *error = name + ": " + why;
-        return false;
-    }
-    *index += 1;
-    return true;
+    tables.longOptions.push_back({nullptr, 0, nullptr, 0});
+    return tables;
 }
 
-bool isOption(const std::string& word) {
-    return word == "-h" || (word.size() > 2 && word.compare(0, 2, "--") == 0);
+// Why getopt_long refused the word at hand.
+std::string refusal(int result, const std::string& word) {
+    const OptionSpec* optionDef = optionByCode(optopt);
+    if (result == ':' && optionDef != nullptr) {
+        return std::string(optionDef->name) + " needs a value: " + optionDef->value;
+    }
+    if (optionDef != nullptr && optopt >= kLongBase) {
+        return std::string(optionDef->name) + " takes no value";
+    }
+    if (optopt > 0 && optopt < kLongBase) {
+        return std::string("unknown option -") + static_cast<char>(optopt);
+    }
+    const std::string name = word.substr(0, word.find('='));
+    std::string candidates;
+    for (const auto& known : optionTable()) {
+        if (name.size() > 2 && std::string(known.name).compare(0, name.size(), name) == 0) {
+            candidates += (candidates.empty() ? "" : ", ") + std::string(known.name);
+        }
+    }
+    return candidates.empty() ? "unknown option " + name
+                              : "option " + name + " is ambiguous: " + candidates;
+}
+
+// Runs getopt_long over words, applying each option. With stopAtOperand the first operand ends
+// the options; *used is then the number of words taken. Otherwise options and operands mix, and
+// the operands go to args->positional.
+bool parseWords(const std::vector<std::string>& words, unsigned int groups, bool stopAtOperand,
+                Args* args, GlobalOptions* globals, std::size_t* used, std::string* error) {
+    std::vector<std::string> storage = {"kelctl"};
+    storage.insert(storage.end(), words.begin(), words.end());
+    std::vector<char*> argv;
+    for (auto& word : storage) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    const int argc = static_cast<int>(storage.size());
+    const GetoptTables tables = getoptTables(stopAtOperand);
+    opterr = 0;
+    optind = 0;  // a full restart: every parse sees a fresh vector
+    for (;;) {
+        const int result = ::getopt_long(argc, argv.data(), tables.shortOptions.c_str(),
+                                         tables.longOptions.data(), nullptr);
+        if (result == -1) {
+            break;
+        }
+        const std::string word = argv[std::max(1, optind - 1)];
+        if (result == '?' || result == ':') {
+            *error = refusal(result, word);
+            return false;
+        }
+        const OptionSpec* optionDef = optionByCode(result);
+        if (optionDef == nullptr) {
+            *error = "unknown option " + word;
+            return false;
+        }
+        const std::string name = optionDef->name;
+        if ((optionDef->group & (kGlobal | kAlways)) == kGlobal && globals == nullptr) {
+            *error = name + " applies to a whole kelctl run, not to one script line";
+            return false;
+        }
+        if ((optionDef->group & (groups | kGlobal | kAlways)) == 0) {
+            *error = "this command does not take " + name;
+            return false;
+        }
+        std::string why;
+        if (!optionDef->apply(optarg != nullptr ? optarg : "", *args, globals, &why)) {
+            *error = name + ": " + why;
+            return false;
+        }
+    }
+    *used = static_cast<std::size_t>(optind - 1);
+    for (int i = optind; !stopAtOperand && i < argc; ++i) {
+        args->positional.emplace_back(argv[static_cast<std::size_t>(i)]);
+    }
+    return true;
 }
 
 std::string helpLines(unsigned int groups) {
@@ -412,7 +518,9 @@ std::string helpLines(unsigned int groups) {
         if ((optionDef.group & groups) == 0 || (global && (groups & kGlobal) == 0)) {
             continue;
         }
-        std::string head = std::string("  ") + optionDef.name;
+        const char letter = shortFormOf(optionDef);
+        std::string head = letter != '\0' ? std::string("  -") + letter + ", " : "      ";
+        head += optionDef.name;
         if (optionDef.value != nullptr) {
             head += std::string(" ") + optionDef.value;
         }
@@ -430,35 +538,18 @@ std::string helpLines(unsigned int groups) {
 
 bool parseArgs(unsigned int groups, const std::vector<std::string>& words, Args* args,
                GlobalOptions* globals, std::string* error) {
-    std::size_t index = 0;
-    while (index < words.size()) {
-        if (!isOption(words[index])) {
-            args->positional.push_back(words[index]);
-            ++index;
-            continue;
-        }
-        if (!applyOption(words, &index, groups, args, globals, error)) {
-            return false;
-        }
-    }
-    return true;
+    std::size_t used = 0;
+    return parseWords(words, groups, false, args, globals, &used, error);
 }
 
 bool parseLeadingGlobals(std::vector<std::string>* words, GlobalOptions* globals,
                          std::string* error) {
     Args unused;
-    std::size_t index = 0;
-    while (index < words->size() && isOption((*words)[index])) {
-        const OptionSpec* optionDef =
-            findOption((*words)[index].substr(0, (*words)[index].find('=')));
-        if (optionDef != nullptr && optionDef->name == std::string("--help")) {
-            break;  // the caller prints the general help
-        }
-        if (!applyOption(*words, &index, kGlobal, &unused, globals, error)) {
-            return false;
-        }
+    std::size_t used = 0;
+    if (!parseWords(*words, kGlobal, true, &unused, globals, &used, error)) {
+        return false;
     }
-    words->erase(words->begin(), words->begin() + static_cast<std::ptrdiff_t>(index));
+    words->erase(words->begin(), words->begin() + static_cast<std::ptrdiff_t>(used));
     return true;
 }
 

@@ -6,6 +6,7 @@
 #ifndef KELCTL_OPTIONS_H
 #define KELCTL_OPTIONS_H
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,13 +25,17 @@ enum OptionGroup : unsigned int {
     kFilter = 1u << 4,       // --id, --criteria
     kKelFlag = 1u << 5,      // --kel
     kIaFlag = 1u << 6,       // --ia
-    kJson = 1u << 7,         // --json
     kCarrier = 1u << 8,      // --mcc, --mnc, --mvno-type, --mvno-match, --dry-run
     kRefresh = 1u << 9,      // --started, --completed
     kEntries = 1u << 10,     // --and: several entries on one command line
     kEcho = 1u << 11,        // --echo
     kVerbose = 1u << 12,     // --verbose, where a script line may use it
 };
+
+// The modem's text fields and the longest value each holds, in characters.
+constexpr std::size_t kApnLimit = 150;
+constexpr std::size_t kUserNameLimit = 127;
+constexpr std::size_t kPasswordLimit = 127;
 
 // One profile description as given on the command line.
 struct Entry {
@@ -50,6 +55,7 @@ struct Args {
     bool echo = false;
     bool verbose = false;
     bool help = false;
+    bool truncate = false;  // cut values longer than their modem field instead of refusing them
     std::optional<int> id;
     std::optional<bool> kel;
     std::optional<bool> ia;
@@ -72,16 +78,24 @@ struct GlobalOptions {
     std::string stateFile;  // embedded modem: where its persistent profiles are kept
     int subscription = 0;
     int timeoutMs = 5000;
+    bool timeoutGiven = false;  // --timeout given: it bounds the whole run, not only the wait
     bool verbose = false;
+    bool json = false;         // one JSON document on standard output
+    bool showSecrets = false;  // passwords in clear in everything kelctl prints
+    bool truncate = false;
+    bool help = false;
+    bool version = false;
 };
 
-// Parses the words after a command name for a command that takes `groups`. Options of the whole
-// run are stored in *globals; with globals null (a script line) they are refused. False with a
-// one-line reason that names the option and what it accepts.
+// Parses the words after a command name for a command that takes `groups`, the way getopt_long
+// does: long options with unique abbreviations, short forms of the common ones, options and
+// operands in any order, "--" ends the options. Options of the whole run are stored in *globals;
+// with globals null (a script line) they are refused. False with a one-line reason that names the
+// option and what it accepts.
 bool parseArgs(unsigned int groups, const std::vector<std::string>& words, Args* args,
                GlobalOptions* globals, std::string* error);
 
-// Takes the options of the whole run from the front of words (before the command name) and
+// Takes the options of the whole run from the front of words (up to the command name) and
 // removes them. False with a reason.
 bool parseLeadingGlobals(std::vector<std::string>* words, GlobalOptions* globals,
                          std::string* error);

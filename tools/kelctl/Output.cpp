@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "ValueNames.h"
 
@@ -30,55 +33,51 @@ std::string orDash(const std::string& text) {
     return text.empty() ? "-" : text;
 }
 
+bool secretsShown = false;
+
 std::string jsonString(const std::string& text) {
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        switch (c) {
-            case '"':
-                out += "\\\"";
-                break;
-            case '\\':
-                out += "\\\\";
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            case '\t':
-                out += "\\t";
-                break;
-            default:
-                if (c < 0x20) {
-                    char escaped[8];
-                    std::snprintf(escaped, sizeof(escaped), "\\u%04x", c);
-                    out += escaped;
-                } else {
-                    out += static_cast<char>(c);
-                }
-        }
-    }
-    return out + "\"";
+    return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-std::string jsonBool(bool value) {
-    return value ? "true" : "false";
-}
-
-std::string jsonTypes(unsigned int mask) {
-    std::string out = "[";
-    const std::string names = mask == 0 ? "" : typesNames(mask);
-    std::size_t start = 0;
-    while (start < names.size()) {
-        std::size_t comma = names.find(',', start);
-        if (comma == std::string::npos) {
-            comma = names.size();
+// Where a masked password value ends in the library's text: at the "," before the next
+// "Label=", or at the end of the line (the library ends a field list with ",").
+std::size_t secretEnd(const std::string& line, std::size_t start) {
+    for (std::size_t comma = line.find(',', start); comma != std::string::npos;
+         comma = line.find(',', comma + 1)) {
+        std::size_t label = comma + 1;
+        while (label < line.size() && std::isalpha(static_cast<unsigned char>(line[label]))) {
+            ++label;
         }
-        out += (out.size() > 1 ? "," : "") + jsonString(names.substr(start, comma - start));
-        start = comma + 1;
+        if (label == line.size() || (label > comma + 1 && line[label] == '=')) {
+            return comma;
+        }
     }
-    return out + "]";
+    return line.size();
 }
 
 }  // namespace
+
+void showSecrets(bool shown) {
+    secretsShown = shown;
+}
+
+std::string shownValue(const std::string& key, const std::string& value) {
+    return key == "password" && !secretsShown ? kHidden : value;
+}
+
+std::string maskedLibraryText(const std::string& line) {
+    if (secretsShown) {
+        return line;
+    }
+    static const std::string kLabel = "Password=";
+    std::string text = line;
+    for (std::size_t at = text.find(kLabel); at != std::string::npos;
+         at = text.find(kLabel, at + 1)) {
+        const std::size_t start = at + kLabel.size();
+        text.replace(start, secretEnd(text, start) - start, kHidden);
+    }
+    return text;
+}
 
 std::vector<std::pair<std::string, std::string>> settingsFields(const kel::ProfileParams& p) {
     std::vector<std::pair<std::string, std::string>> fields;
@@ -129,8 +128,9 @@ std::vector<std::pair<std::string, std::string>> settingsFields(const kel::Profi
 
 std::string settingsLine(const kel::ProfileParams& params) {
     std::string line;
-    for (const auto& [key, value] : settingsFields(params)) {
+    for (const auto& [key, raw] : settingsFields(params)) {
         line += line.empty() ? "" : " ";
+        const std::string value = shownValue(key, raw);
         const bool quote = value.empty() || value.find_first_of(" \t\"'") != std::string::npos;
         line += key + "=" + (quote ? jsonString(value) : value);
     }
@@ -195,98 +195,220 @@ std::string profileTable(const std::vector<ProfileRow>& rows) {
     return text;
 }
 
-std::string profileJson(const ProfileRow& row) {
-    const kel::ProfileParams& p = row.params;
-    std::string json = "{";
-    auto field = [&json](const std::string& key, const std::string& value) {
-        json += (json.size() > 1 ? "," : "") + jsonString(key) + ":" + value;
-    };
-    if (!row.token.empty()) {
-        field("token", row.token);
-    }
-    field("tech", jsonString(techName(row.tech)));
-    field("id", std::to_string(row.id));
-    if (!row.name.empty()) {
-        field("name", jsonString(row.name));
-    }
+Json settingsJson(const kel::ProfileParams& p) {
+    Json json = Json::object();
     if (p.hasApnName()) {
-        field("apn", jsonString(p.getApnName()));
+        json["apn"] = p.getApnName();
     }
     if (p.hasHomeIPType()) {
-        field("ip", jsonString(ipName(p.getHomeIPType())));
+        json["ip"] = ipName(p.getHomeIPType());
     }
     if (p.hasRoamIPType()) {
-        field("roam_ip", jsonString(ipName(p.getRoamIPType())));
+        json["roam_ip"] = ipName(p.getRoamIPType());
     }
     if (p.hasApnTypesMask()) {
-        field("types", jsonTypes(p.getApnTypesMask()));
-        field("types_mask", std::to_string(p.getApnTypesMask()));
+        Json types = Json::array();
+        const std::string names = p.getApnTypesMask() == 0 ? "" : typesNames(p.getApnTypesMask());
+        for (std::size_t start = 0; start < names.size();) {
+            const std::size_t comma = std::min(names.find(',', start), names.size());
+            types.push_back(names.substr(start, comma - start));
+            start = comma + 1;
+        }
+        json["types"] = types;
+        json["types_mask"] = p.getApnTypesMask();
     }
     if (p.hasApnClass()) {
-        field("class", jsonString(className(p.getApnClass())));
+        json["class"] = className(p.getApnClass());
     }
     if (p.hasAuthType()) {
-        field("auth", jsonString(authName(p.getAuthType())));
+        json["auth"] = authName(p.getAuthType());
     }
     if (p.hasUserName()) {
-        field("user", jsonString(p.getUserName()));
+        json["user"] = p.getUserName();
     }
     if (p.hasPassword()) {
-        field("password", jsonString(p.getPassword()));
+        json["password"] = shownValue("password", p.getPassword());
     }
     if (p.hasIsClatEnabled()) {
-        field("clat", jsonBool(p.getIsClatEnabled()));
+        json["clat"] = p.getIsClatEnabled();
     }
     if (p.hasIsEmergencySupported()) {
-        field("emergency_calls", jsonBool(p.getIsEmergencySupported()));
+        json["emergency_calls"] = p.getIsEmergencySupported();
     }
     if (p.hasIsApnDisabled()) {
-        field("disabled", jsonBool(p.getIsApnDisabled()));
+        json["disabled"] = p.getIsApnDisabled();
     }
     if (p.hasMaxPdnsConnPerBlock()) {
-        field("max_conns", std::to_string(p.getMaxPdnsConnPerBlock()));
+        json["max_conns"] = p.getMaxPdnsConnPerBlock();
     }
     if (p.hasMaxPdnConnTimer()) {
-        field("max_conns_time", std::to_string(p.getMaxPdnConnTimer()));
+        json["max_conns_time"] = p.getMaxPdnConnTimer();
     }
     if (p.hasPdnReqWaitInterval()) {
-        field("wait_time", std::to_string(p.getPdnReqWaitInterval()));
+        json["wait_time"] = p.getPdnReqWaitInterval();
     }
-    field("kel", jsonBool(p.getIsKelProfile()));
-    field("ia", jsonBool(p.getIsIAProfile()));
-    return json + "}";
+    return json;
 }
 
-std::string profilesJson(const std::vector<ProfileRow>& rows) {
-    std::string json = "[";
+Json profileJson(const ProfileRow& row) {
+    Json json = Json::object();
+    if (!row.token.empty() && row.token.size() <= 18 &&
+        row.token.find_first_not_of("0123456789") == std::string::npos) {
+        json["token"] = std::stoll(row.token);
+    }
+    json["tech"] = techName(row.tech);
+    json["id"] = row.id;
+    if (!row.name.empty()) {
+        json["name"] = row.name;
+    }
+    json.update(settingsJson(row.params));
+    json["kel"] = row.params.getIsKelProfile();
+    json["ia"] = row.params.getIsIAProfile();
+    return json;
+}
+
+Json profilesJson(const std::vector<ProfileRow>& rows) {
+    Json json = Json::array();
     for (const auto& row : rows) {
-        json += (json.size() > 1 ? ",\n " : "") + profileJson(row);
+        json.push_back(profileJson(row));
     }
-    return json + "]\n";
+    return json;
 }
 
-bool Channel::claimStandardOutput(bool verbose, std::string* error) {
-    UniqueFd real(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
-    if (!real) {
+std::string jsonText(const Json& document) {
+    return document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+RunDeadline::~RunDeadline() {
+    disarm();
+}
+
+void RunDeadline::arm(std::chrono::milliseconds limit, int errorFd, const std::string& line) {
+    std::lock_guard<std::mutex> guard(lock);
+    armed = true;
+    fd = errorFd;
+    message = line;
+    watcher = std::thread(&RunDeadline::watch, this, std::chrono::steady_clock::now() + limit);
+}
+
+void RunDeadline::setLine(const std::string& line) {
+    std::lock_guard<std::mutex> guard(lock);
+    message = line;
+}
+
+void RunDeadline::setCleanup(const std::string& directory) {
+    std::lock_guard<std::mutex> guard(lock);
+    cleanupDir = directory;
+}
+
+void RunDeadline::disarm() {
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        armed = false;
+    }
+    changed.notify_all();
+    if (watcher.joinable()) {
+        watcher.join();
+    }
+}
+
+void RunDeadline::write(int target, const std::string& text) const {
+    std::lock_guard<std::mutex> guard(lock);
+    writeAll(target, text);
+}
+
+void RunDeadline::watch(std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock<std::mutex> guard(lock);
+    if (changed.wait_until(guard, deadline, [this] { return !armed; })) {
+        return;
+    }
+    // Whatever the main thread waits for, the run is over: the lock stays held so that nothing
+    // else is printed after this line.
+    if (!cleanupDir.empty()) {
+        std::error_code ignored;
+        std::filesystem::remove_all(cleanupDir, ignored);
+    }
+    writeAll(fd, message);
+    ::_exit(1);
+}
+
+Channel::~Channel() {
+    deadline.disarm();
+    if (!logFilter.joinable()) {
+        return;
+    }
+    // Later output of the library (its worker's last line at exit) goes straight to standard
+    // error; closing the pipe's writing ends lets the filter finish what is buffered.
+    ::dup2(err.get(), STDOUT_FILENO);
+    ::dup2(err.get(), STDERR_FILENO);
+    logFilter.join();
+}
+
+bool Channel::claimStandardOutput(bool verbose, bool maskSecrets, std::string* error) {
+    UniqueFd realOut(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
+    UniqueFd realErr(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+    if (!realOut || !realErr) {
         *error = std::string("cannot duplicate standard output: ") + std::strerror(errno);
         return false;
     }
-    UniqueFd elsewhere(verbose ? ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)
-                               : ::open("/dev/null", O_WRONLY | O_CLOEXEC));
-    if (!elsewhere || ::dup2(elsewhere.get(), STDOUT_FILENO) < 0) {
+    UniqueFd filterInput;
+    UniqueFd elsewhere;
+    if (verbose && maskSecrets) {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) {
+            *error = std::string("cannot make a pipe for the log: ") + std::strerror(errno);
+            return false;
+        }
+        filterInput = UniqueFd(ends[0]);
+        elsewhere = UniqueFd(ends[1]);
+    } else {
+        elsewhere = UniqueFd(verbose ? ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)
+                                     : ::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    }
+    if (!elsewhere || ::dup2(elsewhere.get(), STDOUT_FILENO) < 0 ||
+        (filterInput && ::dup2(elsewhere.get(), STDERR_FILENO) < 0)) {
         *error = std::string("cannot redirect standard output: ") + std::strerror(errno);
         return false;
     }
-    out = std::move(real);
+    out = std::move(realOut);
+    err = std::move(realErr);
+    if (filterInput) {
+        logFilter = std::thread(&Channel::filterLog, this, std::move(filterInput));
+    }
     return true;
 }
 
+void Channel::filterLog(UniqueFd input) const {
+    std::string pending;
+    char chunk[4096];
+    for (;;) {
+        const ssize_t n = ::read(input.get(), chunk, sizeof(chunk));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        pending.append(chunk, static_cast<std::size_t>(n));
+        std::size_t start = 0;
+        for (std::size_t end = pending.find('\n'); end != std::string::npos;
+             end = pending.find('\n', start)) {
+            deadline.write(err.get(), maskedLibraryText(pending.substr(start, end - start)) + "\n");
+            start = end + 1;
+        }
+        pending.erase(0, start);
+    }
+    if (!pending.empty()) {
+        deadline.write(err.get(), maskedLibraryText(pending));
+    }
+}
+
 void Channel::print(const std::string& text) const {
-    writeAll(out ? out.get() : STDOUT_FILENO, text);
+    deadline.write(out ? out.get() : STDOUT_FILENO, text);
 }
 
 void Channel::error(const std::string& text) const {
-    writeAll(STDERR_FILENO, text);
+    deadline.write(errorFd(), text);
 }
 
 }  // namespace kelctl

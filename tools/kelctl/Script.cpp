@@ -2,10 +2,12 @@
 
 #include <unistd.h>
 
+#include <sys/stat.h>
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <iostream>
+#include <memory>
 #include <set>
 #include <sstream>
 
@@ -28,41 +30,139 @@ bool isHelpWord(const std::string& word) {
     return word == "--help" || word == "-h";
 }
 
-// The modem is found through --modem, else VEX_SERVICE_DIR, else it is the embedded one.
+#ifndef KELCTL_NO_EMBEDDED_MODEM
+// A state file kelctl can keep: a new name, or a regular file (not a link) within the input-file
+// bound, in a directory kelctl may write to, where the modem writes its file beside it first.
+bool checkStateFile(const std::string& path, std::string* error) {
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) == 0) {
+        if (S_ISLNK(info.st_mode)) {
+            *error = "--state " + path + ": a symbolic link, not a regular file";
+            return false;
+        }
+        if (!checkInputFile(path, false, error)) {
+            *error = "--state " + *error;
+            return false;
+        }
+    }
+    const std::size_t slash = path.rfind('/');
+    const std::string dir =
+        slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
+    struct stat dirInfo {};
+    if (::stat(dir.c_str(), &dirInfo) != 0 || !S_ISDIR(dirInfo.st_mode) ||
+        ::access(dir.c_str(), W_OK | X_OK) != 0) {
+        *error =
+            "--state " + path + ": cannot be written (" + dir + " is not a writable directory)";
+        return false;
+    }
+    return true;
+}
+#endif
+
+// The modem is found through --modem, else VEX_SERVICE_DIR, else it is the embedded one. The
+// embedded modem's files are checked here, so that a wrong one is an input error.
 bool settleGlobals(GlobalOptions* globals, std::string* error) {
     const char* serviceDir = std::getenv("VEX_SERVICE_DIR");
     if (globals->modemDir.empty() && !globals->embedded && serviceDir != nullptr &&
         *serviceDir != '\0') {
         globals->modemDir = serviceDir;
     }
-    if (!globals->modemDir.empty() && (!globals->seedFile.empty() || !globals->stateFile.empty())) {
-        *error = "--seed and --state are for the embedded modem, not a running one";
+    if (!globals->modemDir.empty()) {
+        if (!globals->seedFile.empty() || !globals->stateFile.empty()) {
+            *error = "--seed and --state are for the embedded modem, not a running one";
+            return false;
+        }
+        return true;
+    }
+#ifdef KELCTL_NO_EMBEDDED_MODEM
+    // A device's kelctl has no embedded modem: the library finds the device's own.
+    return true;
+#else
+    if (globals->seedFile.empty() && defaultSeedFile().empty()) {
+        *error = "no modem seed file is installed; give one with --seed FILE";
         return false;
     }
-    // Checked before any modem starts; the state file may not exist yet.
+    // Checked before any modem starts, so that a wrong file is an input error.
     if (!globals->seedFile.empty() && !checkInputFile(globals->seedFile, false, error)) {
         *error = "--seed " + *error;
         return false;
     }
-    if (!globals->stateFile.empty() && !checkInputFile(globals->stateFile, true, error)) {
-        *error = "--state " + *error;
-        return false;
-    }
-    return true;
+    return globals->stateFile.empty() || checkStateFile(globals->stateFile, error);
+#endif
 }
 
-// Makes the channel kelctl's own and connects; the library is silent unless --verbose.
-bool openLink(const GlobalOptions& globals, Channel& channel, ModemLink* link) {
-    std::string error;
+std::string secondsText(int ms) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%g s", ms / 1000.0);
+    return text;
+}
+
+// The embedded modem saves its persistent profiles on every change; a state file missing at the
+// end means they were not kept.
+bool stateKept(const GlobalOptions& globals, const ModemLink& link, const Channel& channel) {
+    struct stat info {};
+    if (!link.isEmbedded() || globals.stateFile.empty() ||
+        ::stat(globals.stateFile.c_str(), &info) == 0) {
+        return true;
+    }
+    channel.error("kelctl: the embedded modem could not keep its profiles in " + globals.stateFile +
+                  "\n");
+    return false;
+}
+
+// Makes the channel kelctl's own and connects; the library is silent unless --verbose. With
+// --timeout, the run's deadline starts here.
+bool openLink(const GlobalOptions& globals, Channel& channel, ModemLink* link,
+              std::string* failure) {
+    std::string& error = *failure;
     if (!globals.verbose) {
         // Read by the log stand-in on its first message, so set before the library is used.
         ::setenv("KELR_LOG_QUIET", "1", 1);
     }
-    if (!channel.claimStandardOutput(globals.verbose, &error) || !link->open(globals, &error)) {
+    if (!channel.claimStandardOutput(globals.verbose, !globals.showSecrets, &error)) {
         channel.error("kelctl: " + error + "\n");
         return false;
     }
+    const std::string limit = secondsText(globals.timeoutMs);
+    if (globals.timeoutGiven) {
+        channel.deadline.arm(std::chrono::milliseconds(globals.timeoutMs), channel.errorFd(),
+                             globals.modemDir.empty()
+                                 ? "kelctl: the library did not connect to the embedded modem "
+                                   "within " +
+                                       limit + "\n"
+                                 : "kelctl: no modem answered in " + globals.modemDir + " within " +
+                                       limit + " (is vex-modemd running there?)\n");
+    }
+    link->reportTo(&channel.deadline);
+    if (!link->open(globals, &error)) {
+        channel.deadline.disarm();
+        channel.error("kelctl: " + error + "\n");
+        return false;
+    }
+    channel.deadline.setLine("kelctl: stopped: the run took longer than --timeout " + limit +
+                             " (the modem answers too slowly)\n");
     return true;
+}
+
+void printNotes(const Channel& channel, const std::string& where,
+                const std::vector<std::string>& notes) {
+    for (const auto& text : notes) {
+        channel.error(where + "note: " + text + "\n");
+    }
+}
+
+// What --json prints for a command's result: its document, or on failure {"error": ...} (with
+// jsonOnFailure, the document with the error beside it).
+Json resultDocument(const CommandResult& result, bool ok) {
+    if (ok) {
+        return result.json;
+    }
+    if (result.jsonOnFailure && result.json.is_object()) {
+        Json document = result.json;
+        document["error"] = result.error;
+        return document;
+    }
+    return Json({{"error", result.error}});
 }
 
 void note(const Channel& channel, const std::string& where, const std::string& text) {
@@ -98,31 +198,85 @@ void keepHandle(Session& session, const std::string& name, std::shared_ptr<kel::
     session.handles[name] = std::move(handle);
 }
 
-int executeLine(Session& session, const ScriptLine& line, const std::string& where) {
+// A script line as kelctl shows it (--echo, --json): as written, unless it gives a password,
+// which is then masked like every other.
+std::string shownLine(const std::string& text) {
+    std::vector<std::string> words;
+    std::string ignored;
+    if (!splitLine(text, &words, &ignored)) {
+        return text;
+    }
+    static const std::string kOption = "--password";
+    bool masked = false;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        const std::string name = words[i].substr(0, words[i].find('='));
+        if (name.size() < 5 || kOption.compare(0, name.size(), name) != 0) {
+            continue;
+        }
+        if (name.size() < words[i].size()) {
+            words[i] = name + "=" + shownValue("password", words[i].substr(name.size() + 1));
+        } else if (i + 1 < words.size()) {
+            words[i + 1] = shownValue("password", words[i + 1]);
+        }
+        masked = true;
+    }
+    if (!masked) {
+        return text;
+    }
+    std::string line;
+    for (const auto& word : words) {
+        line += (line.empty() ? "" : " ") + word;
+    }
+    return line;
+}
+
+// Runs one checked line. With the run's --json, what it printed goes into the run's document
+// instead, one entry per line.
+int executeLine(Session& session, const ScriptLine& line, int number, const std::string& where) {
     const Channel& channel = session.channel;
+    Json entry = {{"line", number}, {"text", shownLine(line.text)}};
+    const auto report = [&session, &entry](int status) {
+        if (session.json) {
+            session.lines.push_back(std::move(entry));
+        }
+        return status;
+    };
     if (!line.help.empty()) {
-        channel.print(line.help);
-        return kExitOk;
+        entry["help"] = line.help;
+        if (!session.json) {
+            channel.print(line.help);
+        }
+        return report(kExitOk);
     }
     const CommandSpec& definition = *line.invocation.definition;
     CommandResult result;
     const bool ok = definition.run(session, line.invocation, &result);
-    channel.print(result.output);
+    if (session.json) {
+        entry["result"] = ok || result.jsonOnFailure ? result.json : Json(nullptr);
+    } else {
+        channel.print(line.invocation.args.json ? jsonText(resultDocument(result, ok))
+                                                : result.output);
+    }
     channel.error(result.notes);
     if (!ok) {
+        entry["error"] = result.error;
         channel.error(where + definition.name + ": " + result.error + "\n");
         reportGoneHandles(session, where);
-        return kExitFailed;
+        return report(kExitFailed);
     }
     if (!line.assignTo.empty()) {
         if (!result.handle) {
+            entry["error"] = "found no profile to name " + line.assignTo;
             channel.error(where + definition.name + ": found no profile to name " + line.assignTo +
                           "\n");
-            return kExitFailed;
+            return report(kExitFailed);
         }
-        channel.print(line.assignTo + " = " +
-                      profileName(result.handle->getTechType(), result.handle->getProfileId()) +
-                      "\n");
+        const std::string profile =
+            profileName(result.handle->getTechType(), result.handle->getProfileId());
+        entry["handle"] = {{"name", line.assignTo}, {"profile", profile}};
+        if (!session.json) {
+            channel.print(line.assignTo + " = " + profile + "\n");
+        }
         keepHandle(session, line.assignTo, std::move(result.handle), where);
     } else if (!result.transientProfile.empty()) {
         note(channel, where,
@@ -133,13 +287,13 @@ int executeLine(Session& session, const ScriptLine& line, const std::string& whe
     }
     result.handle.reset();
     reportGoneHandles(session, where);
-    return kExitOk;
+    return report(kExitOk);
 }
 
 // Parses one script line. *blank is set for a line with nothing to run. known holds the handle
 // names defined at this point; an assignment adds one, drop removes.
-bool parseLine(const std::string& text, std::set<std::string>* known, ScriptLine* line, bool* blank,
-               std::string* error) {
+bool parseLine(const std::string& text, bool truncate, std::set<std::string>* known,
+               ScriptLine* line, bool* blank, std::string* error) {
     std::vector<std::string> words;
     if (!splitLine(text, &words, error)) {
         return false;
@@ -172,7 +326,7 @@ bool parseLine(const std::string& text, std::set<std::string>* known, ScriptLine
     }
     const CommandSpec* definition = findCommand(words[0]);
     if (definition == nullptr) {
-        *error = "unknown command \"" + words[0] + "\" (help lists the commands)";
+        *error = unknownCommand(words[0], "help lists the commands");
         return false;
     }
     const std::vector<std::string> rest(words.begin() + 1, words.end());
@@ -198,6 +352,7 @@ bool parseLine(const std::string& text, std::set<std::string>* known, ScriptLine
             return false;
         }
     }
+    line->invocation.args.truncate = truncate;
     if (!prepareInvocation(*definition, rest, nullptr, known, &line->invocation, error)) {
         *error = std::string(definition->name) + ": " + *error;
         return false;
@@ -287,6 +442,9 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
                    GlobalOptions globals, Channel& channel) {
     const std::string name = std::string("kelctl: ") + definition.name + ": ";
     for (const auto& word : words) {
+        if (word == "--") {
+            break;
+        }
         if (isHelpWord(word)) {
             channel.print(commandHelp(definition));
             return kExitOk;
@@ -297,6 +455,7 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
         return kExitUsage;
     }
     Invocation invocation;
+    invocation.args.truncate = globals.truncate;
     std::string error;
     if (!prepareInvocation(definition, words, &globals, nullptr, &invocation, &error) ||
         !settleGlobals(&globals, &error)) {
@@ -304,14 +463,23 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
         channel.error(name + escapeText(error) + "\n");
         return kExitUsage;
     }
+    if (globals.version) {
+        channel.print(versionText(globals.json));
+        return kExitOk;
+    }
+    showSecrets(globals.showSecrets);
+    printNotes(channel, "kelctl: ", invocation.notes);
     CommandResult result;
-    ModemLink link;
-    if (!openLink(globals, channel, &link)) {
+    auto link = std::make_unique<ModemLink>();
+    if (!openLink(globals, channel, link.get(), &error)) {
+        if (globals.json) {
+            channel.print(jsonText({{"error", error}}));
+        }
         return kExitFailed;
     }
-    Session session(link, channel);
-    const bool ok = definition.run(session, invocation, &result);
-    channel.print(result.output);
+    auto session = std::make_unique<Session>(*link, channel);
+    const bool ok = definition.run(*session, invocation, &result);
+    channel.print(globals.json ? jsonText(resultDocument(result, ok)) : result.output);
     channel.error(result.notes);
     if (!result.transientProfile.empty()) {
         note(channel, "kelctl: ",
@@ -319,7 +487,7 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
                  " is not persistent: the library deletes it when kelctl exits and lets go of its "
                  "handle (--persistent keeps it; kelctl shell or run can hold the handle)");
     } else if (ok && definition.has(kChangesModem) && !invocation.args.dryRun &&
-               link.isEmbedded() && globals.stateFile.empty()) {
+               link->isEmbedded() && globals.stateFile.empty()) {
         note(channel, "kelctl: ",
              "the embedded modem starts from its seed on every run; --state FILE keeps its "
              "profiles from one run to the next");
@@ -329,13 +497,72 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
     }
     // Released here, before the session and the modem go.
     result.handle.reset();
+    session.reset();
+    if (ok && !stateKept(globals, *link, channel)) {
+        return kExitFailed;
+    }
     return ok ? kExitOk : kExitFailed;
 }
+
+namespace {
+
+// A script's run, checked or read line by line: its link and session once a modem is needed, and
+// with --json the one document it prints at the end.
+struct ScriptRun {
+    ScriptRun(const GlobalOptions& options, Channel& out) : globals(options), channel(out) {}
+
+    bool open() {
+        std::string error;
+        link = std::make_unique<ModemLink>();
+        if (!openLink(globals, channel, link.get(), &error)) {
+            failure = error;
+            return false;
+        }
+        session = std::make_unique<Session>(*link, channel);
+        session->json = globals.json;
+        return true;
+    }
+
+    void echo(const std::string& text) const {
+        if (echoLines && !globals.json) {
+            channel.print("> " + shownLine(text) + "\n");
+        }
+    }
+
+    int finish(int status) {
+        Json lines = session ? std::move(session->lines) : std::move(offlineLines);
+        session.reset();  // the named handles go while the modem is still there
+        if (status == kExitOk && link && !stateKept(globals, *link, channel)) {
+            status = kExitFailed;
+        }
+        if (globals.json) {
+            Json document = {{"lines", lines}, {"status", status}};
+            if (!failure.empty()) {
+                document["error"] = failure;
+            }
+            channel.print(jsonText(document));
+        }
+        return status;
+    }
+
+    GlobalOptions globals;
+    Channel& channel;
+    bool echoLines = false;
+    std::unique_ptr<ModemLink> link;
+    std::unique_ptr<Session> session;
+    Json offlineLines = Json::array();
+    std::string failure;
+};
+
+}  // namespace
 
 int runScriptFile(const std::vector<std::string>& words, GlobalOptions globals, Channel& channel) {
     Args args;
     std::string error;
     for (const auto& word : words) {
+        if (word == "--") {
+            break;
+        }
         if (isHelpWord(word)) {
             channel.print(scriptHelp(true));
             return kExitOk;
@@ -359,49 +586,55 @@ int runScriptFile(const std::vector<std::string>& words, GlobalOptions globals, 
     for (int number = 1; std::getline(in, text); ++number) {
         ScriptLine line;
         bool blank = false;
-        if (!parseLine(text, &known, &line, &blank, &error)) {
-            // The line's words come from the file: escaped, never printed raw.
-            channel.error(escapeText(file) + ":" + std::to_string(number) + ": " +
-                          escapeText(error) + "\n");
+        // The line's words come from the file: escaped, never printed raw.
+        const std::string where = escapeText(file) + ":" + std::to_string(number) + ": ";
+        if (!parseLine(text, globals.truncate, &known, &line, &blank, &error)) {
+            channel.error(where + escapeText(error) + "\n");
             return kExitUsage;
         }
         if (!blank) {
             line.number = number;
+            printNotes(channel, where, line.invocation.notes);
             modemNeeded = modemNeeded || line.help.empty();
             lines.push_back(std::move(line));
         }
     }
+    showSecrets(globals.showSecrets);
+    ScriptRun run(globals, channel);
+    run.echoLines = args.echo;
     if (!modemNeeded) {
         // Only help: no modem is started.
         for (const auto& line : lines) {
-            if (args.echo) {
-                channel.print("> " + line.text + "\n");
+            run.echo(line.text);
+            if (globals.json) {
+                run.offlineLines.push_back(
+                    {{"line", line.number}, {"text", shownLine(line.text)}, {"help", line.help}});
+            } else {
+                channel.print(line.help);
             }
-            channel.print(line.help);
         }
-        return kExitOk;
+        return run.finish(kExitOk);
     }
-    ModemLink link;
-    if (!openLink(globals, channel, &link)) {
-        return kExitFailed;
+    if (!run.open()) {
+        return run.finish(kExitFailed);
     }
-    Session session(link, channel);
     for (const auto& line : lines) {
-        if (args.echo) {
-            channel.print("> " + line.text + "\n");
-        }
-        if (executeLine(session, line, file + ":" + std::to_string(line.number) + ": ") !=
-            kExitOk) {
-            return kExitFailed;
+        run.echo(line.text);
+        if (executeLine(*run.session, line, line.number,
+                        file + ":" + std::to_string(line.number) + ": ") != kExitOk) {
+            return run.finish(kExitFailed);
         }
     }
-    return kExitOk;
+    return run.finish(kExitOk);
 }
 
 int runShell(const std::vector<std::string>& words, GlobalOptions globals, Channel& channel) {
     Args args;
     std::string error;
     for (const auto& word : words) {
+        if (word == "--") {
+            break;
+        }
         if (isHelpWord(word)) {
             channel.print(scriptHelp(false));
             return kExitOk;
@@ -411,12 +644,13 @@ int runShell(const std::vector<std::string>& words, GlobalOptions globals, Chann
         channel.error("kelctl: shell: " + escapeText(error) + "\n");
         return kExitUsage;
     }
-    ModemLink link;
-    if (!openLink(globals, channel, &link)) {
-        return kExitFailed;
+    showSecrets(globals.showSecrets);
+    ScriptRun run(globals, channel);
+    run.echoLines = args.echo;
+    if (!run.open()) {
+        return run.finish(kExitFailed);
     }
-    Session session(link, channel);
-    const bool interactive = ::isatty(STDIN_FILENO) != 0;
+    const bool interactive = ::isatty(STDIN_FILENO) != 0 && !globals.json;
     int status = kExitOk;
     std::string text;
     for (int number = 1;; ++number) {
@@ -427,13 +661,13 @@ int runShell(const std::vector<std::string>& words, GlobalOptions globals, Chann
             break;
         }
         std::set<std::string> known;
-        for (const auto& [name, handle] : session.handles) {
+        for (const auto& [name, handle] : run.session->handles) {
             known.insert(name);
         }
         const std::string where = "line " + std::to_string(number) + ": ";
         ScriptLine line;
         bool blank = false;
-        if (!parseLine(text, &known, &line, &blank, &error)) {
+        if (!parseLine(text, globals.truncate, &known, &line, &blank, &error)) {
             channel.error(where + escapeText(error) + "\n");
             status = std::max<int>(status, kExitUsage);
             continue;
@@ -441,17 +675,16 @@ int runShell(const std::vector<std::string>& words, GlobalOptions globals, Chann
         if (blank) {
             continue;
         }
-        if (args.echo) {
-            channel.print("> " + text + "\n");
-        }
-        if (executeLine(session, line, where) != kExitOk) {
+        printNotes(channel, where, line.invocation.notes);
+        run.echo(text);
+        if (executeLine(*run.session, line, number, where) != kExitOk) {
             status = std::max<int>(status, kExitFailed);
         }
     }
     if (interactive) {
         channel.print("\n");
     }
-    return status;
+    return run.finish(status);
 }
 
 }  // namespace kelctl

@@ -18,15 +18,27 @@ int main(int argc, char** argv) {
         channel.error("kelctl: " + error + "\n");
         return kExitUsage;
     }
-    if (words.empty()) {
+    if (globals.version) {
+        channel.print(versionText(globals.json));
+        return kExitOk;
+    }
+    if (words.empty() && !globals.help) {
         channel.error("kelctl: no command given (kelctl --help lists the commands)\n");
         return kExitUsage;
     }
-    const std::string command = words.front();
-    const std::vector<std::string> rest(words.begin() + 1, words.end());
-    if (command == "--help" || command == "-h" || command == "help") {
-        const CommandSpec* definition = rest.empty() ? nullptr : findCommand(rest.front());
-        channel.print(definition != nullptr ? commandHelp(*definition) : generalHelp());
+    const std::string command = words.empty() ? "help" : words.front();
+    const std::vector<std::string> rest(words.begin() + (words.empty() ? 0 : 1), words.end());
+    if (command == "help" || globals.help) {
+        const std::string topic = command != "help" ? command : rest.empty() ? "" : rest.front();
+        const CommandSpec* definition = topic.empty() ? nullptr : findCommand(topic);
+        if (definition != nullptr) {
+            channel.print(commandHelp(*definition));
+        } else if (topic == "run" || topic == "shell") {
+            return topic == "run" ? runScriptFile({"--help"}, globals, channel)
+                                  : runShell({"--help"}, globals, channel);
+        } else {
+            channel.print(generalHelp());
+        }
         return kExitOk;
     }
     if (command == "run") {
@@ -37,8 +49,8 @@ int main(int argc, char** argv) {
     }
     const CommandSpec* definition = findCommand(command);
     if (definition == nullptr) {
-        channel.error("kelctl: unknown command \"" + command +
-                      "\" (kelctl --help lists the commands)\n");
+        channel.error("kelctl: " + unknownCommand(command, "kelctl --help lists the commands") +
+                      "\n");
         return kExitUsage;
     }
     return runCommandLine(*definition, rest, globals, channel);

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -13,12 +14,25 @@
 namespace {
 
 constexpr int kReplyTimeoutMs = 30000;
+constexpr int kLongestWaitSeconds = 60;
 
 const char* const kUsage =
-    "usage: vex-modemctl [--dir DIR] COMMAND [ARGS...]\n"
-    "  --dir DIR   service directory of the daemon (default: $VEX_SERVICE_DIR, else "
+    "usage: vex-modemctl [--dir DIR] [--wait SECONDS] COMMAND [ARGS...]\n"
+    "  --dir DIR         service directory of the daemon (default: $VEX_SERVICE_DIR, else "
     "/tmp/vex-services)\n"
+    "  --wait SECONDS    wait up to SECONDS (at most 60) for a daemon that is starting\n"
     "Run 'vex-modemctl help' for the commands.\n";
+
+// Connects to the control socket, retrying until the deadline while no daemon listens yet.
+vexwire::UniqueFd connectControl(const std::string& path, vexwire::Clock::time_point deadline) {
+    for (;;) {
+        vexwire::UniqueFd connected = vexwire::connectUnix(path);
+        if (connected || vexwire::Clock::now() >= deadline) {
+            return connected;
+        }
+        ::poll(nullptr, 0, 50);
+    }
+}
 
 bool readReply(int fd, std::string* reply) {
     char chunk[4096];
@@ -44,17 +58,34 @@ bool readReply(int fd, std::string* reply) {
 
 int main(int argc, char** argv) {
     std::string dir = vexwire::serviceDirectory();
+    int waitSeconds = 0;
     int first = 1;
-    if (argc > 2 && std::strcmp(argv[1], "--dir") == 0) {
-        dir = argv[2];
-        first = 3;
+    while (first + 1 < argc &&
+           (std::strcmp(argv[first], "--dir") == 0 || std::strcmp(argv[first], "--wait") == 0)) {
+        if (std::strcmp(argv[first], "--dir") == 0) {
+            dir = argv[first + 1];
+        } else {
+            char* end = nullptr;
+            const long seconds = std::strtol(argv[first + 1], &end, 10);
+            if (*argv[first + 1] == '\0' || *end != '\0' || seconds < 0 ||
+                seconds > kLongestWaitSeconds) {
+                std::fprintf(stderr,
+                             "vex-modemctl: --wait: \"%s\" is not a number of seconds "
+                             "from 0 to %d\n",
+                             argv[first + 1], kLongestWaitSeconds);
+                return 2;
+            }
+            waitSeconds = static_cast<int>(seconds);
+        }
+        first += 2;
     }
     if (first >= argc || std::strcmp(argv[first], "--help") == 0) {
         std::fputs(kUsage, first >= argc ? stderr : stdout);
         return first >= argc ? 2 : 0;
     }
     std::string path = dir + "/" + vexmodemd::kControlSocketName;
-    vexwire::UniqueFd fd = vexwire::connectUnix(path);
+    vexwire::UniqueFd fd =
+        connectControl(path, vexwire::Clock::now() + std::chrono::seconds(waitSeconds));
     if (!fd) {
         std::fprintf(stderr, "vex-modemctl: no vex-modemd answers at %s\n", path.c_str());
         return 1;

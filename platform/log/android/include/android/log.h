@@ -1,6 +1,6 @@
 /*
  * Host stand-in for the device's Android log header. The library includes <android/log.h> as it
- * would on a device; on a host this declaration is served by libkelr_platform_log.
+ * would on a device; on a host this declaration is served by the host stand-in kelr_host_liblog.
  */
 #ifndef KELR_PLATFORM_ANDROID_LOG_H
 #define KELR_PLATFORM_ANDROID_LOG_H
@@ -21,7 +21,9 @@ typedef enum android_LogPriority {
     ANDROID_LOG_SILENT = 8,
 } android_LogPriority;
 
-/* Writes one line to the log. Returns the number of bytes written, or a negative errno. */
+/* Writes one line to the log. Returns the number of bytes written, or a negative errno. The host
+ * stand-in writes the formatted message when it prints to standard error or a LogCapture lives,
+ * and nothing (returning 0) otherwise. */
 int __android_log_print(int prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
 

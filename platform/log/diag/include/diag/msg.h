@@ -1,6 +1,6 @@
 /*
  * Host stand-in for the modem diagnostics library: session set-up and the message call with its
- * constant descriptor record. Served on a host by libkelr_platform_log.
+ * constant descriptor record. Served on a host by the stand-in kelr_host_diag.
  */
 #ifndef KELR_PLATFORM_DIAG_MSG_H
 #define KELR_PLATFORM_DIAG_MSG_H

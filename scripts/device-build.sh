@@ -16,10 +16,18 @@ if [ -n "${unformatted}" ]; then
   exit 1
 fi
 
+# kelctl's version is written in Android.bp for Soong; it must be the project's.
+version=$(sed -n 's/^project(kelr VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+if ! grep -qF -- "-DKELCTL_VERSION=\\\"${version}\\\"" Android.bp; then
+  echo "device-build: Android.bp does not give kelctl the project's version ${version}" >&2
+  exit 1
+fi
+
 # mini-soong writes paths relative to where it runs and make builds where it runs: the output
 # directory sees the tree through links, so that nothing is written into the tree.
 rm -rf "${out}"
 mkdir -p "${out}"
+out_abs=$(cd "${out}" && pwd)
 for entry in Android.bp include src platform tools; do
   ln -s "${root}/${entry}" "${out}/${entry}"
 done
@@ -50,8 +58,9 @@ make_vars=(
   # A program finds the libraries its libraries need where a device's loader would.
   "LDFLAGS=-Wl,-z,noexecstack -Wl,-z,relro -Wl,--as-needed -Wl,--no-undefined -Wl,-rpath-link,.:${android_libdir}"
   "liblog_SYSTEM_INCLUDES=-isystem /usr/include/android"
-  # Where a host kelctl finds the embedded modem's seed: this tree's data/.
-  "CPPFLAGS=-DKELCTL_SOURCE_DATA_DIR=\\\"${root}/data\\\" -DKELCTL_INSTALLED_DATA_DIR=\\\"/usr/share/kelr\\\""
+  # Where a host kelctl finds the embedded modem's seed: this tree's data/ while it runs in the
+  # output directory, else the data installed beside it.
+  "CPPFLAGS=-DKELCTL_SOURCE_DATA_DIR=\\\"${root}/data\\\" -DKELCTL_INSTALLED_DATA_DIR=\\\"/usr/share/kelr\\\" -DKELCTL_BUILD_DIR=\\\"${out_abs}\\\" -DKELCTL_BIN_TO_DATA=\\\"../share/kelr\\\""
 )
 make -C "${out}" -j "$(nproc)" --no-print-directory "${make_vars[@]}" build
 
@@ -73,6 +82,8 @@ fi
 g++ -std=c++17 -fsyntax-only -Wall -Wextra -Werror -Wshadow -Wnon-virtual-dtor \
     -Wno-missing-field-initializers -DKELCTL_NO_EMBEDDED_MODEM \
     '-DKELCTL_SOURCE_DATA_DIR="/vendor/etc/kelr"' '-DKELCTL_INSTALLED_DATA_DIR="/vendor/etc/kelr"' \
+    '-DKELCTL_BUILD_DIR="/vendor/bin"' '-DKELCTL_BIN_TO_DATA="../etc/kelr"' \
+    "-DKELCTL_VERSION=\"${version}\"" \
     -Iinclude -Iplatform/vex tools/kelctl/*.cpp
 
 # The smoke test: the bring-up of scripts/run.sh, from what mini-soong built. Its results are on

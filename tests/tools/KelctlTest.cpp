@@ -66,6 +66,8 @@ struct RunOptions {
     std::string workDir;  // empty: the test's own
     // Environment changes: a value sets the variable, none removes it.
     std::vector<std::pair<std::string, std::optional<std::string>>> env;
+    // The watchdog: a child still running then is killed and the test fails.
+    std::chrono::seconds limit = kChildLimit;
 };
 
 std::vector<std::string> environmentWith(const RunOptions& options) {
@@ -99,9 +101,9 @@ std::vector<char*> pointers(std::vector<std::string>& strings) {
 }
 
 // Reads both pipes to their end, then reaps the child.
-Outcome collect(pid_t pid, int outFd, int errFd) {
+Outcome collect(pid_t pid, int outFd, int errFd, std::chrono::seconds limit) {
     Outcome outcome;
-    const auto deadline = std::chrono::steady_clock::now() + kChildLimit;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
     std::string* sinks[2] = {&outcome.out, &outcome.err};
     int open = 2;
@@ -166,7 +168,7 @@ Outcome run(const std::string& program, std::vector<std::string> args,
     }
     outWrite.reset();
     errWrite.reset();
-    return collect(pid, outRead.get(), errRead.get());
+    return collect(pid, outRead.get(), errRead.get(), options.limit);
 }
 
 // The document kelctl printed, parsed strictly; a parse failure fails the test.
@@ -549,8 +551,11 @@ const BadCase kBadCases[] = {
     {"ScriptOnly", {"drop", "h1"}, "kelctl: drop: only in scripts"},
     {"CarrierWithoutNetwork", {"carrier", "x.xml"}, "kelctl: carrier: needs --mcc and --mnc"},
     {"CarrierMcc",
-     {"carrier", "x.xml", "--mcc", "1", "--mnc", "01"},
-     "--mcc: \"1\" is not a mobile country code"},
+     {"carrier", "x.xml", "--mcc", "1a", "--mnc", "01"},
+     "--mcc: \"1a\" is not a mobile country code"},
+    {"CarrierMnc",
+     {"carrier", "x.xml", "--mcc", "001", "--mnc", "0001"},
+     "--mnc: \"0001\" is not a mobile network code"},
     {"CarrierMvnoHalf",
      {"carrier", "x.xml", "--mcc", "001", "--mnc", "01", "--mvno-type", "spn"},
      "--mvno-type and --mvno-match go together"},
@@ -762,55 +767,91 @@ TEST_F(KelctlTest, ShippedBringUpRuns) {
 // ---------------------------------------------------------------------------------------------
 // Carrier APN configuration
 
-TEST_F(KelctlTest, CarrierDryRunMapsEveryQuirkAndTouchesNoModem) {
+TEST_F(KelctlTest, CarrierVerboseDryRunMapsEveryQuirkAndChangesNothing) {
     const std::string file = dataFile("apns-quirks.xml");
+    const Outcome before = seeded({"--state", state, "list"});
+    ASSERT_EQ(before.status, 0) << before.err;
+
     const Outcome outcome = seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc",
                                     "01", "--dry-run", "--verbose"});
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     EXPECT_EQ(outcome.out,
               "carrier mcc 001 mnc 01: 6 of 8 entries in " + file +
                   "\n"
-                  "  line 8 (Quirk MMS): ignored attributes: mmsc, mmsproxy, mmsport\n"
-                  "  line 13 (Quirk IMS): ignored attributes: network_type_bitmask\n"
-                  "  line 13 (Quirk IMS): ignored APN type: bip\n"
-                  "would update APN types with 6 entries:\n"
                   "  line 5 (Quirk & Co Internet): apn=Internet.Quirk ip=v4v6 roam-ip=v4 "
                   "types=default,supl,ia\n"
                   "  line 8 (Quirk MMS): apn=mms.quirk ip=v4 types=mms auth=pap_chap "
                   "user=mms@quirk password=<hidden>\n"
+                  "  line 8 (Quirk MMS): ignored attributes: mmsc, mmsproxy, mmsport\n"
                   "  line 11 (Quirk Attach): ip=v6 roam-ip=v4v6 types=ia\n"
                   "  line 13 (Quirk IMS): apn=ims ip=v6 types=ims,xcap max-conns=8 "
                   "max-conns-time=120 wait-time=5\n"
+                  "  line 13 (Quirk IMS): ignored APN type: bip\n"
                   "  line 15 (Quirk All): apn=all.quirk "
                   "types=default,mms,supl,dun,hipri,fota,ims,cbs,ia,emergency,mcx,xcap auth=none "
                   "disabled=yes\n"
                   "  line 17 (Quirk Untyped): apn=untyped.quirk "
                   "types=default,mms,supl,dun,hipri,fota,ims,cbs,ia,emergency,mcx,xcap "
                   "disabled=no\n"
-                  "would find or create the attach profile:\n"
-                  "  line 5 (Quirk & Co Internet): apn=Internet.Quirk ip=v4v6 roam-ip=v4 "
-                  "types=default,supl,ia\n");
-    EXPECT_FALSE(exists(state));
+                  "would update 3gpp:2: types: ims -> ims,xcap\n"
+                  "attach: line 5 (Quirk & Co Internet): would create the attach profile: "
+                  "apn=internet.quirk ip=v4v6 roam-ip=v4 types=default,supl,ia\n"
+                  "dry run: nothing was sent to the modem\n");
+    EXPECT_EQ(seeded({"--state", state, "list"}).out, before.out);
 
     const Outcome quiet = seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run"});
     EXPECT_THAT(quiet.out, Not(HasSubstr("ignored")));
+    EXPECT_EQ(quiet.err, "");
+}
+
+TEST_F(KelctlTest, CarrierPlanOnTheShippedSeedShowsTheChangesAndChangesNothing) {
+    const std::string shippedSeed = testsupport::sourceDir() + "/data/modem-seed.conf";
+    const std::string file = testsupport::sourceDir() + "/data/carrier/apns-conf.xml";
+    RunningModem modem(dir.path(), shippedSeed);
+    ASSERT_TRUE(modem.isServing());
+    const std::string before = modem.control(dir.path(), {"profiles"});
+
+    const Outcome plan = kelctl(
+        {"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run"});
+    EXPECT_EQ(plan.status, 0) << plan.err;
+    EXPECT_EQ(plan.err, "");
+    EXPECT_EQ(plan.out, "carrier mcc 001 mnc 01: 5 of 8 entries in " + file +
+                            "\n"
+                            "would update 3gpp:1: max-conns: - -> 20; max-conns-time: - -> 300; "
+                            "types: default,supl -> default,supl,hipri,ia; wait-time: - -> 0\n"
+                            "would update 3gpp:2: types: ims -> ims,xcap\n"
+                            "attach: line 11 (Testnet Internet): would update 3gpp:1: max-conns: "
+                            "- -> 20; max-conns-time: - -> 300; wait-time: - -> 0\n"
+                            "dry run: nothing was sent to the modem\n");
+    EXPECT_EQ(modem.control(dir.path(), {"profiles"}), before);
+
+    // The apply does what the plan said, and the modem took all of it.
+    const Outcome applied =
+        kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01"});
+    EXPECT_EQ(applied.status, 0) << applied.err;
+    EXPECT_THAT(applied.out, HasSubstr("updated 3gpp:1: max-conns: - -> 20; max-conns-time: - -> "
+                                       "300; types: default,supl -> default,supl,hipri,ia; "
+                                       "wait-time: - -> 0\nupdated 3gpp:2: types: ims -> "
+                                       "ims,xcap\nattach: updated 3gpp:1 name=internet"));
+    EXPECT_THAT(applied.out, Not(HasSubstr("not applied")));
 }
 
 TEST_F(KelctlTest, CarrierSelectsAVirtualOperatorOnlyWhenAsked) {
     const std::string file = dataFile("apns-quirks.xml");
-    const Outcome network = seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run"});
+    const Outcome network =
+        seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run", "--verbose"});
     EXPECT_THAT(network.out, Not(HasSubstr("budget.quirk")));
 
     const Outcome virtualOperator =
         seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--mvno-type", "GID",
-                "--mvno-match", "ba", "--dry-run"});
+                "--mvno-match", "ba", "--dry-run", "--verbose"});
     EXPECT_EQ(virtualOperator.status, 0) << virtualOperator.err;
     EXPECT_THAT(virtualOperator.out, HasSubstr("1 of 8 entries"));
     EXPECT_THAT(virtualOperator.out, HasSubstr("apn=budget.quirk ip=v4 types=default,mms\n"));
 
-    const Outcome nobody = seeded({"carrier", file, "--mcc", "999", "--mnc", "01", "--dry-run"});
+    const Outcome nobody = seeded({"carrier", file, "--mcc", "998", "--mnc", "01", "--dry-run"});
     EXPECT_EQ(nobody.status, 2);
-    EXPECT_EQ(nobody.err, "kelctl: carrier: " + file + ": no entry for mcc 999 mnc 01\n");
+    EXPECT_EQ(nobody.err, "kelctl: carrier: " + file + ": no entry for mcc 998 mnc 01\n");
 }
 
 TEST_F(KelctlTest, CarrierImportSpreadsTypesAndSetsUpAttach) {
@@ -829,6 +870,244 @@ TEST_F(KelctlTest, CarrierImportSpreadsTypesAndSetsUpAttach) {
     EXPECT_EQ(profile.value("ia", false), true);
 }
 
+// The file's first network carries each quirk that once cost an import: an attach entry without
+// APN whose IP types are the IMS profile's, an unsupported roaming protocol, entries that differ
+// only by network type, and an APN repeated for other bearers.
+TEST_F(KelctlTest, CarrierImportLeavesImsAloneAndAppliesTheRestWithWarnings) {
+    const std::string file = dataFile("apns-networks.xml");
+    const Outcome outcome =
+        seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc", "01"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(outcome.out,
+              "carrier mcc 001 mnc 01: 5 of 13 entries in " + file +
+                  "\n"
+                  "updated 3gpp:1: types: default,supl -> default,supl,hipri\n"
+                  "updated 3gpp:2: types: ims -> ims,mcx,xcap\n"
+                  "attach: created 3gpp:5 name=kel_profile_ia apn=\"\" ip=v4v6 roam-ip=v4v6 "
+                  "types=ia flags=kel,ia\n"
+                  "attach: line 5 (Edge Attach) has no APN name (the network assigns it): "
+                  "profiles that carry an APN are left alone\n");
+    EXPECT_EQ(outcome.err,
+              "kelctl: carrier: " + file +
+                  ":7: warning: roaming_protocol=\"IPV4\" is not one of IP, IPV6, IPV4V6; the "
+                  "entry is applied without it\n"
+                  "kelctl: carrier: " +
+                  file +
+                  ":13: note: merged into line 11: the two differ only by bearer or network "
+                  "type\n"
+                  "kelctl: carrier: " +
+                  file +
+                  ":15: warning: APN \"ims\" (ip v4v6) is also at line 9 for other bearers; the "
+                  "modem keeps one profile for both: their APN types are joined, and only the "
+                  "first entry that names ia sets up attach\n");
+
+    const Outcome verbose =
+        seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run", "--verbose"});
+    EXPECT_THAT(verbose.out, HasSubstr("  line 11 (Edge MMS): apn=mms.test ip=v4 types=mms "
+                                       "(merged: line 13)\n"));
+
+    const Outcome ims = seeded({"--state", state, "get", "3gpp:2"});
+    EXPECT_THAT(ims.out, HasSubstr("types ims,mcx,xcap\n"));
+    const Outcome internet = seeded({"--state", state, "get", "3gpp:1"});
+    EXPECT_THAT(internet.out, HasSubstr("types default,supl,hipri\n"));
+}
+
+struct NetworkCase {
+    const char* name;
+    std::vector<std::string> selector;
+    int status;
+    std::string expected;  // in standard output (status 0) or standard error
+};
+
+const NetworkCase kNetworkCases[] = {
+    {"OneDigitMncAsWritten", {"--mcc", "002", "--mnc", "0"}, 0, "apn=single.test"},
+    {"OneDigitMncAsTwoDigits", {"--mcc", "002", "--mnc", "00"}, 0, "apn=single.test"},
+    {"CodesAsNumbers", {"--mcc", "2", "--mnc", "000"}, 0, "apn=single.test"},
+    {"TwoDigitSpelling", {"--mcc", "004", "--mnc", "07"}, 0, "apn=a.test"},
+    {"ThreeDigitSpelling", {"--mcc", "004", "--mnc", "007"}, 0, "apn=b.test"},
+    {"SpelledNeitherWay",
+     {"--mcc", "004", "--mnc", "7"},
+     2,
+     "mcc 004 mnc 7 is written several ways (004/007, 004/07); give MCC and MNC as the file "
+     "writes them\n"},
+    {"OnlyVirtualOperators",
+     {"--mcc", "003", "--mnc", "30"},
+     2,
+     "mcc 003 mnc 30 has only virtual-operator entries; choose one with --mvno-type spn "
+     "--mvno-match \"One\", --mvno-type gid --mvno-match \"2A\"\n"},
+    {"OneVirtualOperator",
+     {"--mcc", "003", "--mnc", "30", "--mvno-type", "gid", "--mvno-match", "2a"},
+     0,
+     "apn=two.test"},
+    {"UnknownVirtualOperator",
+     {"--mcc", "003", "--mnc", "30", "--mvno-type", "spn", "--mvno-match", "Three"},
+     2,
+     "no entry for mcc 003 mnc 30 spn \"Three\"; its virtual operators: --mvno-type spn "
+     "--mvno-match \"One\", --mvno-type gid --mvno-match \"2A\"\n"},
+};
+
+void PrintTo(const NetworkCase& network, std::ostream* os) {
+    *os << network.name;
+}
+
+class KelctlCarrierNetworkTest : public KelctlTest,
+                                 public ::testing::WithParamInterface<NetworkCase> {};
+
+TEST_P(KelctlCarrierNetworkTest, IsSelectedOrNamesWhatToChoose) {
+    const NetworkCase& network = GetParam();
+    const std::string file = dataFile("apns-networks.xml");
+    std::vector<std::string> args = {"carrier", file};
+    args.insert(args.end(), network.selector.begin(), network.selector.end());
+    args.insert(args.end(), {"--dry-run", "--verbose"});
+    const Outcome outcome = seeded(args);
+    EXPECT_EQ(outcome.status, network.status) << outcome.err;
+    if (network.status == 0) {
+        EXPECT_THAT(outcome.out, HasSubstr("1 of 13 entries"));
+        EXPECT_THAT(outcome.out, HasSubstr(network.expected));
+    } else {
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_EQ(outcome.err, "kelctl: carrier: " + file + ": " + network.expected);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Networks, KelctlCarrierNetworkTest, ::testing::ValuesIn(kNetworkCases),
+                         [](const auto& testCase) { return std::string(testCase.param.name); });
+
+TEST_F(KelctlTest, CarrierNamesWhatAnEarlierImportLeftOnTheAttachProfile) {
+    const std::string file = dataFile("apns-networks.xml");
+    const Outcome first =
+        seeded({"--state", state, "carrier", file, "--mcc", "005", "--mnc", "01"});
+    ASSERT_EQ(first.status, 0) << first.err;
+    EXPECT_THAT(first.out, HasSubstr("attach: created 3gpp:5 name=kel_profile_ia apn=lte.first"));
+
+    const Outcome second =
+        seeded({"--state", state, "carrier", file, "--mcc", "005", "--mnc", "02"});
+    EXPECT_EQ(second.status, 0) << second.err;
+    EXPECT_THAT(second.out, HasSubstr("updated 3gpp:5: apn: lte.first -> lte.second\n"));
+    EXPECT_THAT(second.out, HasSubstr("attach: 3gpp:5 keeps max-conns=8, max-conns-time=120 from "
+                                      "before; line 34 (Second Attach) does not set them\n"));
+    EXPECT_EQ(second.err, "kelctl: carrier: " + file +
+                              ":34: note: profile_id=4: 3gpp:4 holds APN \"sos\"; kelctl chooses "
+                              "profiles by APN name and IP type\n");
+}
+
+TEST_F(KelctlTest, CarrierPlansAndReportsHidePasswordsUnlessAsked) {
+    const std::string file =
+        script("secret.xml",
+               "<apns version=\"8\">\n"
+               "  <apn carrier=\"Secret Attach\" mcc=\"005\" mnc=\"01\" "
+               "apn=\"lte.first\" type=\"default,ia\" protocol=\"IPV4V6\" "
+               "user=\"spy\" password=\"hunter2\" authtype=\"1\" />\n"
+               "  <apn carrier=\"Open Attach\" mcc=\"005\" mnc=\"02\" "
+               "apn=\"lte.second\" type=\"default,ia\" protocol=\"IPV4V6\" />\n"
+               "</apns>\n");
+    const std::vector<std::string> first = {"--state", state, "carrier", file,
+                                            "--mcc",   "005", "--mnc",   "01"};
+    const std::vector<std::string> second = {"--state", state, "carrier", file,
+                                             "--mcc",   "005", "--mnc",   "02"};
+    const auto with = [](std::vector<std::string> args, std::initializer_list<const char*> more) {
+        args.insert(args.end(), more.begin(), more.end());
+        return args;
+    };
+    const auto noSecret = [](const Outcome& outcome) {
+        EXPECT_THAT(outcome.out, Not(HasSubstr("hunter2")));
+        EXPECT_THAT(outcome.err, Not(HasSubstr("hunter2")));
+    };
+
+    // The plan of a new attach profile: its settings line and its JSON changes.
+    const Outcome plan = seeded(with(first, {"--dry-run"}));
+    EXPECT_EQ(plan.status, 0) << plan.err;
+    EXPECT_THAT(plan.out, HasSubstr("would create the attach profile: apn=lte.first ip=v4v6 "
+                                    "types=default,ia auth=pap user=spy password=<hidden>\n"));
+    noSecret(plan);
+    const Outcome planJson = seeded(with(first, {"--dry-run", "--json"}));
+    EXPECT_EQ(planJson.status, 0) << planJson.err;
+    const nlohmann::json planned = parsed(planJson.out);  // one document, nothing beside it
+    EXPECT_EQ(planned["dry_run"], true);
+    EXPECT_THAT(planned["attach"]["changes"].dump(),
+                HasSubstr(R"({"from":"-","setting":"password","to":"<hidden>"})"));
+    noSecret(planJson);
+    EXPECT_THAT(seeded(with(first, {"--dry-run", "--show-secrets"})).out,
+                HasSubstr("user=spy password=hunter2\n"));
+
+    // Applied: the attach summary; then a second network's entry keeps the password.
+    const Outcome applied = seeded(first);
+    EXPECT_EQ(applied.status, 0) << applied.err;
+    EXPECT_THAT(applied.out, HasSubstr("attach: created 3gpp:5 name=kel_profile_ia apn=lte.first "
+                                       "ip=v4v6 types=default,ia auth=pap user=spy "
+                                       "password=<hidden> flags=kel,ia\n"));
+    noSecret(applied);
+    const Outcome kept = seeded(with(second, {"--json"}));
+    EXPECT_EQ(kept.status, 0) << kept.err;
+    EXPECT_EQ(parsed(kept.out)["attach"]["kept"],
+              nlohmann::json({"user=spy", "password=<hidden>", "auth=pap"}));
+    noSecret(kept);
+    const Outcome shown = seeded(with(second, {"--show-secrets"}));
+    EXPECT_THAT(shown.out, HasSubstr("attach: 3gpp:5 keeps user=spy, password=hunter2, auth=pap "
+                                     "from before; line 3 (Open Attach) does not set them\n"));
+}
+
+TEST_F(KelctlTest, CarrierImportNamesWhatTheModemDidNotTake) {
+    const std::string file = dataFile("apns-quirks.xml");
+    RunningModem modem(dir.path(), seed);
+    ASSERT_TRUE(modem.isServing());
+    // Every modify is refused; creating the attach profile still works.
+    ASSERT_THAT(modem.control(dir.path(), {"fail-next", "50", "0x28"}),
+                HasSubstr("failing the next 50 requests"));
+
+    const Outcome outcome =
+        kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01", "--json"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err,
+              "kelctl: carrier: 1 setting was not applied (the \"not applied\" "
+              "lines name them)\n");
+    const auto json = nlohmann::json::parse(outcome.out, nullptr, false);
+    ASSERT_FALSE(json.is_discarded()) << outcome.out;
+    EXPECT_EQ(json["not_applied"],
+              nlohmann::json::parse(R"([{"profile":"3gpp:2","setting":"types","wanted":"ims,xcap",
+                                         "got":"ims"}])"));
+    EXPECT_EQ(json["updates"], nlohmann::json::array());
+    EXPECT_EQ(json["attach"]["action"], "created");
+    // The report stands under --json although the run failed, with the error beside it.
+    EXPECT_EQ(json.value("error", ""),
+              "1 setting was not applied (the \"not applied\" lines name them)");
+
+    ASSERT_THAT(modem.control(dir.path(), {"fail-next", "50", "0x28"}),
+                HasSubstr("failing the next 50 requests"));
+    const Outcome text =
+        kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01"});
+    EXPECT_EQ(text.status, 1);
+    EXPECT_THAT(text.out, HasSubstr("no profile changed\n"));
+    EXPECT_THAT(text.out, HasSubstr("not applied: 3gpp:2 types: asked for ims,xcap, the modem has "
+                                    "ims\n"));
+    EXPECT_THAT(modem.control(dir.path(), {"profiles", "0"}),
+                HasSubstr("index=2 persistent=yes name=ims apn=ims pdp=ipv4v6 lte_roam=ipv4v6 "
+                          "umts_roam=ipv4v6 class=1 types=ims\n"));
+}
+
+TEST_F(KelctlTest, CarrierValueKelctlCannotMapCostsOnlyThatSetting) {
+    const std::string file = script("values.xml",
+                                    "<apns>\n"
+                                    "<apn mcc=\"001\" mnc=\"01\" apn=\"ims\" type=\"ims,xcap\"\n"
+                                    "  max_conns=\"ten\" authtype=\"4\" protocol=\"PPP\"/>\n"
+                                    "<apn mcc=\"001\" mnc=\"01\" apn=\"\xFFodd\" type=\"mms\"\n"
+                                    "  carrier_enabled=\"maybe\xFE\"/>\n"
+                                    "</apns>\n");
+    const Outcome outcome = seeded({"carrier", file, "--mcc", "001", "--mnc", "01"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr("updated 3gpp:2: types: ims -> ims,xcap\n"));
+    const std::string where = "kelctl: carrier: " + file;
+    EXPECT_THAT(outcome.err, HasSubstr(where + ":2: warning: protocol=\"PPP\" is not one of IP, "
+                                               "IPV6, IPV4V6; the entry is applied without it\n"));
+    EXPECT_THAT(outcome.err, HasSubstr(where + ":2: warning: authtype=\"4\" is not one of -1, 0"));
+    EXPECT_THAT(outcome.err, HasSubstr(where + ":2: warning: max_conns=\"ten\" is not a number "
+                                               "from 0 to 65535; the entry is applied without "
+                                               "it\n"));
+    // Bytes that are not text reach the terminal escaped.
+    EXPECT_THAT(outcome.err, HasSubstr(where + ":4: warning: carrier_enabled=\"maybe\\xFE\" is "
+                                               "not true or false"));
+}
+
 struct MalformedCase {
     const char* name;
     std::string file;  // under tests/data, or written by the test when text is set
@@ -838,13 +1117,6 @@ struct MalformedCase {
 
 const MalformedCase kMalformedCases[] = {
     {"UnclosedAttribute", "apns-malformed.xml", "", "4: malformed attribute"},
-    {"UnknownProtocol", "apns-bad-protocol.xml", "",
-     "5: protocol=\"PPP\" is not one of IP, IPV6, IPV4V6"},
-    {"BadNumber", "throttle.xml",
-     "<apns>\n<apn mcc=\"001\" mnc=\"01\" apn=\"a\"\n  max_conns=\"ten\"/>\n</apns>\n",
-     "2: max_conns=\"ten\" is not a number from 0 to 65535"},
-    {"BadAuth", "auth.xml", "<apns>\n\n<apn mcc=\"001\" mnc=\"01\" authtype=\"4\"/></apns>\n",
-     "3: authtype=\"4\" is not one of -1, 0 (none), 1 (pap)"},
     {"NeverClosed", "open.xml", "<apns>\n  <apn mcc=\"001\" mnc=\"01\"/>\n",
      "1: an element is never closed"},
     {"MismatchedTag", "tag.xml", "<apns>\n<apn mcc=\"001\" mnc=\"01\">\n</apns>\n",
@@ -879,6 +1151,59 @@ TEST_P(KelctlMalformedCarrierTest, IsRefusedWithItsLineNumberAndNothingSent) {
 
 INSTANTIATE_TEST_SUITE_P(Files, KelctlMalformedCarrierTest, ::testing::ValuesIn(kMalformedCases),
                          [](const auto& testCase) { return std::string(testCase.param.name); });
+
+// ---------------------------------------------------------------------------------------------
+// Input files: a bounded regular file or nothing
+
+// Where an input file goes on a command line; FILE stands for it.
+const std::vector<std::vector<std::string>> kInputFileUses = {
+    {"carrier", "FILE", "--mcc", "001", "--mnc", "01"},
+    {"run", "FILE"},
+    {"--seed", "FILE", "list"},
+    {"--state", "FILE", "list"},
+};
+
+TEST_F(KelctlTest, InputFileThatIsNotARegularFileIsRefusedAtOnce) {
+    const std::string fifo = dir.file("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
+    const std::string directory = dir.file("directory");
+    ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0) << std::strerror(errno);
+    // Larger than the bound, without taking the room: a file with a hole.
+    const std::string huge = dir.file("huge.xml");
+    ASSERT_EQ(::truncate(script("huge.xml", "<apns/>").c_str(), 65ll * 1024 * 1024), 0);
+
+    const std::pair<std::string, std::string> kFiles[] = {
+        {"/dev/zero", "a device, not a regular file"},
+        {fifo, "a FIFO, not a regular file"},
+        {directory, "a directory, not a regular file"},
+        {huge, "larger than 64 MiB"},
+    };
+    for (const auto& [path, reason] : kFiles) {
+        for (auto args : kInputFileUses) {
+            std::replace(args.begin(), args.end(), std::string("FILE"), path);
+            SCOPED_TRACE(args.front() + " " + path);
+            // A FIFO without a writer, or /dev/zero read to its end, would hang here; the
+            // watchdog turns that into a failure. The refusal comes before any modem starts, so
+            // the bound is far above what it takes even under a sanitizer.
+            RunOptions watchdog;
+            watchdog.limit = std::chrono::seconds(10);
+            const Outcome outcome = kelctl(args, watchdog);
+            EXPECT_EQ(outcome.status, 2);
+            EXPECT_EQ(outcome.out, "");
+            EXPECT_THAT(outcome.err, HasSubstr(path + ": " + reason + "\n"));
+            EXPECT_EQ(countOf(outcome.err, "\n"), 1) << outcome.err;
+        }
+    }
+}
+
+TEST_F(KelctlTest, ScriptTextInAnErrorIsEscaped) {
+    const std::string path = script("bytes.kel", "list\nlst\xFF\x1B[2J\n");
+    const Outcome outcome = seeded({"--state", state, "run", path});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.err,
+              path + ":2: unknown command \"lst\\xFF\\x1B[2J\" (help lists the commands)\n");
+    EXPECT_FALSE(exists(state));
+}
 
 // ---------------------------------------------------------------------------------------------
 // Conventions of the command line

@@ -2,12 +2,16 @@
 
 #include <tinyxml2.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <set>
 #include <sstream>
+#include <utility>
 
+#include "InputFile.h"
+#include "Output.h"
 #include "ValueNames.h"
 
 namespace kelctl {
@@ -34,7 +38,14 @@ const char* const kKnownAttributes[] = {
     "carrier_enabled",
     "mvno_type",
     "mvno_match_data",
+    "bearer",
+    "bearer_bitmask",
+    "network_type_bitmask",
+    "profile_id",
 };
+
+// The attributes that limit an entry to some bearers or network types.
+const char* const kBearerAttributes[] = {"bearer", "bearer_bitmask", "network_type_bitmask"};
 
 bool isKnownAttribute(const char* name) {
     for (const char* known : kKnownAttributes) {
@@ -73,13 +84,14 @@ std::string xmlProblem(tinyxml2::XMLError code) {
     return std::string("malformed XML (") + tinyxml2::XMLDocument::ErrorIDToName(code) + ")";
 }
 
-// Reads one <apn> element into an entry; false with the reason for a value kelctl cannot map.
-// Main thread only, for the life of one element.
+// Reads one <apn> element into an entry. A value kelctl cannot map leaves its setting unset and
+// adds a warning. Main thread only, for the life of one element.
 class EntryReader {
   public:
     EntryReader(const tinyxml2::XMLElement& apn, CarrierEntry* out) : element(apn), entry(out) {}
 
-    bool read(std::string* why) {
+    // The reasons for the values that were left out, one per value.
+    std::vector<std::string> read() {
         entry->line = element.GetLineNum();
         entry->carrier = text("carrier");
         const std::string apn = text("apn");
@@ -102,9 +114,16 @@ class EntryReader {
                 entry->ignoredAttributes.emplace_back(attribute->Name());
             }
         }
-        return readIp("protocol", false, why) && readIp("roaming_protocol", true, why) &&
-               readAuth(why) && readNumber("max_conns", why) && readNumber("max_conns_time", why) &&
-               readNumber("wait_time", why) && readEnabled(why);
+        readIp("protocol", false);
+        readIp("roaming_protocol", true);
+        readAuth();
+        readNumber("max_conns");
+        readNumber("max_conns_time");
+        readNumber("wait_time");
+        readEnabled();
+        readBearers();
+        readProfileId();
+        return std::move(problems);
     }
 
   private:
@@ -115,9 +134,9 @@ class EntryReader {
 
     bool has(const char* name) const { return element.Attribute(name) != nullptr; }
 
-    bool refuse(const char* name, const std::string& accepted, std::string* why) const {
-        *why = std::string(name) + "=\"" + text(name) + "\" is not " + accepted;
-        return false;
+    void leaveOut(const char* name, const std::string& accepted) {
+        problems.push_back(std::string(name) + "=\"" + text(name) + "\" is not " + accepted +
+                           "; the entry is applied without it");
     }
 
     void readTypes() {
@@ -144,9 +163,9 @@ class EntryReader {
         entry->settings.setApnTypesMask(mask);
     }
 
-    bool readIp(const char* name, bool roaming, std::string* why) {
+    void readIp(const char* name, bool roaming) {
         if (!has(name)) {
-            return true;
+            return;
         }
         const std::string value = lower(text(name));
         kel::IPType ip = kel::IPType::UNKNOWN;
@@ -157,19 +176,19 @@ class EntryReader {
         } else if (value == "ipv4v6") {
             ip = kel::IPType::V4V6;
         } else {
-            return refuse(name, "one of IP, IPV6, IPV4V6", why);
+            leaveOut(name, "one of IP, IPV6, IPV4V6");
+            return;
         }
         if (roaming) {
             entry->settings.setRoamIPType(ip);
         } else {
             entry->settings.setHomeIPType(ip);
         }
-        return true;
     }
 
-    bool readAuth(std::string* why) {
+    void readAuth() {
         if (!has("authtype")) {
-            return true;
+            return;
         }
         const std::string value = text("authtype");
         static const char* const kValues[] = {"-1", "0", "1", "2", "3"};
@@ -179,84 +198,240 @@ class EntryReader {
                 if (i > 0) {
                     entry->settings.setAuthType(static_cast<kel::AuthType>(i - 1));
                 }
-                return true;
+                return;
             }
         }
-        return refuse("authtype", "one of -1, 0 (none), 1 (pap), 2 (chap), 3 (pap or chap)", why);
+        leaveOut("authtype", "one of -1, 0 (none), 1 (pap), 2 (chap), 3 (pap or chap)");
     }
 
-    bool readNumber(const char* name, std::string* why) {
-        if (!has(name)) {
-            return true;
-        }
+    std::optional<int> number(const char* name, long max) {
         const std::string value = text(name);
         char* end = nullptr;
         errno = 0;
-        const long number = std::strtol(value.c_str(), &end, 10);
-        if (value.empty() || *end != '\0' || errno != 0 || number < 0 || number > 65535) {
-            return refuse(name, "a number from 0 to 65535", why);
+        const long parsed = std::strtol(value.c_str(), &end, 10);
+        if (value.empty() || *end != '\0' || errno != 0 || parsed < 0 || parsed > max) {
+            leaveOut(name, "a number from 0 to " + std::to_string(max));
+            return std::nullopt;
         }
-        const int n = static_cast<int>(number);
-        if (std::strcmp(name, "max_conns") == 0) {
-            entry->settings.setMaxPdnsConnPerBlock(n);
-        } else if (std::strcmp(name, "max_conns_time") == 0) {
-            entry->settings.setMaxPdnConnTimer(n);
-        } else {
-            entry->settings.setPdnReqWaitInterval(n);
-        }
-        return true;
+        return static_cast<int>(parsed);
     }
 
-    bool readEnabled(std::string* why) {
+    void readNumber(const char* name) {
+        if (!has(name)) {
+            return;
+        }
+        const auto n = number(name, 65535);
+        if (!n) {
+            return;
+        }
+        if (std::strcmp(name, "max_conns") == 0) {
+            entry->settings.setMaxPdnsConnPerBlock(*n);
+        } else if (std::strcmp(name, "max_conns_time") == 0) {
+            entry->settings.setMaxPdnConnTimer(*n);
+        } else {
+            entry->settings.setPdnReqWaitInterval(*n);
+        }
+    }
+
+    void readEnabled() {
         if (!has("carrier_enabled")) {
-            return true;
+            return;
         }
         const auto enabled = yesNoFromName(text("carrier_enabled"));
         if (!enabled) {
-            return refuse("carrier_enabled", "true or false", why);
+            leaveOut("carrier_enabled", "true or false");
+            return;
         }
         entry->settings.setIsApnDisabled(!*enabled);
-        return true;
+    }
+
+    void readBearers() {
+        for (const char* name : kBearerAttributes) {
+            const std::string value = text(name);
+            // 0 is the database's "every bearer".
+            if (!value.empty() && value != "0") {
+                entry->bearers +=
+                    (entry->bearers.empty() ? "" : " ") + std::string(name) + "=\"" + value + "\"";
+            }
+        }
+    }
+
+    void readProfileId() {
+        if (has("profile_id")) {
+            entry->profileId = number("profile_id", 255);
+        }
     }
 
     const tinyxml2::XMLElement& element;
     CarrierEntry* entry;
+    std::vector<std::string> problems;
 };
 
-bool selected(const tinyxml2::XMLElement& element, const CarrierSelector& selector) {
-    auto value = [&element](const char* name) {
-        const char* text = element.Attribute(name);
-        return text == nullptr ? std::string() : trim(text);
-    };
-    if (value("mcc") != selector.mcc || value("mnc") != selector.mnc) {
-        return false;
-    }
-    if (selector.mvnoType.empty()) {
-        return value("mvno_type").empty();
-    }
-    return lower(value("mvno_type")) == selector.mvnoType &&
-           lower(value("mvno_match_data")) == lower(selector.mvnoMatch);
+std::string attributeOf(const tinyxml2::XMLElement& element, const char* name) {
+    const char* text = element.Attribute(name);
+    return text == nullptr ? std::string() : trim(text);
 }
 
-bool readFile(const std::string& path, std::string* text, std::string* error) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        *error = path + ": cannot read: " + std::strerror(errno);
+// An MCC or MNC as a number; nothing for one that is not a short run of digits.
+std::optional<int> codeValue(const std::string& text) {
+    if (text.empty() || text.size() > 6 ||
+        text.find_first_not_of("0123456789") != std::string::npos) {
+        return std::nullopt;
+    }
+    return std::stoi(text);
+}
+
+bool sameCode(const std::string& written, const std::string& wanted) {
+    const auto a = codeValue(written);
+    return written == wanted || (a && a == codeValue(wanted));
+}
+
+using Elements = std::vector<const tinyxml2::XMLElement*>;
+
+std::string networkName(const CarrierSelector& selector) {
+    return "mcc " + selector.mcc + " mnc " + selector.mnc;
+}
+
+// The network's entries: those spelling MCC and MNC as given, else those equal as numbers,
+// which must then be spelled one way only.
+bool networkEntries(const Elements& all, const CarrierSelector& selector, Elements* out,
+                    std::string* why) {
+    Elements spelled;
+    Elements equal;
+    std::set<std::pair<std::string, std::string>> spellings;
+    for (const auto* element : all) {
+        const std::string mcc = attributeOf(*element, "mcc");
+        const std::string mnc = attributeOf(*element, "mnc");
+        if (!sameCode(mcc, selector.mcc) || !sameCode(mnc, selector.mnc)) {
+            continue;
+        }
+        equal.push_back(element);
+        spellings.emplace(mcc, mnc);
+        if (mcc == selector.mcc && mnc == selector.mnc) {
+            spelled.push_back(element);
+        }
+    }
+    if (!spelled.empty() || spellings.size() <= 1) {
+        *out = spelled.empty() ? equal : spelled;
+        return true;
+    }
+    std::string list;
+    for (const auto& [mcc, mnc] : spellings) {
+        list += (list.empty() ? "" : ", ") + mcc + "/" + mnc;
+    }
+    *why = networkName(selector) + " is written several ways (" + list +
+           "); give MCC and MNC as the file writes them";
+    return false;
+}
+
+// "gid \"BA\", spn \"Budget Talk\"": the virtual operators among elements, each once.
+std::string mvnoSelectors(const Elements& elements) {
+    constexpr std::size_t kShown = 8;
+    std::vector<std::string> seen;
+    for (const auto* element : elements) {
+        const std::string type = lower(attributeOf(*element, "mvno_type"));
+        if (type.empty()) {
+            continue;
+        }
+        const std::string one = "--mvno-type " + type + " --mvno-match \"" +
+                                attributeOf(*element, "mvno_match_data") + "\"";
+        if (std::find(seen.begin(), seen.end(), one) == seen.end()) {
+            seen.push_back(one);
+        }
+    }
+    std::string text;
+    for (std::size_t i = 0; i < seen.size() && i < kShown; ++i) {
+        text += (i == 0 ? "" : ", ") + seen[i];
+    }
+    if (seen.size() > kShown) {
+        text += " and " + std::to_string(seen.size() - kShown) + " more";
+    }
+    return text;
+}
+
+bool chooseEntries(const Elements& all, const CarrierSelector& selector, Elements* chosen,
+                   std::string* why) {
+    Elements network;
+    if (!networkEntries(all, selector, &network, why)) {
         return false;
     }
-    std::ostringstream content;
-    content << in.rdbuf();
-    if (in.bad()) {
-        *error = path + ": cannot read: " + std::strerror(errno);
-        return false;
+    for (const auto* element : network) {
+        const std::string type = lower(attributeOf(*element, "mvno_type"));
+        const bool wanted =
+            selector.mvnoType.empty()
+                ? type.empty()
+                : type == selector.mvnoType &&
+                      lower(attributeOf(*element, "mvno_match_data")) == lower(selector.mvnoMatch);
+        if (wanted) {
+            chosen->push_back(element);
+        }
     }
-    *text = content.str();
-    return true;
+    if (!chosen->empty()) {
+        return true;
+    }
+    const std::string operators = mvnoSelectors(network);
+    if (selector.mvnoType.empty() && !operators.empty()) {
+        *why = networkName(selector) + " has only virtual-operator entries; choose one with " +
+               operators;
+    } else if (!operators.empty()) {
+        *why = "no entry for " + networkName(selector) + " " + selector.mvnoType + " \"" +
+               selector.mvnoMatch + "\"; its virtual operators: " + operators;
+    } else {
+        *why = "no entry for " + networkName(selector);
+    }
+    return false;
+}
+
+std::string homeIpOf(const kel::ProfileParams& settings) {
+    // The library counts an entry without home IP type as dual-stack.
+    return ipName(settings.hasHomeIPType() ? settings.getHomeIPType() : kel::IPType::V4V6);
+}
+
+std::string apnOf(const kel::ProfileParams& settings) {
+    return lower(settings.getApnName());
+}
+
+// Folds entries with the same settings into the first of them, and warns about entries of one
+// APN and IP type that the database keeps apart only by bearer: the modem has one profile for
+// both.
+void mergeDuplicates(const std::string& file, CarrierSelection* selection) {
+    std::vector<CarrierEntry> kept;
+    for (auto& entry : selection->entries) {
+        const std::string where = file + ":" + std::to_string(entry.line) + ": ";
+        const std::string settings = settingsLine(entry.settings);
+        auto same = std::find_if(kept.begin(), kept.end(), [&](const CarrierEntry& other) {
+            return settingsLine(other.settings) == settings &&
+                   other.namesAttach == entry.namesAttach;
+        });
+        if (same != kept.end()) {
+            same->mergedLines.push_back(entry.line);
+            selection->warnings.push_back(
+                where + "note: merged into line " + std::to_string(same->line) +
+                (entry.bearers == same->bearers
+                     ? ": the same entry again"
+                     : ": the two differ only by bearer or network type"));
+            continue;
+        }
+        for (const auto& other : kept) {
+            if (apnOf(other.settings) == apnOf(entry.settings) &&
+                homeIpOf(other.settings) == homeIpOf(entry.settings) &&
+                other.bearers != entry.bearers) {
+                selection->warnings.push_back(
+                    where + "warning: APN \"" + apnOf(entry.settings) + "\" (ip " +
+                    homeIpOf(entry.settings) + ") is also at line " + std::to_string(other.line) +
+                    " for other bearers; the modem keeps one profile for both: their APN types "
+                    "are joined, and only the first entry that names ia sets up attach");
+                break;
+            }
+        }
+        kept.push_back(std::move(entry));
+    }
+    selection->entries = std::move(kept);
 }
 
 }  // namespace
 
-const CarrierEntry* CarrierPlan::attachEntry() const {
+const CarrierEntry* CarrierSelection::attachEntry() const {
     for (const auto& entry : entries) {
         if (entry.namesAttach) {
             return &entry;
@@ -265,7 +440,7 @@ const CarrierEntry* CarrierPlan::attachEntry() const {
     return nullptr;
 }
 
-std::list<kel::ProfileParams> CarrierPlan::typeUpdates() const {
+std::list<kel::ProfileParams> CarrierSelection::typeUpdates() const {
     std::list<kel::ProfileParams> updates;
     for (const auto& entry : entries) {
         updates.push_back(entry.settings);
@@ -273,10 +448,10 @@ std::list<kel::ProfileParams> CarrierPlan::typeUpdates() const {
     return updates;
 }
 
-bool loadCarrier(const std::string& path, const CarrierSelector& selector, CarrierPlan* plan,
-                 std::string* error) {
+bool loadCarrier(const std::string& path, const CarrierSelector& selector,
+                 CarrierSelection* selection, std::string* error) {
     std::string text;
-    if (!readFile(path, &text, error)) {
+    if (!readInputFile(path, &text, error)) {
         return false;
     }
     tinyxml2::XMLDocument document;
@@ -291,29 +466,28 @@ bool loadCarrier(const std::string& path, const CarrierSelector& selector, Carri
                  ": the file is not a carrier APN database (its root element is not <apns>)";
         return false;
     }
-    plan->file = path;
+    selection->file = path;
+    Elements all;
     for (const auto* element = root->FirstChildElement("apn"); element != nullptr;
          element = element->NextSiblingElement("apn")) {
-        ++plan->entriesInFile;
-        if (!selected(*element, selector)) {
-            continue;
-        }
-        CarrierEntry entry;
-        std::string why;
-        if (!EntryReader(*element, &entry).read(&why)) {
-            *error = path + ":" + std::to_string(element->GetLineNum()) + ": " + why;
-            return false;
-        }
-        plan->entries.push_back(std::move(entry));
+        all.push_back(element);
     }
-    if (plan->entries.empty()) {
-        std::string who = "mcc " + selector.mcc + " mnc " + selector.mnc;
-        if (!selector.mvnoType.empty()) {
-            who += " (" + selector.mvnoType + " " + selector.mvnoMatch + ")";
-        }
-        *error = path + ": no entry for " + who;
+    selection->entriesInFile = static_cast<int>(all.size());
+    Elements chosen;
+    std::string why;
+    if (!chooseEntries(all, selector, &chosen, &why)) {
+        *error = path + ": " + why;
         return false;
     }
+    for (const auto* element : chosen) {
+        CarrierEntry entry;
+        for (const auto& problem : EntryReader(*element, &entry).read()) {
+            selection->warnings.push_back(path + ":" + std::to_string(entry.line) +
+                                          ": warning: " + problem);
+        }
+        selection->entries.push_back(std::move(entry));
+    }
+    mergeDuplicates(path, selection);
     return true;
 }
 

@@ -1,5 +1,5 @@
 // Carrier APN configuration: reads a carrier APN database (<apns><apn .../></apns>), selects one
-// carrier's entries and turns each into the library's profile settings. Nothing here talks to a
+// network's entries and turns each into the library's profile settings. Nothing here talks to a
 // modem, so a file is read and checked completely before anything is sent.
 //
 // Plain functions and values: the main thread only.
@@ -7,6 +7,7 @@
 #define KELCTL_CARRIER_H
 
 #include <list>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,9 @@
 
 namespace kelctl {
 
-// Which entries to take: the network's own (no mvno type), or a virtual operator's.
+// Which entries to take: the network's own (no mvno type), or a virtual operator's. MCC and MNC
+// are digits; they match the database's spelling, or, when no entry spells them so, its value as
+// a number ("0" is "00").
 struct CarrierSelector {
     std::string mcc;
     std::string mnc;
@@ -31,12 +34,22 @@ struct CarrierEntry {
     std::vector<std::string> ignoredTypes;
     // The type list names ia itself (not only through "*").
     bool namesAttach = false;
+    // The bearers and network types the entry is limited to, as written
+    // ("network_type_bitmask=\"13\""); empty when it is not. Modem profiles have no such setting.
+    std::string bearers;
+    // The modem profile index the entry asks for.
+    std::optional<int> profileId;
+    // Later entries with the same settings, folded into this one.
+    std::vector<int> mergedLines;
 };
 
-struct CarrierPlan {
+struct CarrierSelection {
     std::string file;
     int entriesInFile = 0;
-    std::vector<CarrierEntry> entries;  // the selected ones, in file order
+    std::vector<CarrierEntry> entries;  // the selected ones, in file order, duplicates merged
+    // "FILE:LINE: warning: ..." and "FILE:LINE: note: ...", one line each; file text as read,
+    // to be escaped where it is printed.
+    std::vector<std::string> warnings;
 
     std::list<kel::ProfileParams> typeUpdates() const;
     // The entry that sets up initial attach: the first whose type list names ia. Entries of
@@ -45,10 +58,10 @@ struct CarrierPlan {
 };
 
 // Reads and checks path, then selects. False with "FILE:LINE: reason" (or "FILE: reason") for a
-// file that cannot be read, is not well-formed, has a value kelctl cannot map, or has no entry
-// for the carrier.
-bool loadCarrier(const std::string& path, const CarrierSelector& selector, CarrierPlan* plan,
-                 std::string* error);
+// file that cannot be read or is not well-formed, or that has no entry for the selector. A value
+// kelctl cannot map costs only that setting, with a warning.
+bool loadCarrier(const std::string& path, const CarrierSelector& selector,
+                 CarrierSelection* selection, std::string* error);
 
 }  // namespace kelctl
 

@@ -5,6 +5,8 @@
 #include <optional>
 #include <sstream>
 
+#include "CarrierApply.h"
+#include "InputFile.h"
 #include "ValueNames.h"
 #include "kel/Manager.h"
 
@@ -119,6 +121,8 @@ std::vector<ProfileRow> rowsFor(Session& session,
     return rows;
 }
 
+}  // namespace
+
 std::vector<ProfileRow> snapshot(Session& session) {
     return rowsFor(session, manager().filter(kel::FilterProfileParams()));
 }
@@ -132,9 +136,22 @@ const ProfileRow* findRow(const std::vector<ProfileRow>& rows, kel::TechType tec
     return nullptr;
 }
 
+namespace {
+
 std::string quoteIfNeeded(const std::string& text) {
     return text.find_first_of(" \t") == std::string::npos && !text.empty() ? text
                                                                            : "\"" + text + "\"";
+}
+
+}  // namespace
+
+std::map<std::string, std::string> fieldMap(const ProfileRow& row) {
+    std::map<std::string, std::string> fields;
+    for (const auto& [key, value] : settingsFields(row.params)) {
+        fields[key] = value;
+    }
+    fields["flags"] = flagsText(row.params);
+    return fields;
 }
 
 std::string rowSummary(const ProfileRow& row) {
@@ -153,22 +170,7 @@ std::string rowSummary(const ProfileRow& row) {
     return text;
 }
 
-std::map<std::string, std::string> fieldMap(const ProfileRow& row) {
-    std::map<std::string, std::string> fields;
-    for (const auto& [key, value] : settingsFields(row.params)) {
-        fields[key] = value;
-    }
-    fields["flags"] = flagsText(row.params);
-    return fields;
-}
-
-struct FieldChange {
-    std::string key;
-    std::string from;  // "-" when absent; secrets in clear, for comparing
-    std::string to;
-};
-
-std::vector<FieldChange> fieldChanges(const ProfileRow& before, const ProfileRow& after) {
+std::vector<SettingChange> settingChanges(const ProfileRow& before, const ProfileRow& after) {
     const auto old = fieldMap(before);
     const auto now = fieldMap(after);
     std::set<std::string> keys;
@@ -178,11 +180,12 @@ std::vector<FieldChange> fieldChanges(const ProfileRow& before, const ProfileRow
     for (const auto& [key, value] : now) {
         keys.insert(key);
     }
-    std::vector<FieldChange> changes;
+    std::vector<SettingChange> changes;
     for (const auto& key : keys) {
         const auto o = old.find(key);
         const auto n = now.find(key);
-        FieldChange change{key, o == old.end() ? "-" : o->second, n == now.end() ? "-" : n->second};
+        SettingChange change{key, o == old.end() ? "-" : o->second,
+                             n == now.end() ? "-" : n->second};
         if (change.from != change.to) {
             changes.push_back(std::move(change));
         }
@@ -190,29 +193,31 @@ std::vector<FieldChange> fieldChanges(const ProfileRow& before, const ProfileRow
     return changes;
 }
 
-std::string shownChange(const std::string& key, const std::string& value) {
-    return value == "-" ? value : shownValue(key, value);
+std::string shownChange(const std::string& setting, const std::string& value) {
+    return value == "-" ? value : shownValue(setting, value);
 }
 
-// "types: default -> default,mms; ip: v4 -> v4v6"
-std::string changesText(const std::vector<FieldChange>& changes) {
+std::string changesText(const std::vector<SettingChange>& changes) {
     std::string text;
     for (const auto& change : changes) {
-        text += (text.empty() ? "" : "; ") + change.key + ": " +
-                shownChange(change.key, change.from) + " -> " + shownChange(change.key, change.to);
+        text += (text.empty() ? "" : "; ") + change.setting + ": " +
+                shownChange(change.setting, change.from) + " -> " +
+                shownChange(change.setting, change.to);
     }
     return text;
 }
 
+namespace {
+
 // {"types": {"from": "default", "to": "default,mms"}}; an absent value is null.
-Json changesJson(const std::vector<FieldChange>& changes) {
+Json changesJson(const std::vector<SettingChange>& changes) {
     Json json = Json::object();
     auto value = [](const std::string& key, const std::string& text) {
         return text == "-" ? Json(nullptr) : Json(shownChange(key, text));
     };
     for (const auto& change : changes) {
-        json[change.key] = {{"from", value(change.key, change.from)},
-                            {"to", value(change.key, change.to)}};
+        json[change.setting] = {{"from", value(change.setting, change.from)},
+                                {"to", value(change.setting, change.to)}};
     }
     return json;
 }
@@ -234,7 +239,7 @@ ProfileChanges describeChanges(const std::vector<ProfileRow>& before,
             result.text += "created " + rowSummary(row) + "\n";
             result.json.push_back(
                 {{"change", "created"}, {"profile", name}, {"settings", profileJson(row)}});
-        } else if (const auto changes = fieldChanges(*old, row); !changes.empty()) {
+        } else if (const auto changes = settingChanges(*old, row); !changes.empty()) {
             result.text += "updated " + name + ": " + changesText(changes) + "\n";
             result.json.push_back(
                 {{"change", "updated"}, {"profile", name}, {"fields", changesJson(changes)}});
@@ -272,7 +277,7 @@ Outcome outcome(const std::vector<ProfileRow>& before, const std::vector<Profile
     const std::string verb =
         old == nullptr
             ? "created"
-            : (now != nullptr && !fieldChanges(*old, *now).empty() ? "updated" : "found");
+            : (now != nullptr && !settingChanges(*old, *now).empty() ? "updated" : "found");
     result.text = verb + " " + (now != nullptr ? rowSummary(*now) : profileName(tech, id)) + "\n";
     result.json = {{"outcome", verb}, {"profile", profileName(tech, id)}};
     if (now != nullptr) {
@@ -431,8 +436,8 @@ bool cmdModify(Session& session, const Invocation& inv, CommandResult* result) {
     }
     const auto after = rowsFor(session, {key});
     const auto changes = before.empty() || after.empty()
-                             ? std::vector<FieldChange>()
-                             : fieldChanges(before.front(), after.front());
+                             ? std::vector<SettingChange>()
+                             : settingChanges(before.front(), after.front());
     result->json = {{"modified", profile}, {"fields", changesJson(changes)}};
     if (!changes.empty()) {
         result->output = "modified " + profile + ": " + changesText(changes) + "\n";
@@ -600,117 +605,22 @@ bool cmdApplyTypes(Session& session, const Invocation& inv, CommandResult* resul
     return true;
 }
 
-std::string entriesText(std::size_t count) {
-    return std::to_string(count) + (count == 1 ? " entry" : " entries");
-}
-
-std::string carrierHeader(const Invocation& inv) {
-    const CarrierPlan& plan = *inv.carrier;
-    const Args& args = inv.args;
-    std::string who = "mcc " + args.mcc + " mnc " + args.mnc;
-    if (!args.mvnoType.empty()) {
-        who += " " + args.mvnoType + " \"" + args.mvnoMatch + "\"";
-    }
-    return "carrier " + who + ": " + std::to_string(plan.entries.size()) + " of " +
-           entriesText(plan.entriesInFile) + " in " + plan.file + "\n";
-}
-
-// "  line 14 (Testnet Internet): "
-std::string entryLabel(const CarrierEntry& entry) {
-    std::string label = "  line " + std::to_string(entry.line);
-    if (!entry.carrier.empty()) {
-        label += " (" + entry.carrier + ")";
-    }
-    return label + ": ";
-}
-
-std::string carrierDetails(const CarrierPlan& plan) {
-    std::string text;
-    for (const auto& entry : plan.entries) {
-        const std::string where = entryLabel(entry);
-        if (!entry.ignoredAttributes.empty()) {
-            std::string names;
-            for (const auto& name : entry.ignoredAttributes) {
-                names += (names.empty() ? "" : ", ") + name;
-            }
-            text += where + "ignored attributes: " + names + "\n";
-        }
-        for (const auto& type : entry.ignoredTypes) {
-            text += where + "ignored APN type: " + type + "\n";
-        }
-    }
-    return text;
-}
-
-std::string carrierDryRun(const Invocation& inv) {
-    const CarrierPlan& plan = *inv.carrier;
-    std::string text = "would update APN types with " + entriesText(plan.entries.size()) +
-                       (inv.args.allowUpdate ? " (updates allowed)" : "") + ":\n";
-    for (const auto& entry : plan.entries) {
-        text += entryLabel(entry) + settingsLine(entry.settings) + "\n";
-    }
-    if (const CarrierEntry* attach = plan.attachEntry()) {
-        text += "would find or create the attach profile:\n" + entryLabel(*attach) +
-                settingsLine(attach->settings) + "\n";
-    }
-    return text;
-}
-
-// The carrier command's JSON document: which carrier, the selected entries, and (when applied)
-// what changed. The hook through which the carrier's own result reaches --json.
-Json carrierJson(const Invocation& inv) {
-    const CarrierPlan& plan = *inv.carrier;
-    Json json = {{"file", plan.file},
-                 {"mcc", inv.args.mcc},
-                 {"mnc", inv.args.mnc},
-                 {"entries_in_file", plan.entriesInFile},
-                 {"dry_run", inv.args.dryRun}};
-    if (!inv.args.mvnoType.empty()) {
-        json["mvno_type"] = inv.args.mvnoType;
-        json["mvno_match"] = inv.args.mvnoMatch;
-    }
-    Json entries = Json::array();
-    for (const auto& entry : plan.entries) {
-        entries.push_back({{"line", entry.line},
-                           {"carrier", entry.carrier},
-                           {"settings", settingsJson(entry.settings)}});
-    }
-    json["entries"] = entries;
-    if (const CarrierEntry* attach = plan.attachEntry()) {
-        json["attach_line"] = attach->line;
-    }
-    return json;
-}
-
 bool cmdCarrier(Session& session, const Invocation& inv, CommandResult* result) {
-    result->output = carrierHeader(inv);
-    result->json = carrierJson(inv);
-    if (inv.args.verbose) {
-        result->output += carrierDetails(*inv.carrier);
+    CarrierReport report;
+    const bool applied = runCarrier(session, inv, &report);
+    result->output = carrierText(report);
+    result->json = carrierJson(report);
+    // Its not_applied list says what failed: the document stands with the error beside it.
+    result->jsonOnFailure = true;
+    for (const auto& warning : report.warnings) {
+        result->notes += "kelctl: carrier: " + escapeText(warning) + "\n";
     }
-    if (inv.args.dryRun) {
-        result->output += carrierDryRun(inv);
-        return true;
+    if (!applied) {
+        result->error = std::to_string(report.notApplied.size()) +
+                        (report.notApplied.size() == 1 ? " setting was" : " settings were") +
+                        " not applied (the \"not applied\" lines name them)";
     }
-    session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
-    const auto before = snapshot(session);
-    session.util.updateAPNTypeBitmaskOnModemProfile(inv.carrier->typeUpdates());
-    const ProfileChanges changes = describeChanges(before, snapshot(session));
-    result->output += changes.text;
-    result->json["changes"] = changes.json;
-    if (const CarrierEntry* attach = inv.carrier->attachEntry()) {
-        const auto beforeAttach = snapshot(session);
-        const auto key = session.util.findOrCreateProfileForLteAttach(attach->settings);
-        if (!key) {
-            result->error = "line " + std::to_string(attach->line) +
-                            ": no attach profile fits, and the modem did not add one";
-            return false;
-        }
-        const Outcome chosen = outcome(beforeAttach, snapshot(session), key);
-        result->output += "attach: " + chosen.text;
-        result->json["attach"] = chosen.json;
-    }
-    return true;
+    return applied;
 }
 
 bool cmdDrop(Session& session, const Invocation& inv, CommandResult* result) {
@@ -975,12 +885,12 @@ bool loadCarrierPlan(Invocation* inv, std::string* error) {
         *error = "--mvno-type and --mvno-match go together";
         return false;
     }
-    auto plan = std::make_shared<CarrierPlan>();
+    auto selection = std::make_shared<CarrierSelection>();
     const CarrierSelector selector{args.mcc, args.mnc, args.mvnoType, args.mvnoMatch};
-    if (!loadCarrier(args.positional.front(), selector, plan.get(), error)) {
+    if (!loadCarrier(args.positional.front(), selector, selection.get(), error)) {
         return false;
     }
-    inv->carrier = std::move(plan);
+    inv->carrier = std::move(selection);
     return true;
 }
 
@@ -1000,24 +910,6 @@ bool prepareInvocation(const CommandSpec& definition, const std::vector<std::str
     if (std::string(definition.name) == "carrier") {
         return loadCarrierPlan(invocation, error);
     }
-    return true;
-}
-
-bool needsModem(const Invocation& invocation) {
-    return !(invocation.carrier && invocation.args.dryRun);
-}
-
-bool runOffline(const Invocation& invocation, CommandResult* result) {
-    if (!invocation.carrier) {
-        result->error = "needs a modem";
-        return false;
-    }
-    result->output = carrierHeader(invocation);
-    result->json = carrierJson(invocation);
-    if (invocation.args.verbose) {
-        result->output += carrierDetails(*invocation.carrier);
-    }
-    result->output += carrierDryRun(invocation);
     return true;
 }
 

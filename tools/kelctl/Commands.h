@@ -51,8 +51,8 @@ struct CommandSpec;
 struct Invocation {
     const CommandSpec* definition = nullptr;
     Args args;
-    std::shared_ptr<const CarrierPlan> carrier;  // carrier: the file, read and checked
-    std::vector<std::string> notes;              // what checking changed (values cut to fit)
+    std::shared_ptr<const CarrierSelection> carrier;  // carrier: the file, read and checked
+    std::vector<std::string> notes;                   // what checking changed (values cut to fit)
 };
 
 // What a command produced.
@@ -60,6 +60,10 @@ struct CommandResult {
     std::string output;  // for standard output
     Json json;           // the same as one JSON document, printed instead with --json
     std::string error;   // set on failure
+    std::string notes;   // for standard error: warnings and notes, one line each
+    // The json document stands also when the command fails (it says what failed); otherwise a
+    // failure prints {"error": ...} instead.
+    bool jsonOnFailure = false;
     // A profile the library made without persistence: it goes with the last handle to it.
     std::string transientProfile;
     // The profile handle a script line may name (add, data-call, emergency, attach, filter).
@@ -104,11 +108,25 @@ bool fitToModemFields(Args* args, bool truncate, std::vector<std::string>* notes
 // closest to the typed one, when one is close enough to have been meant.
 std::string unknownCommand(const std::string& typed, const std::string& hint);
 
-// Whether the invocation needs a modem (a carrier dry run does not).
-bool needsModem(const Invocation& invocation);
+// One setting that differs between two states of a profile; "-" stands for absent.
+struct SettingChange {
+    std::string setting;  // as settingsFields names it, or "flags"
+    std::string from;     // secrets in clear, for comparing; print through shownChange
+    std::string to;
+};
 
-// Runs an invocation that needs no modem.
-bool runOffline(const Invocation& invocation, CommandResult* result);
+// The modem's profiles as the library holds them now, ordered by technology and index.
+std::vector<ProfileRow> snapshot(Session& session);
+const ProfileRow* findRow(const std::vector<ProfileRow>& rows, kel::TechType tech, int id);
+// "3gpp:1 name=internet apn=internet ... flags=kel".
+std::string rowSummary(const ProfileRow& row);
+// The present settings by name, with "flags".
+std::map<std::string, std::string> fieldMap(const ProfileRow& row);
+std::vector<SettingChange> settingChanges(const ProfileRow& before, const ProfileRow& after);
+// A changed value as kelctl prints it: "-" stays, secrets are masked.
+std::string shownChange(const std::string& setting, const std::string& value);
+// "types: default -> default,mms; ip: v4 -> v4v6", secrets masked.
+std::string changesText(const std::vector<SettingChange>& changes);
 
 // "Usage: kelctl add [options]" with the summary and the command's options.
 std::string commandHelp(const CommandSpec& definition);

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "InputFile.h"
 #include "VexWire.h"
 #include "kel/ProfileParams.h"
 #include "vex/vex_client.h"
@@ -186,8 +187,9 @@ bool ModemLink::startEmbedded(const GlobalOptions& options, std::string* error) 
         *error = "no modem seed file is installed; give one with --seed FILE";
         return false;
     }
-    if (!fileExists(seed)) {
-        *error = "--seed " + seed + ": no such file";
+    std::string seedText;
+    if (!readInputFile(seed, &seedText, error)) {
+        *error = "--seed " + escapeText(*error);
         return false;
     }
     const char* tmp = std::getenv("TMPDIR");
@@ -205,7 +207,8 @@ bool ModemLink::startEmbedded(const GlobalOptions& options, std::string* error) 
 
     vexsim::Config config;
     config.serviceDir = privateDir;
-    config.seedFile = seed;
+    // Read here, through kelctl's bounded reader, rather than by the modem.
+    config.seedText = seedText;
     config.stateFile = options.stateFile;
     sim = std::make_unique<vexsim::SimModem>(config);
     std::string why;

@@ -250,19 +250,19 @@ const std::vector<OptionSpec>& optionTable() {
              }
              return true;
          }},
-        {"--mcc", "MCC", kCarrier, "mobile country code (3 digits)",
+        {"--mcc", "MCC", kCarrier, "mobile country code (up to 3 digits)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             if (!isDigits(v, 3, 3)) {
-                 *why = quoted(v) + " is not a mobile country code of 3 digits";
+             if (!isDigits(v, 1, 3)) {
+                 *why = quoted(v) + " is not a mobile country code of up to 3 digits";
                  return false;
              }
              a.mcc = v;
              return true;
          }},
-        {"--mnc", "MNC", kCarrier, "mobile network code (2 or 3 digits)",
+        {"--mnc", "MNC", kCarrier, "mobile network code (up to 3 digits)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             if (!isDigits(v, 2, 3)) {
-                 *why = quoted(v) + " is not a mobile network code of 2 or 3 digits";
+             if (!isDigits(v, 1, 3)) {
+                 *why = quoted(v) + " is not a mobile network code of up to 3 digits";
                  return false;
              }
              a.mnc = v;
@@ -282,7 +282,7 @@ const std::vector<OptionSpec>& optionTable() {
              a.mvnoMatch = v;
              return true;
          }},
-        {"--dry-run", nullptr, kCarrier, "print what would be sent; touch no modem",
+        {"--dry-run", nullptr, kCarrier, "print what would change on the modem; change nothing",
          [](const std::string&, Args& a, GlobalOptions*, std::string*) {
              a.dryRun = true;
              return true;

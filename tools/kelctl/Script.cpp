@@ -6,11 +6,12 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <set>
+#include <sstream>
 
+#include "InputFile.h"
 #include "ValueNames.h"
 
 namespace kelctl {
@@ -30,13 +31,19 @@ bool isHelpWord(const std::string& word) {
 }
 
 #ifndef KELCTL_NO_EMBEDDED_MODEM
-// A state file kelctl can keep: a regular file (not a link) or a new name in a directory kelctl
-// may write to, where the modem writes its file beside it first.
+// A state file kelctl can keep: a new name, or a regular file (not a link) within the input-file
+// bound, in a directory kelctl may write to, where the modem writes its file beside it first.
 bool checkStateFile(const std::string& path, std::string* error) {
     struct stat info {};
-    if (::lstat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
-        *error = "--state " + path + ": not a regular file";
-        return false;
+    if (::lstat(path.c_str(), &info) == 0) {
+        if (S_ISLNK(info.st_mode)) {
+            *error = "--state " + path + ": a symbolic link, not a regular file";
+            return false;
+        }
+        if (!checkInputFile(path, false, error)) {
+            *error = "--state " + *error;
+            return false;
+        }
     }
     const std::size_t slash = path.rfind('/');
     const std::string dir =
@@ -71,15 +78,13 @@ bool settleGlobals(GlobalOptions* globals, std::string* error) {
     // A device's kelctl has no embedded modem: the library finds the device's own.
     return true;
 #else
-    struct stat info {};
     if (globals->seedFile.empty() && defaultSeedFile().empty()) {
         *error = "no modem seed file is installed; give one with --seed FILE";
         return false;
     }
-    if (!globals->seedFile.empty() &&
-        (::stat(globals->seedFile.c_str(), &info) != 0 || !S_ISREG(info.st_mode) ||
-         ::access(globals->seedFile.c_str(), R_OK) != 0)) {
-        *error = "--seed " + globals->seedFile + ": no such file";
+    // Checked before any modem starts, so that a wrong file is an input error.
+    if (!globals->seedFile.empty() && !checkInputFile(globals->seedFile, false, error)) {
+        *error = "--seed " + *error;
         return false;
     }
     return globals->stateFile.empty() || checkStateFile(globals->stateFile, error);
@@ -144,6 +149,20 @@ void printNotes(const Channel& channel, const std::string& where,
     for (const auto& text : notes) {
         channel.error(where + "note: " + text + "\n");
     }
+}
+
+// What --json prints for a command's result: its document, or on failure {"error": ...} (with
+// jsonOnFailure, the document with the error beside it).
+Json resultDocument(const CommandResult& result, bool ok) {
+    if (ok) {
+        return result.json;
+    }
+    if (result.jsonOnFailure && result.json.is_object()) {
+        Json document = result.json;
+        document["error"] = result.error;
+        return document;
+    }
+    return Json({{"error", result.error}});
 }
 
 void note(const Channel& channel, const std::string& where, const std::string& text) {
@@ -233,10 +252,12 @@ int executeLine(Session& session, const ScriptLine& line, int number, const std:
     CommandResult result;
     const bool ok = definition.run(session, line.invocation, &result);
     if (session.json) {
-        entry["result"] = ok ? result.json : Json(nullptr);
+        entry["result"] = ok || result.jsonOnFailure ? result.json : Json(nullptr);
     } else {
-        channel.print(line.invocation.args.json ? jsonText(result.json) : result.output);
+        channel.print(line.invocation.args.json ? jsonText(resultDocument(result, ok))
+                                                : result.output);
     }
+    channel.error(result.notes);
     if (!ok) {
         entry["error"] = result.error;
         channel.error(where + definition.name + ": " + result.error + "\n");
@@ -438,7 +459,8 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
     std::string error;
     if (!prepareInvocation(definition, words, &globals, nullptr, &invocation, &error) ||
         !settleGlobals(&globals, &error)) {
-        channel.error(name + error + "\n");
+        // Input files are quoted in errors: escaped, never raw bytes.
+        channel.error(name + escapeText(error) + "\n");
         return kExitUsage;
     }
     if (globals.version) {
@@ -448,34 +470,24 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
     showSecrets(globals.showSecrets);
     printNotes(channel, "kelctl: ", invocation.notes);
     CommandResult result;
-    bool ok = true;
-    std::unique_ptr<ModemLink> link;
-    std::unique_ptr<Session> session;
-    if (!needsModem(invocation)) {
-        ok = runOffline(invocation, &result);
-    } else {
-        link = std::make_unique<ModemLink>();
-        if (!openLink(globals, channel, link.get(), &error)) {
-            if (globals.json) {
-                channel.print(jsonText({{"error", error}}));
-            }
-            return kExitFailed;
+    auto link = std::make_unique<ModemLink>();
+    if (!openLink(globals, channel, link.get(), &error)) {
+        if (globals.json) {
+            channel.print(jsonText({{"error", error}}));
         }
-        session = std::make_unique<Session>(*link, channel);
-        ok = definition.run(*session, invocation, &result);
+        return kExitFailed;
     }
-    if (globals.json) {
-        channel.print(jsonText(ok ? result.json : Json({{"error", result.error}})));
-    } else {
-        channel.print(result.output);
-    }
+    auto session = std::make_unique<Session>(*link, channel);
+    const bool ok = definition.run(*session, invocation, &result);
+    channel.print(globals.json ? jsonText(resultDocument(result, ok)) : result.output);
+    channel.error(result.notes);
     if (!result.transientProfile.empty()) {
         note(channel, "kelctl: ",
              result.transientProfile +
                  " is not persistent: the library deletes it when kelctl exits and lets go of its "
                  "handle (--persistent keeps it; kelctl shell or run can hold the handle)");
-    } else if (ok && link && definition.has(kChangesModem) && link->isEmbedded() &&
-               globals.stateFile.empty()) {
+    } else if (ok && definition.has(kChangesModem) && !invocation.args.dryRun &&
+               link->isEmbedded() && globals.stateFile.empty()) {
         note(channel, "kelctl: ",
              "the embedded modem starts from its seed on every run; --state FILE keeps its "
              "profiles from one run to the next");
@@ -486,7 +498,7 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
     // Released here, before the session and the modem go.
     result.handle.reset();
     session.reset();
-    if (ok && link && !stateKept(globals, *link, channel)) {
+    if (ok && !stateKept(globals, *link, channel)) {
         return kExitFailed;
     }
     return ok ? kExitOk : kExitFailed;
@@ -557,15 +569,16 @@ int runScriptFile(const std::vector<std::string>& words, GlobalOptions globals, 
         }
     }
     if (!parseScriptOptions(words, 1, &globals, &args, &error)) {
-        channel.error("kelctl: run: " + error + "\n");
+        channel.error("kelctl: run: " + escapeText(error) + "\n");
         return kExitUsage;
     }
     const std::string& file = args.positional.front();
-    std::ifstream in(file);
-    if (!in) {
-        channel.error("kelctl: run: " + file + ": cannot read\n");
+    std::string content;
+    if (!readInputFile(file, &content, &error)) {
+        channel.error("kelctl: run: " + escapeText(error) + "\n");
         return kExitUsage;
     }
+    std::istringstream in(content);
     std::vector<ScriptLine> lines;
     std::set<std::string> known;
     std::string text;
@@ -573,15 +586,16 @@ int runScriptFile(const std::vector<std::string>& words, GlobalOptions globals, 
     for (int number = 1; std::getline(in, text); ++number) {
         ScriptLine line;
         bool blank = false;
-        const std::string where = file + ":" + std::to_string(number) + ": ";
+        // The line's words come from the file: escaped, never printed raw.
+        const std::string where = escapeText(file) + ":" + std::to_string(number) + ": ";
         if (!parseLine(text, globals.truncate, &known, &line, &blank, &error)) {
-            channel.error(where + error + "\n");
+            channel.error(where + escapeText(error) + "\n");
             return kExitUsage;
         }
         if (!blank) {
             line.number = number;
             printNotes(channel, where, line.invocation.notes);
-            modemNeeded = modemNeeded || (line.help.empty() && needsModem(line.invocation));
+            modemNeeded = modemNeeded || line.help.empty();
             lines.push_back(std::move(line));
         }
     }
@@ -589,20 +603,14 @@ int runScriptFile(const std::vector<std::string>& words, GlobalOptions globals, 
     ScriptRun run(globals, channel);
     run.echoLines = args.echo;
     if (!modemNeeded) {
-        // Only dry runs and help: no modem is started.
+        // Only help: no modem is started.
         for (const auto& line : lines) {
             run.echo(line.text);
-            CommandResult result;
-            runOffline(line.invocation, &result);
-            const std::string& shown = line.help.empty() ? result.output : line.help;
             if (globals.json) {
                 run.offlineLines.push_back(
-                    {{"line", line.number},
-                     {"text", shownLine(line.text)},
-                     {"result", line.help.empty() ? result.json : Json(shown)}});
+                    {{"line", line.number}, {"text", shownLine(line.text)}, {"help", line.help}});
             } else {
-                channel.print(line.invocation.args.json && line.help.empty() ? jsonText(result.json)
-                                                                             : shown);
+                channel.print(line.help);
             }
         }
         return run.finish(kExitOk);
@@ -633,7 +641,7 @@ int runShell(const std::vector<std::string>& words, GlobalOptions globals, Chann
         }
     }
     if (!parseScriptOptions(words, 0, &globals, &args, &error)) {
-        channel.error("kelctl: shell: " + error + "\n");
+        channel.error("kelctl: shell: " + escapeText(error) + "\n");
         return kExitUsage;
     }
     showSecrets(globals.showSecrets);
@@ -660,7 +668,7 @@ int runShell(const std::vector<std::string>& words, GlobalOptions globals, Chann
         ScriptLine line;
         bool blank = false;
         if (!parseLine(text, globals.truncate, &known, &line, &blank, &error)) {
-            channel.error(where + error + "\n");
+            channel.error(where + escapeText(error) + "\n");
             status = std::max<int>(status, kExitUsage);
             continue;
         }

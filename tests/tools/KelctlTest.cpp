@@ -631,6 +631,36 @@ TEST_F(KelctlTest, SaysSoWhenNoModemAnswers) {
     EXPECT_THAT(missing.err, HasSubstr("no such directory"));
 }
 
+// A library the modem would not bind or register acts on nothing: after a failed bind it would
+// reach the modem's default subscription instead of the chosen one.
+TEST_F(KelctlTest, ActsOnNothingWhenTheModemRefusesTheSubscriptionOrTheRegistration) {
+    const Outcome embedded = seeded({"--sub", "2", "add", "--apn", "stray.example"});
+    EXPECT_EQ(embedded.status, 1);
+    EXPECT_EQ(embedded.out, "");
+    EXPECT_EQ(embedded.err,
+              "kelctl: subscription 2: the modem has no such subscription (it has 2); nothing was "
+              "done\n");
+
+    RunningModem modem(dir.path(), seed);
+    ASSERT_TRUE(modem.isServing());
+    const Outcome unbound =
+        kelctl({"--modem", dir.path(), "--sub", "7", "add", "--apn", "stray.example"});
+    EXPECT_EQ(unbound.status, 1);
+    EXPECT_THAT(unbound.err, HasSubstr("kelctl: subscription 7: the modem refused to bind"));
+
+    ASSERT_EQ(modem.control(dir.path(), {"fail-next", "1", "0x3"}).empty(), false);
+    const Outcome deaf =
+        kelctl({"--modem", dir.path(), "--sub", "1", "add", "--apn", "stray.example"});
+    EXPECT_EQ(deaf.status, 1);
+    EXPECT_EQ(deaf.err,
+              "kelctl: subscription 1: the modem refused to register the library for profile "
+              "changes; nothing was done\n");
+
+    for (const char* sub : {"0", "1"}) {
+        EXPECT_THAT(modem.control(dir.path(), {"profiles", sub}), Not(HasSubstr("stray.example")));
+    }
+}
+
 TEST_F(KelctlTest, WaitsForAModemThatNeverAnnouncesItsProfiles) {
     RunningModem modem(dir.path(), seed, {"--no-ready-on-register"});
     ASSERT_TRUE(modem.isServing());

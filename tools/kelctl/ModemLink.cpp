@@ -20,13 +20,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// What the library's client sends the modem before it is ready: bind, indication registration
-// and event-list configuration. The request after them is the first read of the profile list.
-constexpr std::uint64_t kRegistrationRequests = 3;
-
-// Logged by the library whenever it has read the modem's profile list.
-constexpr const char* kListReadLine = "VEX_WDS_GET_PROFILE_LIST_REQ_V01 request successful!";
-
 std::string secondsText(int ms) {
     char text[32];
     std::snprintf(text, sizeof(text), "%g s", ms / 1000.0);
@@ -48,17 +41,6 @@ bool fileExists(const std::string& path) {
 std::chrono::milliseconds readinessWait(const GlobalOptions& options) {
     return std::chrono::milliseconds(options.timeoutGiven ? std::max(1, options.timeoutMs * 3 / 5)
                                                           : options.timeoutMs);
-}
-
-bool cacheHasProfiles(kel::Manager& manager) {
-    return !manager.filter(kel::FilterProfileParams()).empty();
-}
-
-bool historyHas(kel::Manager& manager, const std::string& text) {
-    const std::vector<std::string> lines = manager.dump();
-    return std::any_of(lines.begin(), lines.end(), [&text](const std::string& line) {
-        return line.find(text) != std::string::npos;
-    });
 }
 
 // The value of "Label=value," in one line of the library's cache dump.
@@ -122,7 +104,7 @@ bool ModemLink::open(const GlobalOptions& options, std::string* error) {
     }
     // The library finds the modem through VEX_SERVICE_DIR, so it is set before the first call.
     kel::Manager::getInstance().init(options.subscription, true);
-    return isEmbedded() ? waitEmbedded(options, error) : waitRunning(options, error);
+    return waitReady(options, error);
 }
 
 ModemLink::~ModemLink() {
@@ -177,9 +159,6 @@ bool ModemLink::startEmbedded(const GlobalOptions&, std::string*) {
     return true;
 }
 
-bool ModemLink::waitEmbedded(const GlobalOptions&, std::string*) {
-    return false;
-}
 #else
 bool ModemLink::startEmbedded(const GlobalOptions& options, std::string* error) {
     const std::string seed = options.seedFile.empty() ? defaultSeedFile() : options.seedFile;
@@ -210,6 +189,7 @@ bool ModemLink::startEmbedded(const GlobalOptions& options, std::string* error) 
     // Read here, through kelctl's bounded reader, rather than by the modem.
     config.seedText = seedText;
     config.stateFile = options.stateFile;
+    embeddedSubscriptions = config.subscriptions;
     sim = std::make_unique<vexsim::SimModem>(config);
     std::string why;
     if (!sim->start(&why)) {
@@ -219,58 +199,54 @@ bool ModemLink::startEmbedded(const GlobalOptions& options, std::string* error) 
     return true;
 }
 
-bool ModemLink::waitEmbedded(const GlobalOptions& options, std::string* error) {
-    // The modem tells the library its profiles are ready once the client has registered; the
-    // library then reads them on its worker thread. Once the modem has served the first read,
-    // that refresh is under way on the worker, and the worker serves one thing at a time: any
-    // later call sees the filled cache.
-    const int sub = subscription;
-    const bool ready = sim->waitUntil(
-        [this, sub] {
-            for (const auto& client : sim->clients()) {
-                if (!client.notifierOnly && client.bound && client.subscription == sub &&
-                    client.indicationsRegistered && client.eventListConfigured &&
-                    client.profilesReadySent && client.requestsServed > kRegistrationRequests) {
-                    return true;
-                }
-            }
-            return false;
-        },
-        readinessWait(options));
-    if (!ready) {
-        *error = "the library did not connect to the embedded modem within " +
-                 secondsText(options.timeoutMs);
-        return false;
-    }
-    manager().filter(kel::FilterProfileParams());
-    return true;
-}
 #endif
 
-bool ModemLink::waitRunning(const GlobalOptions& options, std::string* error) {
-    // The modem is in another process: readiness is read from the library itself. Its cache
-    // holds profiles only after it has read the modem, so the wait polls a filter, backing off
-    // so that the polling stays a small part of the library's log history.
-    const auto waitEnd = Clock::now() + readinessWait(options);
-    auto pause = std::chrono::milliseconds(5);
-    while (Clock::now() < waitEnd) {
-        if (cacheHasProfiles(manager())) {
-            readNamesFromLibrary();
-            return true;
-        }
-        std::this_thread::sleep_for(std::min<Clock::duration>(pause, waitEnd - Clock::now()));
-        pause = std::min(pause * 2, std::chrono::milliseconds(200));
+bool ModemLink::waitReady(const GlobalOptions& options, std::string* error) {
+    kel::Manager& library = manager();
+    bool ready = library.waitForModem(readinessWait(options));
+    std::optional<kel::ModemStatus> status = library.getModemStatus();
+    if (!ready && status && status->connected && status->bound && status->registered) {
+        // A modem that never announces its profiles as ready still answers a read of them.
+        library.refresh(kel::PDCRefreshStatus::Completed);
+        status = library.getModemStatus();
+        ready = status && status->isReady();
     }
-    // A modem without profiles, or one that never announces them, still answers a read of its
-    // profile list; the library logs that read.
-    manager().refresh(kel::PDCRefreshStatus::Completed);
-    if (cacheHasProfiles(manager()) || historyHas(manager(), kListReadLine)) {
+    if (!ready) {
+        *error = notReadyText(options, status);
+        return false;
+    }
+    if (!isEmbedded()) {
         readNamesFromLibrary();
-        return true;
     }
-    *error = "no modem answered in " + options.modemDir + " within " +
-             secondsText(options.timeoutMs) + " (is vex-modemd running there?)";
-    return false;
+    return true;
+}
+
+std::string ModemLink::notReadyText(const GlobalOptions& options,
+                                    const std::optional<kel::ModemStatus>& status) const {
+    const std::string sub = "subscription " + std::to_string(subscription);
+    if (!status || !status->connected) {
+        return isEmbedded()
+                   ? "the library did not connect to the embedded modem within " +
+                         secondsText(options.timeoutMs)
+                   : "no modem answered in " + options.modemDir + " within " +
+                         secondsText(options.timeoutMs) + " (is vex-modemd running there?)";
+    }
+    // A failed bind leaves the library on the modem's default subscription: acting then would
+    // change another subscription's profiles.
+    if (!status->bound) {
+        if (embeddedSubscriptions > 0 && subscription >= embeddedSubscriptions) {
+            return sub + ": the modem has no such subscription (it has " +
+                   std::to_string(embeddedSubscriptions) + "); nothing was done";
+        }
+        return sub + ": the modem refused to bind the library to it (it may have no such " +
+               "subscription); nothing was done";
+    }
+    if (!status->registered) {
+        return sub + ": the modem refused to register the library for profile changes; nothing " +
+               "was done";
+    }
+    return sub + ": the modem did not list its profiles within " + secondsText(options.timeoutMs) +
+           "; nothing was done";
 }
 
 void ModemLink::readNamesFromLibrary() {

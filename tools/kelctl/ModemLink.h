@@ -51,8 +51,10 @@ class ModemLink {
 
   private:
     bool startEmbedded(const GlobalOptions& options, std::string* error);
-    bool waitEmbedded(const GlobalOptions& options, std::string* error);
-    bool waitRunning(const GlobalOptions& options, std::string* error);
+    // Waits for the library's link to the modem; false with the reason when it is not usable.
+    bool waitReady(const GlobalOptions& options, std::string* error);
+    std::string notReadyText(const GlobalOptions& options,
+                             const std::optional<kel::ModemStatus>& status) const;
     void readNamesFromLibrary();
 
     struct NamedApn {
@@ -65,6 +67,7 @@ class ModemLink {
     std::string privateDir;           // the embedded modem's service directory, removed at the end
     RunDeadline* deadline = nullptr;  // borrowed from the channel, which outlives the link
     int subscription = 0;
+    int embeddedSubscriptions = 0;  // the embedded modem's; 0 for a running modem
 };
 
 // kelctl's data: the source tree's when kelctl runs in its build directory, otherwise the data

@@ -144,6 +144,19 @@ inline unsigned long long tokenOf(const std::shared_ptr<kel::IProfileKey>& key) 
 }
 
 class SimModemFixture : public ::testing::Test {
+  public:
+    // Whether the history (Manager::dump's "Logs:") holds a line ending in text.
+    static bool inHistory(const std::string& text) {
+        const std::string tail = "[KEL]" + text;
+        for (const std::string& line : kel::LocalLogBuffer::getInstance()->getLogs()) {
+            if (line.size() >= tail.size() &&
+                line.compare(line.size() - tail.size(), tail.size(), tail) == 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+
   protected:
     SimModemFixture() {
         config.seedText = kDefaultSeed;
@@ -300,17 +313,6 @@ class SimModemFixture : public ::testing::Test {
             found += record.priority == priority && record.message == text ? 1 : 0;
         }
         return found;
-    }
-    // Whether the history (Manager::dump's "Logs:") holds a line ending in text.
-    static bool inHistory(const std::string& text) {
-        const std::string tail = "[KEL]" + text;
-        for (const std::string& line : kel::LocalLogBuffer::getInstance()->getLogs()) {
-            if (line.size() >= tail.size() &&
-                line.compare(line.size() - tail.size(), tail.size(), tail) == 0) {
-                return true;
-            }
-        }
-        return false;
     }
     // History and Error lines reach both the Android log and the history.
     bool history(const std::string& text) const {

@@ -11,9 +11,11 @@
 #include <vector>
 
 #include "InputFile.h"
-#include "VexWire.h"
 #include "kel/ProfileParams.h"
+#ifndef KELCTL_NO_EMBEDDED_MODEM
+#include "VexWire.h"
 #include "vex/vex_client.h"
+#endif
 
 namespace kelctl {
 namespace {
@@ -54,6 +56,30 @@ std::optional<std::string> dumpField(const std::string& line, const std::string&
     return line.substr(value, line.find(',', value) - value);
 }
 
+#ifdef KELCTL_NO_EMBEDDED_MODEM
+// A device's modem is its own: there is no service directory to check.
+bool checkServiceDirectory(const std::string&, std::string*) {
+    return true;
+}
+#else
+// Profiles and credentials must never reach a modem another user runs, nor one in a directory
+// another user could have swapped it into.
+bool checkServiceDirectory(const std::string& dir, std::string* error) {
+    std::string reason;
+    if (!vexwire::checkServiceDirectory(dir, &reason)) {
+        *error = "--modem: refusing service directory " + reason;
+        return false;
+    }
+    vex_service_info info{};
+    if (vex_client_get_any_service(wds_get_service_object_v01(), &info) == VEX_ERR_PEER_REFUSED) {
+        *error = "the modem in " + dir +
+                 " runs as another user, neither this one nor root: refusing to use it";
+        return false;
+    }
+    return true;
+}
+#endif
+
 }  // namespace
 
 std::string dataDirectory() {
@@ -87,18 +113,8 @@ bool ModemLink::open(const GlobalOptions& options, std::string* error) {
             *error = "--modem " + options.modemDir + ": no such directory";
             return false;
         }
-        std::string reason;
-        if (!vexwire::checkServiceDirectory(options.modemDir, &reason)) {
-            *error = "--modem: refusing service directory " + reason;
-            return false;
-        }
         ::setenv("VEX_SERVICE_DIR", options.modemDir.c_str(), 1);
-        // Profiles and credentials must never reach a modem another user runs there.
-        vex_service_info info{};
-        if (vex_client_get_any_service(wds_get_service_object_v01(), &info) ==
-            VEX_ERR_PEER_REFUSED) {
-            *error = "the modem in " + options.modemDir +
-                     " runs as another user, neither this one nor root: refusing to use it";
+        if (!checkServiceDirectory(options.modemDir, error)) {
             return false;
         }
     }

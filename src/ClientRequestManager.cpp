@@ -3,6 +3,7 @@
 #include <sys/epoll.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -113,12 +114,23 @@ ClientRequestManager::~ClientRequestManager() {
 }
 
 void ClientRequestManager::close() {
+    std::deque<Turn*> refused;
+    Turn* served = nullptr;
     {
         std::lock_guard<std::mutex> lock(requestMutex);
         closing = true;
+        for (Turn* waiting : line) {
+            waiting->state = Turn::State::Refused;
+        }
+        refused.swap(line);
+        served = owner;
     }
-    turnCv.notify_all();
-    responseCv.notify_all();
+    for (Turn* waiting : refused) {
+        waiting->responseCv.notify_one();
+    }
+    if (served != nullptr) {
+        served->responseCv.notify_one();
+    }
     profileCache.getStatusBoard().close();
 }
 
@@ -156,27 +168,120 @@ std::shared_ptr<ClientResponse> ClientRequestManager::processClientRequest(
         return nullptr;
     }
     std::unique_lock<std::mutex> lock(requestMutex);
-    turnCv.wait(lock, [this] { return !slotBusy || closing; });
     if (closing) {
         KEL_LOG(Error, "kel::ClientRequestManager: closing, request refused: %s",
                 request ? request->dump().c_str() : "");
         return nullptr;
     }
-    const ssize_t rv = requestEventFd.signal();
-    if (rv != sizeof(std::uint64_t)) {
-        KEL_LOG(Error, "error in writing rv: %d error: %s", static_cast<int>(rv), strerror(errno));
+    Turn& turn = takeTurn();
+    if (owner == nullptr) {
+        const ssize_t rv = requestEventFd.signal();
+        if (rv != sizeof(std::uint64_t)) {
+            KEL_LOG(Error, "error in writing rv: %d error: %s", static_cast<int>(rv),
+                    strerror(errno));
+            releaseTurn(turn);
+            return nullptr;
+        }
+        turn.state = Turn::State::Served;
+        owner = &turn;
+        // Stored after the wake-up write; the worker cannot look before requestMutex is released.
+        pendingRequest = std::move(request);
+    } else {
+        turn.request = std::move(request);
+        line.push_back(&turn);
+    }
+    turn.responseCv.wait(lock, [this, &turn] { return answered(turn); });
+    std::shared_ptr<ClientResponse> response;
+    switch (turn.state) {
+        case Turn::State::Waiting:
+            break;
+        case Turn::State::Served: {
+            response = std::exchange(pendingResponse, nullptr);
+            Turn* next = passTurn();
+            releaseTurn(turn);
+            lock.unlock();
+            // Outside the lock: a worker woken at once would otherwise find it held.
+            wakeWorkerFor(next);
+            return response;
+        }
+        case Turn::State::Refused:
+            KEL_LOG(Error, "kel::ClientRequestManager: closing, request refused: %s",
+                    turn.request ? turn.request->dump().c_str() : "");
+            break;
+        case Turn::State::WriteFailed:
+            KEL_LOG(Error, "error in writing rv: %d error: %s", static_cast<int>(turn.writeResult),
+                    strerror(turn.writeErrno));
+            break;
+    }
+    releaseTurn(turn);
+    return response;
+}
+
+bool ClientRequestManager::answered(const Turn& turn) const {
+    switch (turn.state) {
+        case Turn::State::Waiting:
+            return false;
+        case Turn::State::Served:
+            // Once closing, only a request the worker has not yet taken is still waited for: the
+            // worker runs until every caller has left, so it will take it.
+            return pendingResponse != nullptr || (closing && !pendingRequest);
+        case Turn::State::Refused:
+        case Turn::State::WriteFailed:
+            return true;
+    }
+    return true;
+}
+
+ClientRequestManager::Turn* ClientRequestManager::passTurn() {
+    owner = nullptr;
+    if (line.empty()) {
         return nullptr;
     }
-    slotBusy = true;
-    // Stored after the wake-up write; the worker cannot look before requestMutex is released.
-    pendingRequest = std::move(request);
-    // Once closing, only a request the worker has not yet taken is still waited for: the worker
-    // runs until every caller has left, so it will take it.
-    responseCv.wait(lock,
-                    [this] { return pendingResponse != nullptr || (closing && !pendingRequest); });
-    slotBusy = false;
-    turnCv.notify_one();
-    return std::exchange(pendingResponse, nullptr);
+    Turn* next = line.front();
+    line.pop_front();
+    next->state = Turn::State::Served;
+    owner = next;
+    pendingRequest = std::move(next->request);
+    return next;
+}
+
+void ClientRequestManager::wakeWorkerFor(Turn* next) {
+    while (next != nullptr) {
+        const ssize_t rv = requestEventFd.signal();
+        if (rv == sizeof(std::uint64_t)) {
+            return;
+        }
+        const int error = errno;
+        std::unique_lock<std::mutex> lock(requestMutex);
+        if (owner != next || !pendingRequest) {
+            // Taken already, on a wake-up still pending from earlier: it is being answered.
+            return;
+        }
+        // Withdrawn, and reported by its caller as a failed write of its own would be.
+        next->request = std::move(pendingRequest);
+        next->state = Turn::State::WriteFailed;
+        next->writeResult = rv;
+        next->writeErrno = error;
+        Turn* failed = next;
+        next = passTurn();
+        lock.unlock();
+        failed->responseCv.notify_one();
+    }
+}
+
+ClientRequestManager::Turn& ClientRequestManager::takeTurn() {
+    if (spare.empty()) {
+        return turns.emplace_back();
+    }
+    Turn* turn = spare.back();
+    spare.pop_back();
+    turn->state = Turn::State::Waiting;
+    return *turn;
+}
+
+void ClientRequestManager::releaseTurn(Turn& turn) {
+    turn.request.reset();
+    spare.push_back(&turn);
 }
 
 void ClientRequestManager::handleClientRequest(int fd, void* arg) {
@@ -198,10 +303,14 @@ void ClientRequestManager::handleClientRequest(int fd, void* arg) {
         }
         self->pendingRequest.reset();
     }
+    Turn* served = self->owner;
     // Signalled after the unlock, so the woken caller does not block at once on the mutex the
-    // worker still holds; the response was stored under the lock, so it sees it either way.
+    // worker still holds; the response was stored under the lock, so it sees it either way. The
+    // Turn outlives the worker, so it is there to be signalled even if its caller has moved on.
     lock.unlock();
-    self->responseCv.notify_one();
+    if (served != nullptr) {
+        served->responseCv.notify_one();
+    }
 }
 
 namespace {

@@ -9,9 +9,12 @@
 #ifndef KEL_CLIENT_REQUEST_MANAGER_H
 #define KEL_CLIENT_REQUEST_MANAGER_H
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -90,10 +93,11 @@ class ClientRequestManager {
     ClientRequestManager(const ClientRequestManager&) = delete;
     ClientRequestManager& operator=(const ClientRequestManager&) = delete;
 
-    // Blocks until the worker has answered. Concurrent callers are served one after the other,
-    // each with its own response. Empty when the worker could not be woken, when called on a
-    // worker thread (which would wait for itself), or when the manager closes before the
-    // request was taken.
+    // Blocks until the worker has answered. Concurrent callers are served one after the other in
+    // the order they join the line (callers that arrive while the worker serves join it in the
+    // order they then get requestMutex), each with its own response. Empty when the worker could
+    // not be woken, when called on a worker thread (which would wait for itself), or when the
+    // manager closes before the request was taken.
     std::shared_ptr<ClientResponse> processClientRequest(std::shared_ptr<ClientRequest> request);
 
     // The cache's dump, read on the caller's thread without a lock: call it between requests.
@@ -127,16 +131,42 @@ class ClientRequestManager {
     // Callers waiting for their turn, for a response not yet begun, or for the modem give up.
     void close();
 
+    // One caller's place in line for the slots. Kept by the manager until it is destroyed, so a
+    // signal sent after the lock is released never reaches a freed condition variable; a late
+    // signal to a reused Turn is a spurious wake-up its new caller re-checks.
+    struct Turn {
+        enum class State { Waiting, Served, Refused, WriteFailed };
+        State state = State::Waiting;
+        std::condition_variable responseCv;      // this caller's response (or refusal) is there
+        std::shared_ptr<ClientRequest> request;  // while it waits in line
+        ssize_t writeResult = 0;                 // WriteFailed: what the wake-up write returned
+        int writeErrno = 0;
+    };
+    Turn& takeTurn();
+    void releaseTurn(Turn& turn);
+    // The caller whose response was taken hands the slots to the first in line by storing that
+    // caller's request, so the next turn begins without waiting for the next caller to be
+    // scheduled. With requestMutex held; returns the new owner, or null when nobody waits.
+    Turn* passTurn();
+    // Wakes the worker for the request passTurn stored, without requestMutex held. Should the
+    // write fail, the request is withdrawn unless already taken, its caller told, and the turn
+    // passed on.
+    void wakeWorkerFor(Turn* next);
+    // Whether turn's caller has its answer: a response, a refusal, or nothing to wait for.
+    bool answered(const Turn& turn) const;
+
     std::shared_ptr<ClientRequest> pendingRequest;    // guarded by requestMutex
     std::shared_ptr<ClientResponse> pendingResponse;  // guarded by requestMutex
-    // Guards both slots, slotBusy, closing and isRefreshInProgress; the worker holds it for every
+    // Guards both slots, the turns, closing and isRefreshInProgress; the worker holds it for every
     // cache operation made on a client's behalf.
     std::mutex requestMutex;
-    std::condition_variable responseCv;  // a response was stored (or a wake-up found no work)
-    // The single request and response slots serve one caller at a time: the others wait here.
-    std::condition_variable turnCv;
-    bool slotBusy = false;  // guarded by requestMutex; a caller owns the slots
-    bool closing = false;   // guarded by requestMutex; set once by the destructor
+    // The single request and response slots serve one caller at a time, the owner; the others
+    // wait in line, first come first served.
+    Turn* owner = nullptr;     // guarded by requestMutex; null when the slots are free
+    std::deque<Turn*> line;    // guarded by requestMutex; empty whenever owner is null
+    std::deque<Turn> turns;    // guarded by requestMutex; every Turn made, at stable addresses
+    std::vector<Turn*> spare;  // guarded by requestMutex; the Turns of no caller
+    bool closing = false;      // guarded by requestMutex; set once by the destructor
     std::atomic<bool> isRunning{false};
     std::shared_ptr<RequestLink> link;  // what the facade and handles send through
     EventFd requestEventFd;

@@ -651,17 +651,29 @@ struct Load {
     double p99Micros = 0;
 };
 
-// threads client threads call getProfile for duration; every call's latency is kept.
+// threads client threads call getProfile for duration; every call's latency is kept. The threads
+// are started, and their latency records allocated, before the clock starts, so neither is
+// counted in the phase.
 Load runClients(Library& library, const std::shared_ptr<kel::IProfileKey>& key, int threads,
                 std::chrono::milliseconds duration) {
     std::vector<std::vector<double>> latencies(static_cast<size_t>(threads));
     std::vector<std::thread> clients;
-    const Clock::time_point start = Clock::now();
-    const Clock::time_point end = start + duration;
+    std::mutex gateMutex;
+    std::condition_variable gate;
+    bool open = false;        // guarded by gateMutex
+    int ready = 0;            // guarded by gateMutex
+    Clock::time_point start;  // written before open is set
+    Clock::time_point end;
     for (int t = 0; t < threads; ++t) {
         clients.emplace_back([&, t] {
             std::vector<double>& mine = latencies[static_cast<size_t>(t)];
             mine.reserve(40000);
+            {
+                std::unique_lock<std::mutex> lock(gateMutex);
+                ++ready;
+                gate.notify_all();
+                gate.wait(lock, [&] { return open; });
+            }
             while (Clock::now() < end) {
                 const Clock::time_point callStart = Clock::now();
                 benchmark::DoNotOptimize(library.manager.getProfile(key));
@@ -669,6 +681,14 @@ Load runClients(Library& library, const std::shared_ptr<kel::IProfileKey>& key, 
             }
         });
     }
+    {
+        std::unique_lock<std::mutex> lock(gateMutex);
+        gate.wait(lock, [&] { return ready == threads; });
+        start = Clock::now();
+        end = start + duration;
+        open = true;
+    }
+    gate.notify_all();
     for (std::thread& client : clients) {
         client.join();
     }

@@ -195,15 +195,15 @@ std::shared_ptr<ClientResponse> ClientRequestManager::processClientRequest(
     switch (turn.state) {
         case Turn::State::Waiting:
             break;
-        case Turn::State::Served: {
-            response = std::exchange(pendingResponse, nullptr);
-            Turn* next = passTurn();
-            releaseTurn(turn);
-            lock.unlock();
-            // Outside the lock: a worker woken at once would otherwise find it held.
-            wakeWorkerFor(next);
-            return response;
-        }
+        case Turn::State::Served:
+            // The manager closes and the worker took the request without answering it.
+            if (owner == &turn) {
+                owner = nullptr;
+            }
+            break;
+        case Turn::State::Answered:
+            response = std::move(turn.response);
+            break;
         case Turn::State::Refused:
             KEL_LOG(Error, "kel::ClientRequestManager: closing, request refused: %s",
                     turn.request ? turn.request->dump().c_str() : "");
@@ -224,7 +224,8 @@ bool ClientRequestManager::answered(const Turn& turn) const {
         case Turn::State::Served:
             // Once closing, only a request the worker has not yet taken is still waited for: the
             // worker runs until every caller has left, so it will take it.
-            return pendingResponse != nullptr || (closing && !pendingRequest);
+            return closing && !pendingRequest;
+        case Turn::State::Answered:
         case Turn::State::Refused:
         case Turn::State::WriteFailed:
             return true;
@@ -281,6 +282,7 @@ ClientRequestManager::Turn& ClientRequestManager::takeTurn() {
 
 void ClientRequestManager::releaseTurn(Turn& turn) {
     turn.request.reset();
+    turn.response.reset();
     spare.push_back(&turn);
 }
 
@@ -294,23 +296,33 @@ void ClientRequestManager::handleClientRequest(int fd, void* arg) {
     }
     auto* self = static_cast<ClientRequestManager*>(arg);
     std::unique_lock<std::mutex> lock(self->requestMutex);
+    Turn* answeredTurn = nullptr;
+    Turn* next = nullptr;
     if (self->pendingRequest) {
         KEL_LOG(Info, "Handling %s", self->pendingRequest->dump().c_str());
         std::shared_ptr<ClientResponse> response = self->serve(self->pendingRequest);
-        // A request that gets no response leaves the slot empty, and its caller waiting.
-        if (response) {
-            self->pendingResponse = std::move(response);
-        }
         self->pendingRequest.reset();
+        // A request that gets no response keeps the turn, and its caller and those in line
+        // waiting.
+        if (response && self->owner != nullptr) {
+            self->owner->response = std::move(response);
+            self->owner->state = Turn::State::Answered;
+            answeredTurn = self->owner;
+            next = self->passTurn();
+        }
     }
-    Turn* served = self->owner;
+    // A wake-up without work signals the caller being served, who finds nothing and waits on.
+    Turn* woken = answeredTurn != nullptr ? answeredTurn : self->owner;
     // Signalled after the unlock, so the woken caller does not block at once on the mutex the
-    // worker still holds; the response was stored under the lock, so it sees it either way. The
+    // worker still holds; the answer was stored under the lock, so it sees it either way. The
     // Turn outlives the worker, so it is there to be signalled even if its caller has moved on.
     lock.unlock();
-    if (served != nullptr) {
-        served->responseCv.notify_one();
+    if (woken != nullptr) {
+        woken->responseCv.notify_one();
     }
+    // The next caller's request is stored already: the next turn of the loop serves it, whether
+    // or not the caller just answered has been scheduled yet.
+    self->wakeWorkerFor(next);
 }
 
 namespace {

@@ -131,22 +131,25 @@ class ClientRequestManager {
     // Callers waiting for their turn, for a response not yet begun, or for the modem give up.
     void close();
 
-    // One caller's place in line for the slots. Kept by the manager until it is destroyed, so a
-    // signal sent after the lock is released never reaches a freed condition variable; a late
-    // signal to a reused Turn is a spurious wake-up its new caller re-checks.
+    // One caller's place in line for the request slot, and where its answer is left. Kept by the
+    // manager until it is destroyed, so a signal sent after the lock is released never reaches a
+    // freed condition variable; a late signal to a reused Turn is a spurious wake-up its new
+    // caller re-checks.
     struct Turn {
-        enum class State { Waiting, Served, Refused, WriteFailed };
+        enum class State { Waiting, Served, Answered, Refused, WriteFailed };
         State state = State::Waiting;
-        std::condition_variable responseCv;      // this caller's response (or refusal) is there
-        std::shared_ptr<ClientRequest> request;  // while it waits in line
-        ssize_t writeResult = 0;                 // WriteFailed: what the wake-up write returned
+        std::condition_variable responseCv;        // this caller's answer (or refusal) is there
+        std::shared_ptr<ClientRequest> request;    // while it waits in line
+        std::shared_ptr<ClientResponse> response;  // Answered: the worker's response
+        ssize_t writeResult = 0;                   // WriteFailed: what the wake-up write returned
         int writeErrno = 0;
     };
     Turn& takeTurn();
     void releaseTurn(Turn& turn);
-    // The caller whose response was taken hands the slots to the first in line by storing that
-    // caller's request, so the next turn begins without waiting for the next caller to be
-    // scheduled. With requestMutex held; returns the new owner, or null when nobody waits.
+    // Once the owner's request is answered, the worker hands the request slot to the first in
+    // line by storing that caller's request, so the next turn begins without waiting for either
+    // caller to be scheduled. With requestMutex held; returns the new owner, or null when nobody
+    // waits.
     Turn* passTurn();
     // Wakes the worker for the request passTurn stored, without requestMutex held. Should the
     // write fail, the request is withdrawn unless already taken, its caller told, and the turn
@@ -155,14 +158,13 @@ class ClientRequestManager {
     // Whether turn's caller has its answer: a response, a refusal, or nothing to wait for.
     bool answered(const Turn& turn) const;
 
-    std::shared_ptr<ClientRequest> pendingRequest;    // guarded by requestMutex
-    std::shared_ptr<ClientResponse> pendingResponse;  // guarded by requestMutex
-    // Guards both slots, the turns, closing and isRefreshInProgress; the worker holds it for every
-    // cache operation made on a client's behalf.
+    std::shared_ptr<ClientRequest> pendingRequest;  // guarded by requestMutex
+    // Guards the request slot, the turns, closing and isRefreshInProgress; the worker holds it for
+    // every cache operation made on a client's behalf.
     std::mutex requestMutex;
-    // The single request and response slots serve one caller at a time, the owner; the others
-    // wait in line, first come first served.
-    Turn* owner = nullptr;     // guarded by requestMutex; null when the slots are free
+    // The single request slot serves one caller at a time, the owner; the others wait in line,
+    // first come first served, and each finds its response in its own Turn.
+    Turn* owner = nullptr;     // guarded by requestMutex; null when the slot is free
     std::deque<Turn*> line;    // guarded by requestMutex; empty whenever owner is null
     std::deque<Turn> turns;    // guarded by requestMutex; every Turn made, at stable addresses
     std::vector<Turn*> spare;  // guarded by requestMutex; the Turns of no caller

@@ -46,12 +46,14 @@ vex_client_error_type connectService(const std::string& path, Clock::time_point 
                                      int wakeFd, UniqueFd* out) {
     size_t slash = path.rfind('/');
     std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-    struct stat info;
-    if (::lstat(dir.c_str(), &info) != 0) {
-        return VEX_ERR_NO_SERVICE;
-    }
     std::string reason;
     if (!vexwire::checkServiceDirectory(dir, &reason)) {
+        // Looked at again: a directory that is not there, or went while it was checked (a
+        // service shutting down removes it), is a service not up rather than a refusal.
+        struct stat info;
+        if (::lstat(dir.c_str(), &info) != 0) {
+            return VEX_ERR_NO_SERVICE;
+        }
         vexwire::logOnce("vex: refusing service directory " + reason);
         return VEX_ERR_UNSAFE_DIR;
     }

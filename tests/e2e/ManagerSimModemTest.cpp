@@ -2,11 +2,15 @@
 // modem: the traces of every call, the refresh gate, a second init, and many client threads at
 // once, handles that outlive their pipeline and calls made on the worker thread included.
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
+#include <future>
 #include <list>
 #include <memory>
 #include <string>
@@ -212,6 +216,79 @@ TEST_F(ManagerSimModemTest, ConcurrentCallersEachGetTheirOwnAnswer) {
     }
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_TRUE(onModemNamed("kel_profile").empty()) << "every last release deleted its profile";
+}
+
+namespace held {
+
+// A thread held in a signal handler: answered by the worker, it cannot run until released, as a
+// client thread the scheduler starves would.
+std::atomic<bool> holding{false};
+std::atomic<bool> released{false};
+
+extern "C" void hold(int) {
+    holding = true;
+    const timespec pause{0, 1000000};
+    while (!released) {
+        nanosleep(&pause, nullptr);
+    }
+}
+
+}  // namespace held
+
+TEST_F(ManagerSimModemTest, AnAnsweredCallerThatCannotRunDoesNotHoldUpTheCallersBehindIt) {
+    Keys internet = manager.filter(byApn("internet"));
+    ASSERT_FALSE(internet.empty());
+    LogWatch watch;
+    watch.install();
+    // The add holds the worker long enough for its caller to be stopped before it is answered.
+    modem->setResponseDelay(std::chrono::milliseconds(300), VEX_WDS_CREATE_PROFILE_REQ_V01);
+    struct sigaction action {};
+    action.sa_handler = held::hold;
+    sigemptyset(&action.sa_mask);
+    struct sigaction previous {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+    held::holding = false;
+    held::released = false;
+
+    std::shared_ptr<IProfileKey> added;
+    std::atomic<bool> addReturned{false};
+    std::thread adder([&] {
+        added = manager.addProfile(addParams("held.example"));
+        addReturned = true;
+    });
+    // Whatever happens below, the held thread is let go and joined.
+    struct Release {
+        void operator()() {
+            held::released = true;
+            if (thread.joinable()) {
+                thread.join();
+            }
+        }
+        ~Release() { (*this)(); }
+        std::thread& thread;
+    } release{adder};
+    ASSERT_TRUE(watch.waitFor("Handling Add "));
+    ASSERT_EQ(pthread_kill(adder.native_handle(), SIGUSR1), 0);
+    while (!held::holding) {
+        std::this_thread::yield();
+    }
+
+    // Two callers behind it, served while it is still held.
+    std::shared_ptr<IProfileKey> handle = internet.front();
+    auto first = std::async(std::launch::async, [&] { return manager.getProfile(handle); });
+    auto second = std::async(std::launch::async, [&] { return manager.getProfile(handle); });
+    const bool firstServed = first.wait_for(kTimeout) == std::future_status::ready;
+    const bool secondServed = second.wait_for(kTimeout) == std::future_status::ready;
+    const bool addStillHeld = !addReturned;
+    release();
+    sigaction(SIGUSR1, &previous, nullptr);
+    modem->setResponseDelay(std::chrono::milliseconds(0));
+
+    EXPECT_TRUE(firstServed && secondServed) << "the callers waited for the held one";
+    EXPECT_TRUE(addStillHeld);
+    EXPECT_TRUE(first.get().has_value());
+    EXPECT_TRUE(second.get().has_value());
+    EXPECT_TRUE(added) << "the held caller still gets its own answer";
 }
 
 // --- Calls on the worker thread ---

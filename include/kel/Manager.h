@@ -5,7 +5,8 @@
 // every one but getModemStatus and dump, must not be called on the library's worker thread, that
 // is from an expiration listener (IProfileKey): there each is refused with an Error line and
 // returns its failure value (init returns without doing anything). Calls from several threads
-// are served one after the other; each blocks until the library has answered.
+// are served one after the other, first come first served; each blocks until the library has
+// answered.
 //
 // Failures. Nothing is thrown: failure comes back as an empty handle, false, an empty list or an
 // empty optional, and the reason goes to the log. Before init every call but dump logs "Manager

@@ -780,6 +780,16 @@ TEST_F(KelctlTest, ShellRunsLinesAsTheyComeAndNamesFailingOnes) {
     EXPECT_EQ(countOf(outcome.err, "\n"), 4) << outcome.err;
 }
 
+TEST_F(KelctlTest, ShellRefusesAnOverlongLineAndGoesOnWithTheNext) {
+    RunOptions input;
+    input.input = "add --apn " + std::string(100000, 'a') + "\nlist\n";
+    const Outcome outcome = seeded({"shell"}, input);
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.err, "line 1: longer than 65536 bytes, not run\n");
+    EXPECT_THAT(outcome.out, StartsWith("TOKEN"));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("aaaa")));
+}
+
 TEST_F(KelctlTest, ShippedBringUpRuns) {
     RunOptions fromTop;
     fromTop.workDir = testsupport::sourceDir();

@@ -506,6 +506,31 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
 
 namespace {
 
+// A line of standard input longer than this is refused; nothing a command takes comes near it.
+constexpr size_t kMaxShellLine = 64 * 1024;
+
+// Reads one line of in, without its newline, into text; false at the end of the input. Of a line
+// longer than kMaxShellLine only the start is kept and *tooLong is set, but the line is read to
+// its end, so that the next line starts where it should.
+bool readShellLine(std::istream& in, std::string* text, bool* tooLong) {
+    text->clear();
+    *tooLong = false;
+    bool any = false;
+    char c;
+    while (in.get(c)) {
+        any = true;
+        if (c == '\n') {
+            return true;
+        }
+        if (text->size() < kMaxShellLine) {
+            text->push_back(c);
+        } else {
+            *tooLong = true;
+        }
+    }
+    return any;
+}
+
 // A script's run, checked or read line by line: its link and session once a modem is needed, and
 // with --json the one document it prints at the end.
 struct ScriptRun {
@@ -657,14 +682,21 @@ int runShell(const std::vector<std::string>& words, GlobalOptions globals, Chann
         if (interactive) {
             channel.print("kelctl> ");
         }
-        if (!std::getline(std::cin, text)) {
+        bool tooLong = false;
+        if (!readShellLine(std::cin, &text, &tooLong)) {
             break;
+        }
+        const std::string where = "line " + std::to_string(number) + ": ";
+        if (tooLong) {
+            channel.error(where + "longer than " + std::to_string(kMaxShellLine) +
+                          " bytes, not run\n");
+            status = std::max<int>(status, kExitUsage);
+            continue;
         }
         std::set<std::string> known;
         for (const auto& [name, handle] : run.session->handles) {
             known.insert(name);
         }
-        const std::string where = "line " + std::to_string(number) + ": ";
         ScriptLine line;
         bool blank = false;
         if (!parseLine(text, globals.truncate, &known, &line, &blank, &error)) {

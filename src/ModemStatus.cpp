@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
-#include <sstream>
 
+#include "DumpText.h"
 #include "LocalLogBuffer.h"
 #include "ModemStatusBoard.h"
 
@@ -19,15 +19,28 @@ void increment(std::uint64_t& counter) {
     ++counter;
 }
 
+void appendFlag(std::string& out, const char* label, bool value) {
+    out += label;
+    appendText(out, value);
+}
+
 }  // namespace
 
 std::string ModemStatus::dump() const {
-    std::ostringstream os;
-    os << std::boolalpha << "SubscriptionId=" << subscriptionId << ",Connected=" << connected
-       << ",Bound=" << bound << ",Registered=" << registered << ",CacheLoaded=" << cacheLoaded
-       << ",FailedMessages=" << failedMessages << ",TimedOutMessages=" << timedOutMessages
-       << ",Connections=" << connections << ",";
-    return os.str();
+    std::string text = "SubscriptionId=";
+    appendText(text, subscriptionId);
+    appendFlag(text, ",Connected=", connected);
+    appendFlag(text, ",Bound=", bound);
+    appendFlag(text, ",Registered=", registered);
+    appendFlag(text, ",CacheLoaded=", cacheLoaded);
+    text += ",FailedMessages=";
+    appendText(text, failedMessages);
+    text += ",TimedOutMessages=";
+    appendText(text, timedOutMessages);
+    text += ",Connections=";
+    appendText(text, connections);
+    text += ',';
+    return text;
 }
 
 ModemStatusBoard::ModemStatusBoard(int subscriptionId) {

@@ -2,8 +2,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <sstream>
 
+#include "DumpText.h"
 #include "LocalLogBuffer.h"
 #include "ModemConversions.h"
 
@@ -89,9 +89,13 @@ bool logOutcome(bool ok, const Outcome& outcome) {
 }  // namespace
 
 std::string ProfileChangedInd::dump() const {
-    std::ostringstream os;
-    os << techType << ":" << profileId << " " << eventName(event);
-    return os.str();
+    std::string text;
+    appendText(text, techType);
+    text += ':';
+    appendText(text, profileId);
+    text += ' ';
+    text += eventName(event);
+    return text;
 }
 
 VexWdsProxy::VexWdsProxy(EventManager& loop, int subscription)

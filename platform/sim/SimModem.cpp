@@ -991,10 +991,12 @@ void SimModem::stop() {
     }
     {
         std::lock_guard<std::mutex> lock(impl->mu);
-        impl->connections.clear();
-        impl->notices.clear();
+        // The service goes before its clients are cut off, as a modem's does: a client that
+        // reconnects the moment its connection drops finds nothing to connect to.
         impl->listenFd.reset();
         vexwire::removeStaleSocket(impl->dir, wds()->name);
+        impl->connections.clear();
+        impl->notices.clear();
         impl->wakeFd.reset();
         impl->up = false;
         for (auto& subscription : impl->tables) {

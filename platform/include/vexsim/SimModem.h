@@ -76,7 +76,8 @@ class SimModem {
 
     // Comes up: loads the state (or the seed), listens. False with a reason in *error.
     bool start(std::string* error = nullptr);
-    // Goes down: every connection is closed, the socket removed, non-persistent profiles lost.
+    // Goes down: the socket is removed, then every connection closed (a client reconnecting at
+    // once finds no service); non-persistent profiles are lost.
     void stop();
     bool isUp() const;
     std::string serviceDir() const;

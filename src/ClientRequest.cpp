@@ -47,9 +47,7 @@ void appendText(std::string& out, ReqRespType type) {
 }
 
 std::ostream& operator<<(std::ostream& os, ReqRespType type) {
-    std::string text;
-    appendText(text, type);
-    return os << text;
+    return os << textOf(type);
 }
 
 std::string ClientRequest::dump() {

@@ -20,9 +20,7 @@ void appendText(std::string& out, Status status) {
 }
 
 std::ostream& operator<<(std::ostream& os, Status status) {
-    std::string text;
-    appendText(text, status);
-    return os << text;
+    return os << textOf(status);
 }
 
 // Pure, so that only the typed responses can be made, but every subclass still destroys it.

@@ -48,6 +48,14 @@ void appendText(std::string& out, Int value) {
     out.append(digits, end.ptr);
 }
 
+// The text appendText writes for value, as a string of its own.
+template <typename T>
+std::string textOf(T value) {
+    std::string text;
+    appendText(text, value);
+    return text;
+}
+
 // label, the value and "," when the value is present; nothing otherwise.
 template <typename T>
 void appendField(std::string& out, const char* label, const std::optional<T>& value) {

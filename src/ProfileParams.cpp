@@ -100,13 +100,6 @@ void appendNamed(std::string& out, Enum value) {
     }
 }
 
-template <typename T>
-std::string textOf(T value) {
-    std::string text;
-    appendText(text, value);
-    return text;
-}
-
 }  // namespace
 
 void appendText(std::string& out, TechType value) {

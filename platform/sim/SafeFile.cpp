@@ -11,6 +11,7 @@
 #include <random>
 
 #include "UniqueFd.h"
+#include "VexWire.h"
 
 namespace vexsim {
 namespace {
@@ -106,9 +107,9 @@ bool replaceFile(const std::string& path, const std::string& text, std::string* 
                                                : ": not a regular file, refused");
         return false;
     }
-    size_t slash = path.rfind('/');
-    std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-    std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+    const std::string dir = vexwire::parentDirectory(path);
+    const size_t slash = path.rfind('/');
+    const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
     if (base.empty()) {
         *error = path + ": not a file name";
         return false;

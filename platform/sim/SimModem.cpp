@@ -947,15 +947,12 @@ bool SimModem::start(std::string* error) {
         }
         impl->loaded = true;
         impl->socketPath = vexwire::servicePath(impl->dir, wds());
-        vexwire::ConnectOutcome other;
-        vexwire::connectUnix(impl->socketPath, Clock::now() + std::chrono::milliseconds(500),
-                             &other);
-        if (other.status != vexwire::ConnectStatus::NoService) {
+        bool taken = false;
+        impl->listenFd = vexwire::listenService(impl->dir, wds()->name, &taken, &why);
+        if (taken) {
             why = "a service is already up at " + impl->socketPath;
             return false;
         }
-        vexwire::removeStaleSocket(impl->dir, wds()->name);
-        impl->listenFd = vexwire::listenUnix(impl->socketPath, &why);
         impl->wakeFd = vexwire::makeWakeFd();
         if (!impl->listenFd || !impl->wakeFd) {
             why = why.empty() ? "cannot create an eventfd" : why;

@@ -7,7 +7,6 @@
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <condition_variable>
@@ -44,14 +43,10 @@ constexpr auto kLongestRetry = std::chrono::milliseconds(200);
 // service runs as. A refusal is logged once; a missing directory is only a service not yet up.
 vex_client_error_type connectService(const std::string& path, Clock::time_point deadline,
                                      int wakeFd, UniqueFd* out) {
-    size_t slash = path.rfind('/');
-    std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
     std::string reason;
-    if (!vexwire::checkServiceDirectory(dir, &reason)) {
-        // Looked at again: a directory that is not there, or went while it was checked (a
-        // service shutting down removes it), is a service not up rather than a refusal.
-        struct stat info;
-        if (::lstat(dir.c_str(), &info) != 0) {
+    bool missing = false;
+    if (!vexwire::checkServiceDirectory(vexwire::parentDirectory(path), &reason, &missing)) {
+        if (missing) {
             return VEX_ERR_NO_SERVICE;
         }
         vexwire::logOnce("vex: refusing service directory " + reason);
@@ -70,6 +65,7 @@ vex_client_error_type connectService(const std::string& path, Clock::time_point 
             return VEX_ERR_TIMEOUT;
         case vexwire::ConnectStatus::NoService:
         case vexwire::ConnectStatus::Interrupted:
+        case vexwire::ConnectStatus::Failed:
             return VEX_ERR_NO_SERVICE;
     }
     return VEX_ERR_NO_SERVICE;

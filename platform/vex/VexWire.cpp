@@ -262,31 +262,43 @@ bool makeParents(const std::string& dir, std::string* reason) {
 
 }  // namespace
 
-bool checkServiceDirectory(const std::string& dir, std::string* reason) {
+bool checkServiceDirectory(const std::string& dir, std::string* reason, bool* missing) {
+    if (missing != nullptr) {
+        *missing = false;
+    }
     struct stat info;
     if (dir.empty() || ::lstat(dir.c_str(), &info) != 0) {
+        if (missing != nullptr) {
+            *missing = !dir.empty() && (errno == ENOENT || errno == ENOTDIR);
+        }
         *reason = dir + ": " + (dir.empty() ? "empty path" : std::strerror(errno));
         return false;
     }
     return trustedDirectory(dir, info, reason);
 }
 
+std::string parentDirectory(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
 bool prepareServiceDirectory(const std::string& dir, std::string* reason) {
-    struct stat info;
-    if (!dir.empty() && ::lstat(dir.c_str(), &info) != 0 && errno == ENOENT) {
-        if (!makeParents(dir, reason)) {
-            return false;
-        }
-        if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-            *reason = dir + ": cannot create it: " + std::strerror(errno);
-            return false;
-        }
-        // The umask may have taken bits away; the owner needs them all, nobody else any.
-        UniqueFd created(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        struct stat made;
-        if (created && ::fstat(created.get(), &made) == 0 && made.st_uid == ::geteuid()) {
-            ::fchmod(created.get(), 0700);
-        }
+    bool missing = false;
+    if (checkServiceDirectory(dir, reason, &missing)) {
+        return true;
+    }
+    if (!missing || !makeParents(dir, reason)) {
+        return false;
+    }
+    if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+        *reason = dir + ": cannot create it: " + std::strerror(errno);
+        return false;
+    }
+    // The umask may have taken bits away; the owner needs them all, nobody else any.
+    UniqueFd created(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat made;
+    if (created && ::fstat(created.get(), &made) == 0 && made.st_uid == ::geteuid()) {
+        ::fchmod(created.get(), 0700);
     }
     return checkServiceDirectory(dir, reason);
 }
@@ -338,9 +350,15 @@ UniqueFd connectUnix(const std::string& path, Clock::time_point deadline, Connec
     if (!fillAddress(path, &addr)) {
         return UniqueFd();
     }
+    // Anything but "nobody there" says nothing of whether a service is up.
+    auto failed = [&result] {
+        result.status = ConnectStatus::Failed;
+        result.error = errno;
+        return UniqueFd();
+    };
     UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd) {
-        return UniqueFd();
+        return failed();
     }
     // A UNIX-domain connect never completes later: it succeeds at once, or fails with EAGAIN
     // while the listener's accept queue is full, which is retried until the deadline.
@@ -352,8 +370,11 @@ UniqueFd connectUnix(const std::string& path, Clock::time_point deadline, Connec
         if (errno == EINTR) {
             continue;
         }
-        if (errno != EAGAIN) {
+        if (errno == ENOENT || errno == ECONNREFUSED || errno == ENOTDIR) {
             return UniqueFd();
+        }
+        if (errno != EAGAIN) {
+            return failed();
         }
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) {
@@ -370,7 +391,7 @@ UniqueFd connectUnix(const std::string& path, Clock::time_point deadline, Connec
     }
     uid_t uid = 0;
     if (!peerUid(fd.get(), &uid)) {
-        return UniqueFd();
+        return failed();
     }
     if (!trustedUid(uid)) {
         result.status = ConnectStatus::UntrustedPeer;
@@ -407,12 +428,36 @@ UniqueFd listenUnix(const std::string& path, std::string* error) {
         *error = "bind " + path + ": " + std::strerror(errno);
         return UniqueFd();
     }
-    if (::chmod(path.c_str(), 0600) != 0 || ::listen(fd.get(), 64) != 0) {
+    if (::chmod(path.c_str(), 0600) != 0) {
+        *error = "chmod " + path + ": " + std::strerror(errno);
+        ::unlink(path.c_str());
+        return UniqueFd();
+    }
+    if (::listen(fd.get(), 64) != 0) {
         *error = "listen " + path + ": " + std::strerror(errno);
         ::unlink(path.c_str());
         return UniqueFd();
     }
     return fd;
+}
+
+UniqueFd listenService(const std::string& dir, const std::string& name, bool* taken,
+                       std::string* error) {
+    *taken = false;
+    const std::string path = dir + "/" + name;
+    ConnectOutcome other;
+    connectUnix(path, Clock::now() + std::chrono::milliseconds(500), &other);
+    if (other.status == ConnectStatus::Failed) {
+        *error =
+            "cannot tell whether a service is up at " + path + ": " + std::strerror(other.error);
+        return UniqueFd();
+    }
+    if (other.status != ConnectStatus::NoService) {
+        *taken = true;
+        return UniqueFd();
+    }
+    removeStaleSocket(dir, name);
+    return listenUnix(path, error);
 }
 
 void logOnce(const std::string& line) {

@@ -125,8 +125,11 @@ std::string servicePath(const std::string& dir, vex_idl_service_object_type serv
 
 // A service directory is trusted only when it is a real directory (not a symbolic link), owned by
 // the effective uid and not writable by group or others: anyone else who could create or replace
-// entries in it could put an impostor's socket there. False with "DIR: reason" in *reason.
-bool checkServiceDirectory(const std::string& dir, std::string* reason);
+// entries in it could put an impostor's socket there. False with "DIR: reason" in *reason, and
+// *missing (when given) set when there is no such directory: no service is up, none is refused.
+bool checkServiceDirectory(const std::string& dir, std::string* reason, bool* missing = nullptr);
+// The directory part of path: "." for a bare name, "/" for a name at the root.
+std::string parentDirectory(const std::string& path);
 // Creates dir (and missing parents) with mode 0700 when it is missing, then checks it.
 bool prepareServiceDirectory(const std::string& dir, std::string* reason);
 // Removes name in dir only when it is a socket, the leftover of a service that died; never
@@ -145,14 +148,16 @@ using Clock = std::chrono::steady_clock;
 
 enum class ConnectStatus {
     Connected,
-    NoService,     // nobody listens at the path (or it is too long)
-    Timeout,       // the service's accept queue stayed full until the deadline
-    Interrupted,   // the wake fd became readable
-    UntrustedPeer  // the listener runs as another user; the connection is closed
+    NoService,      // nobody listens at the path (or it is too long)
+    Timeout,        // the service's accept queue stayed full until the deadline
+    Interrupted,    // the wake fd became readable
+    UntrustedPeer,  // the listener runs as another user; the connection is closed
+    Failed          // this end could not try (out of descriptors, say): nothing is known
 };
 struct ConnectOutcome {
     ConnectStatus status = ConnectStatus::NoService;
     uid_t peerUid = 0;  // for UntrustedPeer
+    int error = 0;      // for Failed: the errno
 };
 // A connected, non-blocking, close-on-exec stream socket to a trusted peer, or empty with the
 // reason in *outcome. Never waits past the deadline: a service whose accept queue is full is
@@ -164,6 +169,11 @@ std::string untrustedPeerText(const std::string& path, uid_t peer);
 // A listening, non-blocking socket at path with mode 0600 whatever the umask; empty with a
 // reason in *error.
 UniqueFd listenUnix(const std::string& path, std::string* error);
+// Listens at dir/name for a service that starts: refused, with *taken set, while something
+// answers there; the socket a dead service left behind is removed first. Empty with a reason in
+// *error otherwise.
+UniqueFd listenService(const std::string& dir, const std::string& name, bool* taken,
+                       std::string* error);
 
 // One line on standard error, unless it is the line printed last: a client that retries every
 // few milliseconds reports a refusal once, not on every attempt.

@@ -1,7 +1,6 @@
 // vex-modemctl: tells a running vex-modemd what to do, and prints what it answers.
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -33,9 +32,9 @@ vexwire::UniqueFd connectControl(const std::string& dir, const std::string& path
                                  vexwire::Clock::time_point waitUntil,
                                  vexwire::ConnectOutcome* outcome, std::string* refusal) {
     for (;;) {
-        struct stat info;
         std::string reason;
-        if (::lstat(dir.c_str(), &info) == 0 && !vexwire::checkServiceDirectory(dir, &reason)) {
+        bool missing = false;
+        if (!vexwire::checkServiceDirectory(dir, &reason, &missing) && !missing) {
             *refusal = "refusing service directory " + reason;
             return {};
         }

@@ -116,14 +116,12 @@ class ControlServer {
     bool start(const std::string& dir, std::string* error) {
         socketDir = dir;
         socketPath = dir + "/" + vexmodemd::kControlSocketName;
-        vexwire::ConnectOutcome other;
-        vexwire::connectUnix(socketPath, Clock::now() + std::chrono::milliseconds(500), &other);
-        if (other.status != vexwire::ConnectStatus::NoService) {
+        bool taken = false;
+        listenFd = vexwire::listenService(dir, vexmodemd::kControlSocketName, &taken, error);
+        if (taken) {
             *error = "another vex-modemd serves " + socketPath;
             return false;
         }
-        vexwire::removeStaleSocket(socketDir, vexmodemd::kControlSocketName);
-        listenFd = vexwire::listenUnix(socketPath, error);
         if (!listenFd || !wake) {
             return false;
         }

@@ -493,6 +493,23 @@ TEST_F(KelctlTest, EveryCommandHasHelp) {
     }
 }
 
+TEST_F(KelctlTest, AHelpOptionHoweverSpeltShowsHelpAndChangesNothing) {
+    const Outcome abbreviated = seeded({"delete", "3gpp:1", "--hel"});
+    EXPECT_EQ(abbreviated.status, 0) << abbreviated.err;
+    EXPECT_THAT(abbreviated.out, StartsWith("Usage: kelctl delete"));
+    const Outcome clustered = seeded({"add", "-ph"});
+    EXPECT_EQ(clustered.status, 0) << clustered.err;
+    EXPECT_THAT(clustered.out, StartsWith("Usage: kelctl add"));
+
+    RunOptions input;
+    input.input = "delete 3gpp:1 --he\nget 3gpp:1\n";
+    const Outcome shell = seeded({"shell"}, input);
+    EXPECT_EQ(shell.status, 0) << shell.err;
+    EXPECT_THAT(shell.out, StartsWith("Usage: kelctl delete"));
+    EXPECT_THAT(shell.out, HasSubstr("profile 3gpp:1\n")) << "the profile is still there";
+    EXPECT_THAT(seeded({"shell", "--vers"}).out, StartsWith("kelctl "));
+}
+
 // ---------------------------------------------------------------------------------------------
 // Bad command lines: a clear one-line error, and nothing reaches the modem
 
@@ -1339,6 +1356,7 @@ TEST_F(KelctlTest, PasswordsAreHiddenEverywhereUnlessAsked) {
                                             "get 3gpp:3\n"
                                             "list --json\n"
                                             "modify 3gpp:3 --password hunter2\n"
+                                            "modify 3gpp:3 --pa hunter2\n"
                                             "dump\n");
     for (const auto& head : std::vector<std::vector<std::string>>{
              {"run", "--echo", script}, {"--verbose", "run", script}, {"--json", "run", script}}) {

@@ -210,7 +210,9 @@ std::string shownLine(const std::string& text) {
     bool masked = false;
     for (std::size_t i = 0; i < words.size(); ++i) {
         const std::string name = words[i].substr(0, words[i].find('='));
-        if (name.size() < 5 || kOption.compare(0, name.size(), name) != 0) {
+        // Any start getopt_long could take for it: "--pa" already is --password, and "--p",
+        // which it refuses as ambiguous, is masked all the same.
+        if (name.size() < 3 || kOption.compare(0, name.size(), name) != 0) {
             continue;
         }
         if (name.size() < words[i].size()) {
@@ -357,6 +359,11 @@ bool parseLine(const std::string& text, bool truncate, std::set<std::string>* kn
         *error = std::string(definition->name) + ": " + *error;
         return false;
     }
+    // However it was spelt ("--hel", "-ph"), a help option makes the line show help, not run.
+    if (line->invocation.args.help) {
+        line->help = commandHelp(*definition);
+        return true;
+    }
     if (std::string(definition->name) == "drop") {
         for (const auto& name : line->invocation.args.positional) {
             known->erase(name);
@@ -462,6 +469,11 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
         // Input files are quoted in errors: escaped, never raw bytes.
         channel.error(name + escapeText(error) + "\n");
         return kExitUsage;
+    }
+    // However it was spelt ("--hel", "-ph"), a help option shows help and runs nothing.
+    if (invocation.args.help || globals.help) {
+        channel.print(commandHelp(definition));
+        return kExitOk;
     }
     if (globals.version) {
         channel.print(versionText(globals.json));
@@ -597,6 +609,10 @@ int runScriptFile(const std::vector<std::string>& words, GlobalOptions globals, 
         channel.error("kelctl: run: " + escapeText(error) + "\n");
         return kExitUsage;
     }
+    if (args.help || globals.help || globals.version) {
+        channel.print(globals.version ? versionText(globals.json) : scriptHelp(true));
+        return kExitOk;
+    }
     const std::string& file = args.positional.front();
     std::string content;
     if (!readInputFile(file, &content, &error)) {
@@ -668,6 +684,10 @@ int runShell(const std::vector<std::string>& words, GlobalOptions globals, Chann
     if (!parseScriptOptions(words, 0, &globals, &args, &error)) {
         channel.error("kelctl: shell: " + escapeText(error) + "\n");
         return kExitUsage;
+    }
+    if (args.help || globals.help || globals.version) {
+        channel.print(globals.version ? versionText(globals.json) : scriptHelp(false));
+        return kExitOk;
     }
     showSecrets(globals.showSecrets);
     ScriptRun run(globals, channel);

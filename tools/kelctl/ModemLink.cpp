@@ -22,12 +22,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::string secondsText(int ms) {
-    char text[32];
-    std::snprintf(text, sizeof(text), "%g s", ms / 1000.0);
-    return text;
-}
-
 bool isDirectory(const std::string& path) {
     struct stat info {};
     return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);

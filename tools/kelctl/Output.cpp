@@ -137,6 +137,12 @@ std::string settingsLine(const kel::ProfileParams& params) {
     return line;
 }
 
+std::string secondsText(int ms) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%g s", ms / 1000.0);
+    return text;
+}
+
 std::string profileName(kel::TechType tech, int id) {
     return techName(tech) + ":" + std::to_string(id);
 }

@@ -45,6 +45,8 @@ std::vector<std::pair<std::string, std::string>> settingsFields(const kel::Profi
 // "apn=internet ip=v4v6 types=default,supl"; values with blanks or empty ones are quoted, secrets
 // masked.
 std::string settingsLine(const kel::ProfileParams& params);
+// "2.5 s": a duration in milliseconds as kelctl's messages give it.
+std::string secondsText(int ms);
 // "3gpp:5": how a profile is named on the command line.
 std::string profileName(kel::TechType tech, int id);
 // The identity and state flags ("kel,ia,emergency"), "-" when none.

@@ -91,12 +91,6 @@ bool settleGlobals(GlobalOptions* globals, std::string* error) {
 #endif
 }
 
-std::string secondsText(int ms) {
-    char text[32];
-    std::snprintf(text, sizeof(text), "%g s", ms / 1000.0);
-    return text;
-}
-
 // The embedded modem saves its persistent profiles on every change; a state file missing at the
 // end means they were not kept.
 bool stateKept(const GlobalOptions& globals, const ModemLink& link, const Channel& channel) {

@@ -969,6 +969,22 @@ TEST_F(KelctlTest, CarrierImportLeavesImsAloneAndAppliesTheRestWithWarnings) {
     EXPECT_THAT(internet.out, HasSubstr("types default,supl,hipri\n"));
 }
 
+TEST_F(KelctlTest, CarrierKeepsEntriesThatDifferOnlyByTheirPassword) {
+    const std::string file = script("passwords.xml",
+                                    "<apns version=\"8\">\n"
+                                    "<apn carrier=\"A\" mcc=\"006\" mnc=\"01\" apn=\"vpn.test\" "
+                                    "type=\"default\" user=\"u\" password=\"one\" />\n"
+                                    "<apn carrier=\"B\" mcc=\"006\" mnc=\"01\" apn=\"vpn.test\" "
+                                    "type=\"default\" user=\"u\" password=\"two\" />\n"
+                                    "</apns>\n");
+    const Outcome plan =
+        seeded({"carrier", file, "--mcc", "006", "--mnc", "01", "--dry-run", "--verbose"});
+    EXPECT_EQ(plan.status, 0) << plan.err;
+    EXPECT_THAT(plan.out, HasSubstr("line 2 (A): "));
+    EXPECT_THAT(plan.out, HasSubstr("line 3 (B): "));
+    EXPECT_THAT(plan.err, Not(HasSubstr("merged"))) << "hidden passwords are not the same";
+}
+
 struct NetworkCase {
     const char* name;
     std::vector<std::string> selector;

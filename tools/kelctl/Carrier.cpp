@@ -396,18 +396,23 @@ std::string apnOf(const kel::ProfileParams& settings) {
 // both.
 void mergeDuplicates(const std::string& file, CarrierSelection* selection) {
     std::vector<CarrierEntry> kept;
+    // Compared in clear: the printed settings mask passwords, and two entries that differ only
+    // by their password are two entries. One per kept entry, computed once.
+    std::vector<std::vector<std::pair<std::string, std::string>>> keptFields;
     for (auto& entry : selection->entries) {
         const std::string where = file + ":" + std::to_string(entry.line) + ": ";
-        const std::string settings = settingsLine(entry.settings);
-        auto same = std::find_if(kept.begin(), kept.end(), [&](const CarrierEntry& other) {
-            return settingsLine(other.settings) == settings &&
-                   other.namesAttach == entry.namesAttach;
-        });
-        if (same != kept.end()) {
-            same->mergedLines.push_back(entry.line);
+        auto fields = settingsFields(entry.settings);
+        std::size_t index = 0;
+        while (index < kept.size() &&
+               !(keptFields[index] == fields && kept[index].namesAttach == entry.namesAttach)) {
+            ++index;
+        }
+        if (index < kept.size()) {
+            CarrierEntry& same = kept[index];
+            same.mergedLines.push_back(entry.line);
             selection->warnings.push_back(
-                where + "note: merged into line " + std::to_string(same->line) +
-                (entry.bearers == same->bearers
+                where + "note: merged into line " + std::to_string(same.line) +
+                (entry.bearers == same.bearers
                      ? ": the same entry again"
                      : ": the two differ only by bearer or network type"));
             continue;
@@ -425,6 +430,7 @@ void mergeDuplicates(const std::string& file, CarrierSelection* selection) {
             }
         }
         kept.push_back(std::move(entry));
+        keptFields.push_back(std::move(fields));
     }
     selection->entries = std::move(kept);
 }

@@ -21,13 +21,18 @@ if command -v ccache >/dev/null && [[ -z ${CMAKE_CXX_COMPILER_LAUNCHER:-} ]]; th
 fi
 export CCACHE_BASEDIR="$work" CCACHE_NOHASHDIR=1
 
+# The README's paths under /tmp are the reader's to pick; here they go to a private directory,
+# so that nothing another user may have put at /tmp/kelr or /tmp/my-modem is used or written.
+private=$(mktemp -d)
+trap 'rm -rf "$private"' EXIT
+
 blocks="$work/readme-blocks.sh"
 {
   echo 'set -euo pipefail'
   # A block that fails half-way leaves nothing running behind it.
   echo 'trap '"'"'jobs -p | xargs -r kill 2>/dev/null || true'"'"' EXIT'
   awk '/^```sh$/ { inside = 1; next } /^```/ { inside = 0 } inside' "$readme" |
-    grep -v '^scripts/test\.sh'
+    grep -v '^scripts/test\.sh' | sed "s#/tmp/#${private}/#g"
 } >"$blocks"
 
 echo "readme-test: running $(grep -c . "$blocks") lines of $readme in $work"

@@ -13,7 +13,8 @@
 
 namespace {
 
-// The exchange after connecting; the daemon itself gives a command two seconds.
+// The bound of the connect, and then of the exchange after it; the daemon itself gives a command
+// two seconds.
 constexpr auto kExchangeTimeout = std::chrono::milliseconds(10000);
 // A reply larger than this is not one the daemon sends.
 constexpr size_t kMaxReplyBytes = 16 * 1024 * 1024;

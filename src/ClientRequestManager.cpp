@@ -163,7 +163,11 @@ void ClientRequestManager::runKelThread() {
 }
 
 std::shared_ptr<ClientResponse> ClientRequestManager::processClientRequest(
-    std::shared_ptr<ClientRequest> request) {
+    std::shared_ptr<ClientRequest> request, Outcome* outcome) {
+    if (outcome != nullptr) {
+        // What every way out but an answer means: the pipeline did not serve the call.
+        *outcome = Outcome{Outcome::Kind::NotInitialized, 0, 0};
+    }
     if (refuseOnWorkerThread(request)) {
         return nullptr;
     }
@@ -203,6 +207,9 @@ std::shared_ptr<ClientResponse> ClientRequestManager::processClientRequest(
             break;
         case Turn::State::Answered:
             response = std::move(turn.response);
+            if (outcome != nullptr) {
+                *outcome = turn.outcome;
+            }
             break;
         case Turn::State::Refused:
             KEL_LOG(Error, "kel::ClientRequestManager: closing, request refused: %s",
@@ -300,12 +307,15 @@ void ClientRequestManager::handleClientRequest(int fd, void* arg) {
     Turn* next = nullptr;
     if (self->pendingRequest) {
         KEL_LOG(Info, "Handling %s", self->pendingRequest->dump().c_str());
-        std::shared_ptr<ClientResponse> response = self->serve(self->pendingRequest);
+        Outcome outcome;
+        std::shared_ptr<ClientResponse> response =
+            self->serveRequest(self->pendingRequest, outcome);
         self->pendingRequest.reset();
         // A request that gets no response keeps the turn, and its caller and those in line
         // waiting.
         if (response && self->owner != nullptr) {
             self->owner->response = std::move(response);
+            self->owner->outcome = outcome;
             self->owner->state = Turn::State::Answered;
             answeredTurn = self->owner;
             next = self->passTurn();
@@ -333,6 +343,32 @@ std::shared_ptr<ProfileKey> asProfileKey(const std::shared_ptr<IProfileKey>& key
 }
 
 }  // namespace
+
+std::shared_ptr<ClientResponse> ClientRequestManager::serveRequest(
+    const std::shared_ptr<ClientRequest>& request, Outcome& outcome) {
+    profileCache.takeOutcome();
+    std::shared_ptr<ClientResponse> response = serve(request);
+    outcome = profileCache.takeOutcome();
+    if (!outcome.ok() || !response) {
+        return response;
+    }
+    const ReqRespType type = request->getRequestType();
+    const bool reachesModem =
+        type == ReqRespType::Add || type == ReqRespType::Modify || type == ReqRespType::Delete;
+    if (isRefreshInProgress && type != ReqRespType::Refresh) {
+        outcome.kind = Outcome::Kind::RefreshInProgress;
+    } else if (response->getStatus() != Status::Success && type != ReqRespType::Callback) {
+        // Failed before the cache was asked: a request of the wrong class or a foreign handle.
+        outcome.kind = Outcome::Kind::InvalidArguments;
+    } else if (reachesModem) {
+        // The modem took it, but on its default subscription: the bind failed.
+        const ModemStatus status = profileCache.getStatusBoard().get();
+        if (status.connected && !status.bound) {
+            outcome.kind = Outcome::Kind::NotBound;
+        }
+    }
+    return response;
+}
 
 std::shared_ptr<ClientResponse> ClientRequestManager::serve(
     const std::shared_ptr<ClientRequest>& request) {

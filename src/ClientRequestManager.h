@@ -27,6 +27,7 @@
 #include "kel/ClientRequest.h"
 #include "kel/ClientResponse.h"
 #include "kel/ModemStatus.h"
+#include "kel/Outcome.h"
 
 namespace kel {
 
@@ -97,8 +98,10 @@ class ClientRequestManager {
     // the order they join the line (callers that arrive while the worker serves join it in the
     // order they then get requestMutex), each with its own response. Empty when the worker could
     // not be woken, when called on a worker thread (which would wait for itself), or when the
-    // manager closes before the request was taken.
-    std::shared_ptr<ClientResponse> processClientRequest(std::shared_ptr<ClientRequest> request);
+    // manager closes before the request was taken. *outcome (when given) receives how the call
+    // ended.
+    std::shared_ptr<ClientResponse> processClientRequest(std::shared_ptr<ClientRequest> request,
+                                                         Outcome* outcome = nullptr);
 
     // The cache's dump, read on the caller's thread without a lock: call it between requests.
     std::vector<std::string> dump();
@@ -126,6 +129,9 @@ class ClientRequestManager {
     // The response to one request, or empty for a request that gets none. Worker thread, with
     // requestMutex held.
     std::shared_ptr<ClientResponse> serve(const std::shared_ptr<ClientRequest>& request);
+    // serve's answer with what the request's outcome says beyond the cache's own.
+    std::shared_ptr<ClientResponse> serveRequest(const std::shared_ptr<ClientRequest>& request,
+                                                 Outcome& outcome);
     std::shared_ptr<ClientResponse> serveCallback(const std::shared_ptr<ClientRequest>& request);
     std::shared_ptr<ClientResponse> serveRefresh(const std::shared_ptr<ClientRequest>& request);
     // Callers waiting for their turn, for a response not yet begun, or for the modem give up.
@@ -141,6 +147,7 @@ class ClientRequestManager {
         std::condition_variable responseCv;        // this caller's answer (or refusal) is there
         std::shared_ptr<ClientRequest> request;    // while it waits in line
         std::shared_ptr<ClientResponse> response;  // Answered: the worker's response
+        Outcome outcome;                           // Answered: how the request ended
         ssize_t writeResult = 0;                   // WriteFailed: what the wake-up write returned
         int writeErrno = 0;
     };

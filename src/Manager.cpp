@@ -17,12 +17,16 @@ namespace {
 // One round trip of the facade: logs the request, submits it and logs the response (an empty
 // text when there is none). The response down-cast to Response, empty (after logging
 // failureText) when there is none or it is of another class.
+// How the calling thread's latest call ended.
+thread_local Outcome threadOutcome;
+
 template <typename Response>
 std::shared_ptr<Response> roundTrip(ClientRequestManager& manager, const char* operation,
                                     const std::shared_ptr<ClientRequest>& request,
                                     const char* failureText) {
     KEL_LOG(History, "Manager::%s > %s", operation, request->dump().c_str());
-    std::shared_ptr<ClientResponse> response = manager.processClientRequest(request);
+    std::shared_ptr<ClientResponse> response =
+        manager.processClientRequest(request, &threadOutcome);
     KEL_LOG(History, "Manager::%s < %s", operation, response ? response->dump().c_str() : "");
     auto typed = std::dynamic_pointer_cast<Response>(response);
     if (!typed) {
@@ -73,7 +77,11 @@ class Manager::Visit {
 // (after logging why, unless operation is null) when there is no pipeline or it is going.
 class Manager::Call {
   public:
-    Call(Manager& manager, const char* operation) : visit(manager) {
+    // recordsOutcome: the call is one whose outcome lastOutcome tells.
+    Call(Manager& manager, const char* operation, bool recordsOutcome = true) : visit(manager) {
+        if (recordsOutcome && operation != nullptr) {
+            threadOutcome = Outcome{Outcome::Kind::NotInitialized, 0, 0};
+        }
         std::shared_ptr<RequestLink> current;
         bool shutting = false;
         {
@@ -260,6 +268,10 @@ void Manager::refresh(PDCRefreshStatus status) {
     }
 }
 
+Outcome Manager::lastOutcome() {
+    return threadOutcome;
+}
+
 std::vector<std::string> Manager::dump() {
     std::vector<std::string> lines;
     if (Call call(*this, nullptr); call) {
@@ -274,7 +286,7 @@ std::vector<std::string> Manager::dump() {
 }
 
 std::optional<ModemStatus> Manager::getModemStatus() {
-    Call call(*this, "getModemStatus");
+    Call call(*this, "getModemStatus", false);
     if (!call) {
         return std::nullopt;
     }
@@ -285,7 +297,7 @@ std::optional<ModemStatus> Manager::getModemStatus() {
 }
 
 bool Manager::waitForModem(std::chrono::milliseconds timeout) {
-    Call call(*this, "waitForModem");
+    Call call(*this, "waitForModem", false);
     if (!call) {
         return false;
     }

@@ -39,6 +39,14 @@ std::string ModemStatus::dump() const {
     appendText(text, timedOutMessages);
     text += ",Connections=";
     appendText(text, connections);
+    appendFlag(text, ",ListFailed=", profileListFailed);
+    text += ",Unread=";
+    for (const ProfileRef& unread : unreadProfiles) {
+        appendText(text, unread.techType);
+        text += ':';
+        appendText(text, unread.profileId);
+        text += ';';
+    }
     text += ',';
     return text;
 }
@@ -66,6 +74,8 @@ void ModemStatusBoard::linkUp(bool bound, bool registered) {
         now.bound = bound;
         now.registered = registered;
         now.cacheLoaded = false;
+        now.profileListFailed = false;
+        now.unreadProfiles.clear();
         increment(now.connections);
     });
 }
@@ -76,6 +86,15 @@ void ModemStatusBoard::linkDown() {
         now.bound = false;
         now.registered = false;
         now.cacheLoaded = false;
+        now.profileListFailed = false;
+        now.unreadProfiles.clear();
+    });
+}
+
+void ModemStatusBoard::setPicture(bool listFailed, std::vector<ModemStatus::ProfileRef> unread) {
+    update([listFailed, &unread](ModemStatus& now) {
+        now.profileListFailed = listFailed;
+        now.unreadProfiles = std::move(unread);
     });
 }
 

@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <vector>
 
 #include "kel/ModemStatus.h"
 
@@ -27,6 +28,9 @@ class ModemStatusBoard {
     // The client is gone: nothing is connected, bound, registered or loaded.
     void linkDown();
     void setCacheLoaded(bool loaded);
+    // What the latest reads left out: whether a profile list failed, and the profiles that could
+    // not be read.
+    void setPicture(bool listFailed, std::vector<ModemStatus::ProfileRef> unread);
     // One more failed modem message, counted as timed out as well when it was.
     void countFailedMessage(bool timedOut);
     // True as soon as the status is ready; false once the link is broken, the board is closed or

@@ -1,5 +1,6 @@
 #include "ProfileCache.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <limits>
@@ -82,11 +83,13 @@ std::shared_ptr<ProfileKey> ProfileCache::add(AddProfileParams& params) {
     }
     if (!profile) {
         KEL_LOG(Error, "ProfileCache: failed to create profile");
+        setOutcome(Outcome::Kind::InvalidArguments);
         return nullptr;
     }
     profile->setIsPersistent(params.getIsPersistent());
     profile->setIsKelCreated(true);
     if (!vexWdsProxy.add(*profile)) {
+        failedAtModem();
         return nullptr;
     }
     profile->incRefCount();
@@ -100,10 +103,12 @@ std::shared_ptr<ProfileKey> ProfileCache::add(AddProfileParams& params) {
 
 bool ProfileCache::modify(ModifyProfileParams& params, std::shared_ptr<ProfileKey> key) {
     if (!key) {
+        setOutcome(Outcome::Kind::InvalidArguments);
         return false;
     }
     auto it = find(*key, LogLevel::History);
     if (it == profiles.end()) {
+        setOutcome(Outcome::Kind::InvalidArguments);
         return false;
     }
     std::shared_ptr<ModemProfile> profile = it->second;
@@ -116,8 +121,10 @@ bool ProfileCache::modify(ModifyProfileParams& params, std::shared_ptr<ProfileKe
         return true;
     }
     if (!vexWdsProxy.modify(*diff, profile->getTechType(), profile->getProfileId())) {
-        // Deliberately reported as success: the cache stays as the modem has it.
+        // Deliberately reported as success: the cache stays as the modem has it. The outcome
+        // tells the caller what really happened.
         KEL_LOG(Error, "ProfileCache: failed to modify modem profile");
+        failedAtModem();
         return true;
     }
     profile->apply(diff);
@@ -128,15 +135,18 @@ bool ProfileCache::modify(ModifyProfileParams& params, std::shared_ptr<ProfileKe
 
 bool ProfileCache::remove(std::shared_ptr<ProfileKey> key) {
     if (!key) {
+        setOutcome(Outcome::Kind::InvalidArguments);
         return false;
     }
     auto it = find(*key, LogLevel::Error);
     if (it == profiles.end()) {
+        setOutcome(Outcome::Kind::InvalidArguments);
         return false;
     }
     // The handle's identity is used, not the profile's; they agree unless the modem renumbered.
     if (!vexWdsProxy.remove(key->getTechType(), key->getProfileId())) {
         KEL_LOG(Error, "ProfileCache: Failed to remove profile");
+        failedAtModem();
         return false;
     }
     TechType techType = key->getTechType();
@@ -153,10 +163,12 @@ bool ProfileCache::remove(std::shared_ptr<ProfileKey> key) {
 
 bool ProfileCache::match(FilterProfileParams& params, std::shared_ptr<ProfileKey> key) {
     if (!key) {
+        setOutcome(Outcome::Kind::InvalidArguments);
         return false;
     }
     auto it = find(*key, LogLevel::Error);
     if (it == profiles.end() || !it->second) {
+        setOutcome(Outcome::Kind::InvalidArguments);
         return false;
     }
     return it->second->match(params);
@@ -164,10 +176,12 @@ bool ProfileCache::match(FilterProfileParams& params, std::shared_ptr<ProfileKey
 
 std::optional<ProfileParams> ProfileCache::get(std::shared_ptr<ProfileKey> key) {
     if (!key) {
+        setOutcome(Outcome::Kind::InvalidArguments);
         return std::nullopt;
     }
     auto it = find(*key, LogLevel::Error);
     if (it == profiles.end() || !it->second) {
+        setOutcome(Outcome::Kind::InvalidArguments);
         return std::nullopt;
     }
     return it->second->get();
@@ -241,9 +255,17 @@ bool ProfileCache::refresh() {
     // Every handle issued so far expires here; pending echoes are kept.
     expireAll();
     bool listsRead = false;
-    for (std::shared_ptr<ModemProfile>& profile : vexWdsProxy.getAllProfiles(&listsRead)) {
+    unread.clear();
+    // A failure of one of the reads is what the refresh's caller is told, whatever came after.
+    vexWdsProxy.takeFailure();
+    for (std::shared_ptr<ModemProfile>& profile : vexWdsProxy.getAllProfiles(&listsRead, &unread)) {
         profiles.emplace(generateToken(), std::move(profile));
     }
+    listFailed = !listsRead;
+    if (listFailed || !unread.empty()) {
+        failedAtModem();
+    }
+    publishPicture();
     KEL_LOG(History, "Refreshed Profiles:");
     for (const auto& [token, profile] : profiles) {
         KEL_LOG(History, "%s", profile ? profile->dump().c_str() : "null");
@@ -271,28 +293,61 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
         case ProfileChangedEvent::Create: {
             // Drawn first: as arguments of one call the two would run in no set order.
             const unsigned long long token = generateToken();
-            profiles.emplace(token, vexWdsProxy.get(ind.techType, ind.profileId));
+            auto [entry, inserted] =
+                profiles.emplace(token, vexWdsProxy.get(ind.techType, ind.profileId));
+            noteRead(ind.techType, ind.profileId, inserted && entry->second != nullptr);
             return;
         }
         case ProfileChangedEvent::Delete:
             for (auto it = profiles.begin(); it != profiles.end();) {
                 it = matches(it->second) ? profiles.erase(it) : std::next(it);
             }
+            noteRead(ind.techType, ind.profileId, true);
             return;
-        case ProfileChangedEvent::Modify:
+        case ProfileChangedEvent::Modify: {
             // The token stays, so handles stay valid; the old object (and its listeners) goes.
+            bool read = true;
             for (auto& [token, profile] : profiles) {
                 if (matches(profile)) {
                     profile = vexWdsProxy.get(ind.techType, ind.profileId);
+                    read = read && profile != nullptr;
                 }
             }
+            noteRead(ind.techType, ind.profileId, read);
             return;
+        }
         case ProfileChangedEvent::SubscriptionChange:
         case ProfileChangedEvent::ProfileReady:
             refresh();
             return;
     }
     KEL_LOG(Error, "Invalid ProfileChangedEvent");
+}
+
+void ProfileCache::failedAtModem() {
+    outcome = vexWdsProxy.takeFailure();
+    if (outcome.ok()) {
+        // Failed without a message failing: there was nothing to send it on.
+        outcome.kind = Outcome::Kind::NoLink;
+    }
+}
+
+void ProfileCache::noteRead(TechType techType, int profileId, bool read) {
+    const ModemStatus::ProfileRef ref{techType, profileId};
+    auto it = std::find(unread.begin(), unread.end(), ref);
+    if (read == (it == unread.end())) {
+        return;
+    }
+    if (read) {
+        unread.erase(it);
+    } else {
+        unread.push_back(ref);
+    }
+    publishPicture();
+}
+
+void ProfileCache::publishPicture() {
+    getStatusBoard().setPicture(listFailed, unread);
 }
 
 std::vector<std::string> ProfileCache::dump() {

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "EventManager.h"
@@ -56,6 +57,11 @@ class ProfileCache {
     // The worker calls it on its way out, so that listeners always run on the worker thread.
     void expireAll();
 
+    // How the latest operation ended (Done unless it failed), for the caller of the request being
+    // served; taking it resets it to Done.
+    Outcome takeOutcome() { return std::exchange(outcome, Outcome{}); }
+    void setOutcome(Outcome::Kind kind) { outcome = Outcome{kind, 0, 0}; }
+
     // The modem link's status; unlike the cache itself, safe to use on any thread.
     ModemStatusBoard& getStatusBoard() { return vexWdsProxy.getStatusBoard(); }
 
@@ -71,11 +77,20 @@ class ProfileCache {
     // Records an indication that the modem will send as the echo of the cache's own change.
     void expect(TechType techType, int profileId, ProfileChangedEvent event);
     std::shared_ptr<ProfileKey> makeKey(const ModemProfile& profile, unsigned long long token);
+    // The latest modem message's failure becomes the operation's outcome.
+    void failedAtModem();
+    // Records whether the profile could be read, and publishes the picture's holes when they
+    // change.
+    void noteRead(TechType techType, int profileId, bool read);
+    void publishPicture();
 
     SendRequestFn sendRequest;
     VexWdsProxy vexWdsProxy;
     ProfileMap profiles;
     std::list<ProfileChangedInd> pendingTransactions;
+    Outcome outcome;                              // of the operation being served
+    std::vector<ModemStatus::ProfileRef> unread;  // listed or announced, but not read
+    bool listFailed = false;                      // the latest refresh's list failed
 };
 
 }  // namespace kel

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "DumpText.h"
 #include "LocalLogBuffer.h"
@@ -54,33 +55,35 @@ void signalWorker(const EventFd& fd, const char* failureFormat) {
 }
 
 // What each message logs: its failure at Error, its success at the given level.
-struct Outcome {
+struct MessageLog {
     const char* failure;
     LogLevel successLevel;
     const char* success;
 };
 
-constexpr Outcome kBind{"Unable send bind req message", LogLevel::Debug,
-                        "VexWdsProxy bind register request successful!"};
-constexpr Outcome kIndicationRegister{"Unable send indication req message", LogLevel::Debug,
-                                      "VexWdsProxy indication register request successful!"};
-constexpr Outcome kEventList{"Unable send config req message", LogLevel::Debug,
-                             "VexWdsProxy config register request successful!"};
-constexpr Outcome kCreate{"Unable send VEX_WDS_CREATE_PROFILE_REQ_V01 message", LogLevel::History,
-                          "VexWdsProxy VEX_WDS_CREATE_PROFILE_REQ_V01 request successful!"};
-constexpr Outcome kModify{
+constexpr MessageLog kBind{"Unable send bind req message", LogLevel::Debug,
+                           "VexWdsProxy bind register request successful!"};
+constexpr MessageLog kIndicationRegister{"Unable send indication req message", LogLevel::Debug,
+                                         "VexWdsProxy indication register request successful!"};
+constexpr MessageLog kEventList{"Unable send config req message", LogLevel::Debug,
+                                "VexWdsProxy config register request successful!"};
+constexpr MessageLog kCreate{"Unable send VEX_WDS_CREATE_PROFILE_REQ_V01 message",
+                             LogLevel::History,
+                             "VexWdsProxy VEX_WDS_CREATE_PROFILE_REQ_V01 request successful!"};
+constexpr MessageLog kModify{
     "Unable send VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 message", LogLevel::History,
     "VexWdsProxy VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 request successful!"};
-constexpr Outcome kDelete{"Unable send VEX_WDS_DELETE_PROFILE_REQ_V01 message", LogLevel::History,
-                          "VexWdsProxy VEX_WDS_DELETE_PROFILE_REQ_V01 request successful!"};
-constexpr Outcome kGetSettings{
+constexpr MessageLog kDelete{"Unable send VEX_WDS_DELETE_PROFILE_REQ_V01 message",
+                             LogLevel::History,
+                             "VexWdsProxy VEX_WDS_DELETE_PROFILE_REQ_V01 request successful!"};
+constexpr MessageLog kGetSettings{
     "Unable send VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01 message", LogLevel::History,
     "VexWdsProxy VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01 request successful!"};
-constexpr Outcome kGetList{"Unable send VEX_WDS_GET_PROFILE_LIST_REQ_V01 message",
-                           LogLevel::History,
-                           "VexWdsProxy VEX_WDS_GET_PROFILE_LIST_REQ_V01 request successful!"};
+constexpr MessageLog kGetList{"Unable send VEX_WDS_GET_PROFILE_LIST_REQ_V01 message",
+                              LogLevel::History,
+                              "VexWdsProxy VEX_WDS_GET_PROFILE_LIST_REQ_V01 request successful!"};
 
-bool logOutcome(bool ok, const Outcome& outcome) {
+bool logOutcome(bool ok, const MessageLog& outcome) {
     LogWrapper::getInstance()->log(ok ? outcome.successLevel : LogLevel::Error, kLogTag, "%s",
                                    ok ? outcome.success : outcome.failure);
     return ok;
@@ -396,7 +399,8 @@ std::shared_ptr<ModemProfile> VexWdsProxy::get(TechType techType, int profileId)
     return nullptr;
 }
 
-std::list<std::shared_ptr<ModemProfile>> VexWdsProxy::getAllProfiles(bool* listsRead) {
+std::list<std::shared_ptr<ModemProfile>> VexWdsProxy::getAllProfiles(
+    bool* listsRead, std::vector<ModemStatus::ProfileRef>* unread) {
     std::list<std::shared_ptr<ModemProfile>> profiles;
     if (listsRead != nullptr) {
         *listsRead = false;
@@ -423,7 +427,11 @@ std::list<std::shared_ptr<ModemProfile>> VexWdsProxy::getAllProfiles(bool* lists
         }
         for (std::uint32_t i = 0; i < count; ++i) {
             const wds_profile_info_type_v01& entry = resp.profile_list[i];
-            profiles.push_back(get(convertProfileType(entry.profile_type), entry.profile_index));
+            const TechType techType = convertProfileType(entry.profile_type);
+            profiles.push_back(get(techType, entry.profile_index));
+            if (!profiles.back() && unread != nullptr) {
+                unread->push_back({techType, entry.profile_index});
+            }
         }
     }
     if (listsRead != nullptr) {
@@ -432,12 +440,30 @@ std::list<std::shared_ptr<ModemProfile>> VexWdsProxy::getAllProfiles(bool* lists
     return profiles;
 }
 
-bool VexWdsProxy::countOutcome(vex_client_error_type rc, bool resultSuccess) {
+bool VexWdsProxy::countOutcome(unsigned int msgId, vex_client_error_type rc, bool resultSuccess,
+                               std::int32_t modemError) {
     const bool ok = rc == VEX_NO_ERR && resultSuccess;
-    if (!ok) {
-        statusBoard.countFailedMessage(rc == VEX_ERR_TIMEOUT);
+    if (ok) {
+        return true;
     }
-    return ok;
+    statusBoard.countFailedMessage(rc == VEX_ERR_TIMEOUT);
+    failure = Outcome{};
+    failure.messageId = msgId;
+    if (rc == VEX_NO_ERR) {
+        failure.kind = Outcome::Kind::Refused;
+        failure.modemError = static_cast<std::uint32_t>(modemError);
+    } else if (rc == VEX_ERR_TIMEOUT) {
+        failure.kind = Outcome::Kind::NoAnswer;
+    } else {
+        // No client, a lost connection, a service gone: nothing reached the modem's answer.
+        failure.kind = Outcome::Kind::NoLink;
+        failure.messageId = 0;
+    }
+    return false;
+}
+
+Outcome VexWdsProxy::takeFailure() {
+    return std::exchange(failure, Outcome{});
 }
 
 }  // namespace kel

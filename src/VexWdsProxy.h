@@ -21,6 +21,7 @@
 #include "EventManager.h"
 #include "ModemProfile.h"
 #include "ModemStatusBoard.h"
+#include "kel/Outcome.h"
 #include "kel/ProfileParams.h"
 #include "vex/vex_client.h"
 #include "vex/wireless_data_service_v01.h"
@@ -80,8 +81,13 @@ class VexWdsProxy {
     std::shared_ptr<ModemProfile> get(TechType techType, int profileId);
     // Every profile, 3GPP first, then 3GPP2; an entry is empty where its read failed. Empty at
     // once while there is no client. *listsRead (when given) tells whether both profile lists
-    // were read.
-    std::list<std::shared_ptr<ModemProfile>> getAllProfiles(bool* listsRead = nullptr);
+    // were read, *unread (when given) which listed profiles could not be read.
+    std::list<std::shared_ptr<ModemProfile>> getAllProfiles(
+        bool* listsRead = nullptr, std::vector<ModemStatus::ProfileRef>* unread = nullptr);
+
+    // What the latest failed message tells a caller: refused (with the modem's error), no answer
+    // in time, or no link. Done when none failed since the last take. Worker thread only.
+    Outcome takeFailure();
 
     // The link's status, published here on the worker thread; read it on any thread.
     ModemStatusBoard& getStatusBoard() { return statusBoard; }
@@ -108,10 +114,12 @@ class VexWdsProxy {
     bool sendSync(unsigned int msgId, Req& req, Resp& resp) {
         const vex_client_error_type rc = vex_client_send_msg_sync(client, msgId, &req, sizeof(req),
                                                                   &resp, sizeof(resp), kTimeoutMs);
-        return countOutcome(rc, resp.resp.result == VEX_RESULT_SUCCESS_V01);
+        return countOutcome(msgId, rc, resp.resp.result == VEX_RESULT_SUCCESS_V01, resp.resp.error);
     }
-    // Whether a message succeeded; a failed one is counted in the status.
-    bool countOutcome(vex_client_error_type rc, bool resultSuccess);
+    // Whether a message succeeded; a failed one is counted in the status and kept as the latest
+    // failure.
+    bool countOutcome(unsigned int msgId, vex_client_error_type rc, bool resultSuccess,
+                      std::int32_t modemError);
 
     static constexpr unsigned int kTimeoutMs = 1000;
 
@@ -128,6 +136,7 @@ class VexWdsProxy {
     EventFd indFd;
     ProfileChangedIndCb profileChangedIndCb;
     ModemStatusBoard statusBoard;
+    Outcome failure;  // worker thread only; the latest failed message since takeFailure
 };
 
 }  // namespace kel

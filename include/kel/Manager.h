@@ -46,6 +46,7 @@
 #include "kel/ClientRequest.h"
 #include "kel/IProfileKey.h"
 #include "kel/ModemStatus.h"
+#include "kel/Outcome.h"
 #include "kel/ProfileParams.h"
 
 namespace kel {
@@ -94,6 +95,11 @@ class KEL_EXPORT Manager {
     // The cache, an empty line, "Logs:", then the log history. Reads the cache without waiting
     // for the worker: call it between other calls.
     std::vector<std::string> dump();
+
+    // How this thread's latest addProfile, modifyProfile, deleteProfile, filter, getProfile,
+    // match or refresh ended (kel/Outcome.h), as errno tells of a system call: a refused or
+    // unanswered modem message, a refresh in progress, a bad handle. Done before any such call.
+    static Outcome lastOutcome();
 
     // The modem link as it stands: one consistent snapshot, whatever thread reads it. Empty
     // before init and once the Manager is being torn down. Also answers on the worker thread.

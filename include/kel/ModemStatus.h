@@ -15,6 +15,9 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
+
+#include "kel/ProfileParams.h"
 
 #ifndef KEL_EXPORT
 #define KEL_EXPORT __attribute__((visibility("default")))
@@ -37,6 +40,20 @@ struct KEL_EXPORT ModemStatus {
     // requests answered successfully (single profiles that could not be read are not counted).
     // False while a refresh runs.
     bool cacheLoaded = false;
+    // The picture's holes: profiles the modem listed or announced that the library could not read
+    // (their entries hold nothing), in the order they were found. Emptied by a new link, and by
+    // a refresh that reads them; an entry goes when a later read of it succeeds or it is deleted.
+    struct ProfileRef {
+        TechType techType = TechType::TYPE_3GPP;
+        int profileId = 0;
+        bool operator==(const ProfileRef& other) const {
+            return techType == other.techType && profileId == other.profileId;
+        }
+    };
+    std::vector<ProfileRef> unreadProfiles;
+    // The latest refresh's profile-list request failed (or got no answer): the library does not
+    // know which profiles the modem has.
+    bool profileListFailed = false;
     // Modem messages that failed since init, timed-out ones included.
     std::uint64_t failedMessages = 0;
     // Modem messages that got no answer in time since init.
@@ -47,10 +64,14 @@ struct KEL_EXPORT ModemStatus {
 
     // Usable: connected, bound, registered and cacheLoaded.
     bool isReady() const { return connected && bound && registered && cacheLoaded; }
+    // The library's picture of the modem is whole: ready, every profile list read and every
+    // listed profile read. Act on what filter and getProfile show only when it is.
+    bool isComplete() const { return isReady() && !profileListFailed && unreadProfiles.empty(); }
     // The link came up with a failed bind or registration; only a new link can mend it.
     bool isBroken() const { return connected && (!bound || !registered); }
 
-    // One line: "SubscriptionId=0,Connected=true,...,Connections=1,".
+    // One line: "SubscriptionId=0,Connected=true,...,Connections=1,ListFailed=false,Unread=,";
+    // unread profiles as "3GPP:4;3GPP2:1;".
     std::string dump() const;
 };
 

@@ -73,7 +73,7 @@ TEST_F(ModemStatusSimModemTest, AHealthyLinkIsReadyWithItsCacheFilled) {
     EXPECT_TRUE(
         inHistory("Manager::getModemStatus < SubscriptionId=0,Connected=true,Bound=true,"
                   "Registered=true,CacheLoaded=true,FailedMessages=0,TimedOutMessages=0,"
-                  "Connections=1,"));
+                  "Connections=1,ListFailed=false,Unread=,"));
 }
 
 TEST_F(ModemStatusSimModemTest, FollowsTheModemGoingDownAndComingBack) {

@@ -50,7 +50,18 @@ ProfileCache::ProfileMap::iterator ProfileCache::find(const ProfileKey& key, Log
     return find(key.getToken(), level);
 }
 
+void ProfileCache::forgetEchoesOfLostLinks() {
+    // An echo is sent on the link that made the change, or not at all: once that link is gone,
+    // what it still expected would only swallow a later link's echoes of others' changes.
+    const std::uint64_t link = getStatusBoard().get().connections;
+    if (link != pendingLink) {
+        pendingTransactions.clear();
+        pendingLink = link;
+    }
+}
+
 void ProfileCache::expect(TechType techType, int profileId, ProfileChangedEvent event) {
+    forgetEchoesOfLostLinks();
     if (pendingTransactions.size() == pendingTransactions.max_size()) {
         KEL_LOG(Error, "ProfileCache: pending transactions exhausted");
         std::abort();
@@ -276,6 +287,7 @@ bool ProfileCache::refresh() {
 
 void ProfileCache::onIndication(ProfileChangedInd ind) {
     KEL_LOG(History, "ProfileCache: onIndication < %s", ind.dump().c_str());
+    forgetEchoesOfLostLinks();
     for (auto it = pendingTransactions.begin(); it != pendingTransactions.end(); ++it) {
         if (*it == ind) {
             // The modem echoes a change the cache already reflects.
@@ -307,13 +319,19 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
         case ProfileChangedEvent::Modify: {
             // The token stays, so handles stay valid; the old object (and its listeners) goes.
             bool read = true;
+            bool matched = false;
             for (auto& [token, profile] : profiles) {
                 if (matches(profile)) {
+                    matched = true;
                     profile = vexWdsProxy.get(ind.techType, ind.profileId);
                     read = read && profile != nullptr;
                 }
             }
-            noteRead(ind.techType, ind.profileId, read);
+            // A profile the cache holds no object for is not read here: if it was a hole, it
+            // stays one.
+            if (matched) {
+                noteRead(ind.techType, ind.profileId, read);
+            }
             return;
         }
         case ProfileChangedEvent::SubscriptionChange:

@@ -415,11 +415,11 @@ void noteLate(CommandResult* result, const std::string& text) {
 std::shared_ptr<kel::IProfileKey> awaitLateAdd(Session& session, const Args& args,
                                                const std::vector<ProfileRow>& before,
                                                std::chrono::steady_clock::time_point asked,
-                                               LateAnswer* late) {
+                                               const kel::Outcome& outcome, LateAnswer* late) {
     kel::FilterProfileParams wanted(args.settings());
     wanted.setFilterByTechType(args.tech().value_or(kel::TechType::TYPE_3GPP));
     std::shared_ptr<kel::IProfileKey> found;
-    *late = waitForEcho(session, asked, [&] {
+    *late = waitForEcho(session, asked, outcome, [&] {
         for (auto& key : manager().filter(wanted)) {
             if (findRow(before, key->getTechType(), key->getProfileId()) == nullptr) {
                 found = std::move(key);
@@ -441,8 +441,8 @@ bool cmdAdd(Session& session, const Invocation& inv, CommandResult* result) {
     auto key = manager().addProfile(params);
     const kel::Outcome outcome = kel::Manager::lastOutcome();
     LateAnswer late;
-    if (!key && outcome.unknown()) {
-        key = awaitLateAdd(session, args, before, asked, &late);
+    if (!key && mayHaveBeenDone(outcome)) {
+        key = awaitLateAdd(session, args, before, asked, outcome, &late);
         if (!key) {
             result->error = lateText(late, "", "add the profile");
             return false;
@@ -499,8 +499,19 @@ bool cmdModify(Session& session, const Invocation& inv, CommandResult* result) {
         return true;
     }
     LateAnswer late;
-    if (outcome.unknown()) {
-        late = waitForEcho(session, asked, [&] { return manager().match(wanted, key); });
+    // Found again by its place: a link that dropped and came back expired the handle.
+    kel::FilterProfileParams same;
+    same.setFilterByTechType(key->getTechType());
+    same.setFilterByProfileId(key->getProfileId());
+    auto current = [&same] {
+        auto keys = manager().filter(same);
+        return keys.empty() ? nullptr : keys.front();
+    };
+    if (mayHaveBeenDone(outcome)) {
+        late = waitForEcho(session, asked, outcome, [&] {
+            const auto now = current();
+            return now && manager().match(wanted, now);
+        });
         if (!late.landed) {
             result->error = lateText(late, "", "apply the change to " + profile) +
                             (isUnread(key->getTechType(), key->getProfileId())
@@ -513,7 +524,8 @@ bool cmdModify(Session& session, const Invocation& inv, CommandResult* result) {
             "the modem did not take the change to " + profile + ": " + outcomeText(outcome);
         return false;
     }
-    const auto after = rowsFor(session, {key});
+    const auto now = late.linkDropped ? current() : key;
+    const auto after = now ? rowsFor(session, {now}) : std::vector<ProfileRow>();
     const auto changes = before.empty() || after.empty()
                              ? std::vector<SettingChange>()
                              : settingChanges(before.front(), after.front());
@@ -521,7 +533,7 @@ bool cmdModify(Session& session, const Invocation& inv, CommandResult* result) {
     if (late.landed) {
         noteLate(result, lateText(late, "the modem holds the change", ""));
     }
-    if (!manager().match(wanted, key)) {
+    if (!now || !manager().match(wanted, now)) {
         result->error = "the modem did not take the change to " + profile;
         return false;
     }
@@ -540,11 +552,14 @@ bool cmdDelete(Session& session, const Invocation& inv, CommandResult* result) {
     const bool deleted = manager().deleteProfile(key);
     const kel::Outcome outcome = kel::Manager::lastOutcome();
     LateAnswer late;
-    if (!deleted && outcome.unknown()) {
+    if (!deleted && mayHaveBeenDone(outcome)) {
         kel::FilterProfileParams same;
         same.setFilterByTechType(key->getTechType());
         same.setFilterByProfileId(key->getProfileId());
-        late = waitForEcho(session, asked, [&] { return manager().filter(same).empty(); });
+        late = waitForEcho(session, asked, outcome, [&] {
+            const auto status = picture();
+            return status && status->isComplete() && manager().filter(same).empty();
+        });
         if (!late.landed) {
             result->error = lateText(late, "", "delete " + profile);
             return false;

@@ -62,7 +62,11 @@ void limitWaits(Session& session, const GlobalOptions& globals, Clock::time_poin
     }
 }
 
-LateAnswer waitForEcho(const Session& session, Clock::time_point asked,
+bool mayHaveBeenDone(const kel::Outcome& outcome) {
+    return outcome.unknown() || outcome.kind == kel::Outcome::Kind::NoLink;
+}
+
+LateAnswer waitForEcho(const Session& session, Clock::time_point asked, const kel::Outcome& outcome,
                        const std::function<bool()>& held) {
     const Clock::time_point now = Clock::now();
     Clock::time_point end = now + std::chrono::milliseconds(session.timeoutMs);
@@ -71,6 +75,11 @@ LateAnswer waitForEcho(const Session& session, Clock::time_point asked,
         end = std::max(now, *session.runEnd - margin);
     }
     LateAnswer answer;
+    answer.linkDropped = outcome.kind == kel::Outcome::Kind::NoLink;
+    if (answer.linkDropped) {
+        kel::Manager::getInstance().waitForModem(
+            std::chrono::duration_cast<std::chrono::milliseconds>(end - now));
+    }
     for (;;) {
         answer.landed = held();
         const Clock::time_point at = Clock::now();
@@ -85,7 +94,9 @@ LateAnswer waitForEcho(const Session& session, Clock::time_point asked,
 
 std::string lateText(const LateAnswer& answer, const std::string& landedFact,
                      const std::string& mayStill) {
-    const std::string late = "no answer within " + secondsText(kMessageTimeoutMs);
+    const std::string late = answer.linkDropped
+                                 ? std::string("the modem link dropped")
+                                 : "no answer within " + secondsText(kMessageTimeoutMs);
     if (answer.landed) {
         return late + "; " + tenths(answer.afterMs) + " after asking, " + landedFact;
     }

@@ -27,13 +27,18 @@ void limitWaits(Session& session, const GlobalOptions& globals,
 // What a wait for the modem's echo found.
 struct LateAnswer {
     bool landed = false;
-    int afterMs = 0;  // from the end of the unanswered call to the echo's landing
+    bool linkDropped = false;  // the call ended with no link: the request may have been sent
+    int afterMs = 0;           // from the unanswered call to the echo's landing
 };
 
+// Whether the outcome leaves open what the modem did: no answer in time, or the link gone (it
+// may have dropped after the request went out).
+bool mayHaveBeenDone(const kel::Outcome& outcome);
 // Asks held() until it is true or the session's wait ends; held() reads the library (a Manager
-// call). asked: when the unanswered call was made.
+// call). asked: when the unanswered call was made. After a lost link, the wait is first for the
+// link to come back, when the library reads the modem again.
 LateAnswer waitForEcho(const Session& session, std::chrono::steady_clock::time_point asked,
-                       const std::function<bool()>& held);
+                       const kel::Outcome& outcome, const std::function<bool()>& held);
 
 // "no answer within 1 s; 1.2 s after asking, the modem holds the change" (landedFact: "the
 // modem holds the change") or "no answer within 1 s; the modem may still apply it" (mayStill:

@@ -625,15 +625,32 @@ bool chooseProfile(Session& session, const Invocation& inv, CommandResult* resul
                    FindOrCreate search, bool createsTransient) {
     session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
     const auto before = snapshot(session);
+    const auto asked = std::chrono::steady_clock::now();
     auto key = search(session, inv.args);
+    // The library's latest call for the search: the add, when one was made.
+    const kel::Outcome added = kel::Manager::lastOutcome();
+    LateAnswer late;
+    if (!key && mayHaveBeenDone(added)) {
+        key = awaitLateAdd(session, inv.args, before, asked, added, &late);
+        if (!key) {
+            result->error = "no profile fits, and " + lateText(late, "", "add one");
+            return false;
+        }
+    }
     if (!key) {
-        result->error = "no profile fits, and the modem did not add one";
+        result->error = "no profile fits, and the modem did not add one" +
+                        (added.ok() ? "" : ": " + outcomeText(added));
         return false;
     }
     const Outcome chosen = outcome(before, snapshot(session), key);
     result->output = chosen.text;
     result->json = chosen.json;
-    if (chosen.created && createsTransient) {
+    if (late.landed) {
+        noteLate(result,
+                 lateText(late,
+                          "the modem holds " + profileName(key->getTechType(), key->getProfileId()),
+                          ""));
+    } else if (chosen.created && createsTransient) {
         result->transientProfile = profileName(key->getTechType(), key->getProfileId());
     }
     result->handle = std::move(key);

@@ -185,8 +185,12 @@ bool runWithWholePicture(const CommandSpec& definition, Session& session,
     if (!status || status->isComplete()) {
         return ok;
     }
-    const std::string why = "incomplete: the library could not read " + holesText(*status);
-    result->error = ok || result->error.empty() ? why : result->error + "; " + why;
+    const std::string unread = "the library could not read " + holesText(*status);
+    if (ok || result->error.empty()) {
+        result->error = "incomplete: " + unread;
+    } else if (result->error != unread) {
+        result->error += " (incomplete: " + unread + ")";
+    }
     result->json = {{documentKey(definition), ok ? result->json : Json(nullptr)},
                     {"incomplete", holesJson(*status)}};
     result->jsonOnFailure = true;

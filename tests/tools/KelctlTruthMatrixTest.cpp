@@ -236,6 +236,8 @@ const TruthCase kCases[] = {
      "get: the library could not read 3gpp:1\n", "incomplete", false, "index=1 ", 1},
     {"FilterOneReadFailed", {"filter", "--apn", "internet"}, F::OneReadFailed, 0, 1,
      "incomplete: the library could not read 3gpp:1", "incomplete", false, "index=1 ", 1},
+    {"RefreshEveryReadLate", {"refresh"}, F::EveryReadLate, 0, 1,
+     "refresh: the library could not read 3gpp:1, 3gpp:2", "incomplete", false, "profile ", 2},
     {"DumpOneReadFailed", {"dump"}, F::OneReadFailed, 0, 1,
      "incomplete: the library could not read 3gpp:1", "lines", false, "index=1 ", 1},
 };

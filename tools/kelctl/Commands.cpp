@@ -612,6 +612,13 @@ bool cmdRefresh(Session&, const Invocation& inv, CommandResult* result) {
             const std::size_t count = manager().filter(kel::FilterProfileParams()).size();
             result->output = "refreshed: " + std::to_string(count) + " profiles\n";
             result->json = {{"refresh", "completed"}, {"profiles", count}};
+            // The count is only what could be read.
+            if (const auto status = picture(); status && !status->isComplete()) {
+                result->error = "the library could not read " + holesText(*status);
+                result->json["incomplete"] = holesJson(*status);
+                result->jsonOnFailure = true;
+                return false;
+            }
             break;
         }
     }

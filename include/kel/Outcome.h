@@ -11,7 +11,9 @@
 //   NotBound           the modem did not bind the link to the subscription;
 //   RefreshInProgress  refused between refresh(Started) and refresh(Completed);
 //   NotInitialized     no pipeline: before init, while it is torn down, or on the worker thread;
-//   InvalidArguments   an empty, foreign or expired handle, or parameters the library cannot use.
+//   InvalidArguments   an empty, foreign or expired handle, or parameters the library cannot use;
+//   Failed             the library failed while serving the call (out of memory, or a client's
+//                      own code that it ran threw); the library goes on with the next call.
 //
 // Set by addProfile, modifyProfile, deleteProfile, filter, getProfile, match and refresh, and by
 // nothing else (dump, getModemStatus, waitForModem and handle releases leave it as it was).
@@ -41,6 +43,7 @@ struct KEL_EXPORT Outcome {
         RefreshInProgress = 5,
         NotInitialized = 6,
         InvalidArguments = 7,
+        Failed = 8,
     };
 
     Kind kind = Kind::Done;
@@ -55,7 +58,8 @@ struct KEL_EXPORT Outcome {
     bool unknown() const { return kind == Kind::NoAnswer; }
 
     // The kind in words: "done", "refused by the modem", "no answer in time", "no modem link",
-    // "not bound", "refresh in progress", "not initialised", "invalid arguments".
+    // "not bound", "refresh in progress", "not initialised", "invalid arguments", "failed in the
+    // library".
     static const char* name(Kind kind);
     // One line: "refused by the modem: message 0x28, error 0x0003"; "done".
     std::string dump() const;

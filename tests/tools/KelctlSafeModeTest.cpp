@@ -1,0 +1,96 @@
+// kelctl runs the library with every safe-mode switch on, and with --reference with all of them
+// off: the same cases against vex-modemd in its own process, counted while kelctl is still
+// connected (within one run or shell).
+#include <string>
+#include <vector>
+
+#include "tools/KelctlHarness.h"
+
+namespace {
+
+using namespace kelctltest;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+// The count of the last "refreshed: N profiles" line.
+int lastRefreshCount(const std::string& out) {
+    const std::string marker = "refreshed: ";
+    const std::size_t at = out.rfind(marker);
+    return at == std::string::npos ? -1 : std::stoi(out.substr(at + marker.size()));
+}
+
+// One run of kelctl: safe by default, or with --reference.
+struct Mode {
+    const char* name;
+    bool reference;
+};
+
+class KelctlSafeModeTest : public KelctlTest, public ::testing::WithParamInterface<Mode> {
+  protected:
+    std::vector<std::string> args(std::vector<std::string> rest) const {
+        std::vector<std::string> all = {"--modem", dir.path()};
+        if (GetParam().reference) {
+            all.push_back("--reference");
+        }
+        all.insert(all.end(), rest.begin(), rest.end());
+        return all;
+    }
+};
+
+TEST_P(KelctlSafeModeTest, RefreshesWithHeldHandlesLeaveNoOrphanOnTheModem) {
+    RunningModem modem(dir.path(), seed);
+    ASSERT_TRUE(modem.isServing());
+    // Without reclaim, a few cycles would fill the modem's table.
+    const int cycles = GetParam().reference ? 1 : 15;
+    std::string text = "refresh\n";
+    for (int cycle = 0; cycle < cycles; ++cycle) {
+        for (int i = 0; i < 5; ++i) {
+            const std::string name = "h" + std::to_string(cycle) + "_" + std::to_string(i);
+            text += name + " = add --apn " + name + ".cycle.test\n";
+        }
+        text += "refresh\n";
+    }
+    const Outcome outcome = kelctl(args({"run", script("cycles.kel", text)}));
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const std::size_t first = outcome.out.find("refreshed: ");
+    ASSERT_NE(first, std::string::npos) << outcome.out;
+    const int seeded = std::stoi(outcome.out.substr(first + 11));
+    EXPECT_EQ(lastRefreshCount(outcome.out), seeded + (GetParam().reference ? 5 : 0));
+}
+
+TEST_P(KelctlSafeModeTest, AProfileWhoseCreateGotNoAnswerIsReclaimed) {
+    RunningModem modem(dir.path(), seed);
+    ASSERT_TRUE(modem.isServing());
+    modem.control(dir.path(), {"delay", "1500", "0x27"});
+    RunOptions input;
+    input.input = "add --apn late.test\nlist\nlist\n";
+    const Outcome outcome = kelctl(args({"shell"}), input);
+    EXPECT_EQ(outcome.status, 1);
+    const std::size_t last = outcome.out.rfind("TOKEN");
+    ASSERT_NE(last, std::string::npos) << outcome.out;
+    if (GetParam().reference) {
+        EXPECT_THAT(outcome.out.substr(last), HasSubstr("late.test"));
+    } else {
+        EXPECT_THAT(outcome.out.substr(last), Not(HasSubstr("late.test")));
+    }
+}
+
+TEST_P(KelctlSafeModeTest, DumpShowsTheSwitchesInForce) {
+    const Outcome outcome =
+        seeded(GetParam().reference ? std::vector<std::string>{"--reference", "dump"}
+                                    : std::vector<std::string>{"dump"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    if (GetParam().reference) {
+        EXPECT_THAT(outcome.out, Not(HasSubstr("Options: ")));
+    } else {
+        EXPECT_THAT(outcome.out, HasSubstr("Options: Reclaim=true,EchoExpiryMs=10000,"));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, KelctlSafeModeTest,
+                         ::testing::Values(Mode{"Safe", false}, Mode{"Reference", true}),
+                         [](const ::testing::TestParamInfo<Mode>& mode) {
+                             return std::string(mode.param.name);
+                         });
+
+}  // namespace

@@ -443,11 +443,9 @@ std::list<std::shared_ptr<ModemProfile>> VexWdsProxy::getAllProfiles(
             if (!profiles.back() && unread != nullptr) {
                 unread->push_back({techType, entry.profile_index});
             }
+            // Once given up, the lists are still asked for (one message each), so the picture
+            // names every profile it lacks.
             givenUp = givenUp || tooManyTimeouts(profiles.back() != nullptr, timeouts);
-        }
-        if (givenUp) {
-            // The picture is incomplete: the lists are reported as not read.
-            return profiles;
         }
     }
     if (listsRead != nullptr) {

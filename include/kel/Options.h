@@ -36,11 +36,11 @@ struct KEL_EXPORT Options {
     std::uint32_t echoExpiryMs = 0;
 
     // A refresh stops reading single profiles after this many consecutive reads got no answer
-    // in time, and reports the rest as unread (ModemStatus::unreadProfiles) and the picture as
-    // incomplete (ModemStatus::profileListFailed); 0 reads on. Every call waits for a refresh,
-    // so a modem that answers every read late otherwise holds every caller for the whole of it
-    // (one message timeout per profile). Off, because the cache then lacks profiles the modem
-    // may well have.
+    // in time; it still reads the profile lists, and reports every profile it did not read in
+    // ModemStatus::unreadProfiles, so the picture shows as incomplete; 0 reads on. Every call waits
+    // for a refresh, so a modem that answers every read late otherwise holds every caller for the
+    // whole of it (one message timeout per profile). Off, because the cache then lacks profiles the
+    // modem may well have.
     std::uint32_t refreshGiveUpAfterTimeouts = 0;
 
     // The indications queued behind one that cannot be decoded are handled at once. Off, they

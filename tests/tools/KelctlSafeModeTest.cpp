@@ -75,6 +75,25 @@ TEST_P(KelctlSafeModeTest, AProfileWhoseCreateGotNoAnswerIsReclaimed) {
     }
 }
 
+TEST_P(KelctlSafeModeTest, AModemAnsweringEveryReadLateIsWaitedForOnlyUpToTheBound) {
+    RunningModem modem(dir.path(), seed);
+    ASSERT_TRUE(modem.isServing());
+    // Every read is answered after the library stopped waiting for it: in safe mode the first
+    // refresh gives up after three of them, otherwise it waits for all five.
+    modem.control(dir.path(), {"delay", "1100", "0x2b"});
+    const Outcome outcome = kelctl(args({"--timeout", "30", "dump"}));
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const int timedOut = countOf(outcome.out, "Unable send VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01");
+    if (GetParam().reference) {
+        EXPECT_EQ(timedOut, 5) << outcome.out;
+    } else {
+        EXPECT_EQ(timedOut, 3) << outcome.out;
+        EXPECT_THAT(outcome.out,
+                    HasSubstr("VexWdsProxy: 3 reads in a row got no answer, the refresh reads no "
+                              "more"));
+    }
+}
+
 TEST_P(KelctlSafeModeTest, DumpShowsTheSwitchesInForce) {
     const Outcome outcome =
         seeded(GetParam().reference ? std::vector<std::string>{"--reference", "dump"}

@@ -18,7 +18,8 @@
 // after a failed bind or registration (neither is retried), calls fail or act on an empty cache,
 // and after a failed bind they reach the modem's default subscription instead: a profile added
 // then lands there. getModemStatus shows how far the link got; waitForModem waits until it is
-// usable.
+// usable. The switches of kel/Options.h, given to init, cure such hazards (failFastWhileUnbound,
+// retryClientCreation and others); all are off unless given.
 //
 // Teardown. Destroying a Manager, calling init again, or the process exiting (for the
 // process-wide instance) while other threads are inside calls or dropping handles is safe: a

@@ -5,6 +5,10 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <exception>
+#include <list>
+#include <optional>
+#include <string>
 #include <utility>
 
 #include "LocalLogBuffer.h"
@@ -16,6 +20,32 @@ namespace {
 
 // Set on each worker thread as it starts: calls that would block on a worker are refused there.
 thread_local bool isWorkerThread = false;
+// The manager whose worker this thread is; null on other threads.
+thread_local const ClientRequestManager* workerOf = nullptr;
+
+// The failure value of a request of type: what its caller gets when serving it failed.
+std::shared_ptr<ClientResponse> failureResponse(ReqRespType type) {
+    switch (type) {
+        case ReqRespType::Add:
+            return std::make_shared<AddResponse>(Status::Failure, nullptr);
+        case ReqRespType::Modify:
+            return std::make_shared<ModifyResponse>(Status::Failure);
+        case ReqRespType::Delete:
+            return std::make_shared<DeleteResponse>(Status::Failure);
+        case ReqRespType::Filter:
+            return std::make_shared<FilterResponse>(Status::Failure,
+                                                    std::list<std::shared_ptr<IProfileKey>>());
+        case ReqRespType::Match:
+            return std::make_shared<MatchResponse>(Status::Failure, false);
+        case ReqRespType::Get:
+            return std::make_shared<GetResponse>(Status::Failure, std::nullopt);
+        case ReqRespType::Callback:
+            return std::make_shared<CallbackResponse>(Status::Failure);
+        case ReqRespType::Refresh:
+            return std::make_shared<RefreshResponse>(Status::Failure);
+    }
+    return nullptr;
+}
 
 }  // namespace
 
@@ -84,12 +114,15 @@ void RequestLink::awaitLeases() {
     idle.wait(lock, [this] { return leases == 0; });
 }
 
-ClientRequestManager::ClientRequestManager(int subscriptionId)
-    : link(std::make_shared<RequestLink>(this)),
-      profileCache(eventManager, subscriptionId,
-                   [sendLink = link](std::shared_ptr<ClientRequest> request) {
-                       return sendLink->send(std::move(request));
-                   }) {
+ClientRequestManager::ClientRequestManager(int subscriptionId, const Options& switches)
+    : options(switches),
+      link(std::make_shared<RequestLink>(this)),
+      profileCache(
+          eventManager, subscriptionId,
+          [sendLink = link](std::shared_ptr<ClientRequest> request) {
+              return sendLink->send(std::move(request));
+          },
+          switches) {
     KEL_LOG(Debug, "kel::ClientRequestManager: constructor");
     // Registered before the worker starts, so the loop's handler map is never touched by two
     // threads at once. The flag is raised here, not by the worker, so that a destructor that
@@ -154,9 +187,18 @@ bool ClientRequestManager::refuseOnWorkerThread(const std::shared_ptr<ClientRequ
 
 void ClientRequestManager::runKelThread() {
     isWorkerThread = true;
+    workerOf = this;
     KEL_LOG(History, "KEL thread started");
     while (isRunning) {
-        eventManager.processEvents();
+        // What escapes a handler (an indication's work running out of memory, say) costs that
+        // one event, not the process.
+        try {
+            eventManager.processEvents();
+        } catch (const std::exception& e) {
+            KEL_LOG(Error, "kel::ClientRequestManager: worker caught: %s", e.what());
+        } catch (...) {
+            KEL_LOG(Error, "kel::ClientRequestManager: worker caught an exception");
+        }
     }
     // Listeners of handles still held run here, on the worker, like every other listener.
     profileCache.expireAll();
@@ -306,10 +348,9 @@ void ClientRequestManager::handleClientRequest(int fd, void* arg) {
     Turn* answeredTurn = nullptr;
     Turn* next = nullptr;
     if (self->pendingRequest) {
-        KEL_LOG(Info, "Handling %s", self->pendingRequest->dump().c_str());
         Outcome outcome;
         std::shared_ptr<ClientResponse> response =
-            self->serveRequest(self->pendingRequest, outcome);
+            self->serveGuarded(self->pendingRequest, outcome);
         self->pendingRequest.reset();
         // A request that gets no response keeps the turn, and its caller and those in line
         // waiting.
@@ -344,9 +385,33 @@ std::shared_ptr<ProfileKey> asProfileKey(const std::shared_ptr<IProfileKey>& key
 
 }  // namespace
 
+std::shared_ptr<ClientResponse> ClientRequestManager::serveGuarded(
+    const std::shared_ptr<ClientRequest>& request, Outcome& outcome) {
+    const char* reason = nullptr;
+    std::string what;
+    try {
+        KEL_LOG(Info, "Handling %s", request->dump().c_str());
+        return serveRequest(request, outcome);
+    } catch (const std::exception& e) {
+        what = e.what();
+        reason = what.c_str();
+    } catch (...) {
+        reason = "an exception";
+    }
+    // The request fails, as one the cache refused would; the worker goes on with the next.
+    KEL_LOG(Error, "kel::ClientRequestManager: serving request failed: %s", reason);
+    profileCache.takeOutcome();
+    outcome = Outcome{Outcome::Kind::Failed, 0, 0};
+    return failureResponse(request->getRequestType());
+}
+
 std::shared_ptr<ClientResponse> ClientRequestManager::serveRequest(
     const std::shared_ptr<ClientRequest>& request, Outcome& outcome) {
     profileCache.takeOutcome();
+    if (refuseUnbound(request)) {
+        outcome = Outcome{Outcome::Kind::NotBound, 0, 0};
+        return failureResponse(request->getRequestType());
+    }
     std::shared_ptr<ClientResponse> response = serve(request);
     outcome = profileCache.takeOutcome();
     if (!outcome.ok() || !response) {
@@ -368,6 +433,19 @@ std::shared_ptr<ClientResponse> ClientRequestManager::serveRequest(
         }
     }
     return response;
+}
+
+bool ClientRequestManager::refuseUnbound(const std::shared_ptr<ClientRequest>& request) {
+    const ReqRespType type = request->getRequestType();
+    if (!options.failFastWhileUnbound || isRefreshInProgress ||
+        (type != ReqRespType::Add && type != ReqRespType::Modify && type != ReqRespType::Delete)) {
+        return false;
+    }
+    if (profileCache.getStatusBoard().get().bound) {
+        return false;
+    }
+    KEL_LOG(Error, "kel::ClientRequestManager: link not bound, request refused");
+    return true;
 }
 
 std::shared_ptr<ClientResponse> ClientRequestManager::serve(
@@ -478,7 +556,9 @@ std::shared_ptr<ClientResponse> ClientRequestManager::serveRefresh(
 }
 
 std::vector<std::string> ClientRequestManager::dump() {
-    return profileCache.dump();
+    // On this manager's worker (an expiration listener) the cache is not being changed by anyone
+    // else, and its lock may be held already.
+    return profileCache.dump(workerOf == this);
 }
 
 ModemStatus ClientRequestManager::getModemStatus() {

@@ -27,6 +27,7 @@
 #include "kel/ClientRequest.h"
 #include "kel/ClientResponse.h"
 #include "kel/ModemStatus.h"
+#include "kel/Options.h"
 #include "kel/Outcome.h"
 
 namespace kel {
@@ -85,7 +86,7 @@ class RequestLink : public std::enable_shared_from_this<RequestLink> {
 class ClientRequestManager {
   public:
     // Builds the loop and the cache for subscriptionId and starts the worker.
-    explicit ClientRequestManager(int subscriptionId);
+    explicit ClientRequestManager(int subscriptionId, const Options& options = Options());
     // Refuses new callers and those still waiting for their turn, lets the one being served
     // have its answer, waits for every caller to leave, then stops and joins the worker (which
     // expires every handle on its way out). Handles still alive are cut off: their later calls
@@ -103,7 +104,8 @@ class ClientRequestManager {
     std::shared_ptr<ClientResponse> processClientRequest(std::shared_ptr<ClientRequest> request,
                                                          Outcome* outcome = nullptr);
 
-    // The cache's dump, read on the caller's thread without a lock: call it between requests.
+    // The cache's dump, read on the caller's thread; any thread, the worker's included (an
+    // expiration listener), at any time.
     std::vector<std::string> dump();
 
     // The modem link's status, one consistent snapshot; any thread.
@@ -111,6 +113,9 @@ class ClientRequestManager {
     // Any client thread: true once the link is usable, false when it came up broken, on
     // timeout, or once the manager closes.
     bool waitForModem(std::chrono::milliseconds timeout);
+
+    // The switches in force; fixed for the manager's life.
+    const Options& getOptions() const { return options; }
 
     // How the facade and the handles reach this manager.
     const std::shared_ptr<RequestLink>& getLink() const { return link; }
@@ -129,9 +134,16 @@ class ClientRequestManager {
     // The response to one request, or empty for a request that gets none. Worker thread, with
     // requestMutex held.
     std::shared_ptr<ClientResponse> serve(const std::shared_ptr<ClientRequest>& request);
+    // serveRequest's answer; should serving throw, the request's failure value, with the outcome
+    // Failed.
+    std::shared_ptr<ClientResponse> serveGuarded(const std::shared_ptr<ClientRequest>& request,
+                                                 Outcome& outcome);
     // serve's answer with what the request's outcome says beyond the cache's own.
     std::shared_ptr<ClientResponse> serveRequest(const std::shared_ptr<ClientRequest>& request,
                                                  Outcome& outcome);
+    // With failFastWhileUnbound: whether request is one that reaches the modem, and the link is
+    // not bound (logged at Error).
+    bool refuseUnbound(const std::shared_ptr<ClientRequest>& request);
     std::shared_ptr<ClientResponse> serveCallback(const std::shared_ptr<ClientRequest>& request);
     std::shared_ptr<ClientResponse> serveRefresh(const std::shared_ptr<ClientRequest>& request);
     // Callers waiting for their turn, for a response not yet begun, or for the modem give up.
@@ -165,6 +177,7 @@ class ClientRequestManager {
     // Whether turn's caller has its answer: a response, a refusal, or nothing to wait for.
     bool answered(const Turn& turn) const;
 
+    const Options options;
     std::shared_ptr<ClientRequest> pendingRequest;  // guarded by requestMutex
     // Guards the request slot, the turns, closing and isRefreshInProgress; the worker holds it for
     // every cache operation made on a client's behalf.

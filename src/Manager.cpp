@@ -141,6 +141,10 @@ Manager& Manager::getInstance() {
 }
 
 void Manager::init(int subscriptionId, bool useAdbLog) {
+    init(subscriptionId, useAdbLog, Options());
+}
+
+void Manager::init(int subscriptionId, bool useAdbLog, const Options& options) {
     // From a listener: tearing down the old pipeline would join the very thread it runs on.
     if (ClientRequestManager::onWorkerThread()) {
         KEL_LOG(Error, "Manager::init(%d) refused on the worker thread", subscriptionId);
@@ -158,8 +162,11 @@ void Manager::init(int subscriptionId, bool useAdbLog) {
     }
     installLogWriter(useAdbLog);
     KEL_LOG(History, "Manager::init(%d)", subscriptionId);
+    if (options.anyOn()) {
+        KEL_LOG(History, "Manager::init options: %s", options.dump().c_str());
+    }
     // The new pipeline is up before the old one is torn down; the brief overlap is deliberate.
-    auto fresh = std::make_unique<ClientRequestManager>(subscriptionId);
+    auto fresh = std::make_unique<ClientRequestManager>(subscriptionId, options);
     std::unique_ptr<ClientRequestManager> previous;
     {
         std::lock_guard<std::mutex> lock(pipelineMutex);
@@ -276,6 +283,9 @@ std::vector<std::string> Manager::dump() {
     std::vector<std::string> lines;
     if (Call call(*this, nullptr); call) {
         lines = call.pipeline().dump();
+        if (const Options& options = call.pipeline().getOptions(); options.anyOn()) {
+            lines.push_back("Options: " + options.dump());
+        }
     }
     lines.emplace_back();
     lines.emplace_back("Logs:");

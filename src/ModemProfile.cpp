@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
 #include <utility>
 
 #include "DumpText.h"
@@ -115,7 +116,15 @@ ModemProfile::~ModemProfile() {
             continue;
         }
         KEL_LOG(Debug, "invoke callback");
-        listener.first();
+        // A listener is the client's code running in a destructor: what it throws would end the
+        // process, and the listeners after it would not run.
+        try {
+            listener.first();
+        } catch (const std::exception& e) {
+            KEL_LOG(Error, "ModemProfile: expiration listener threw: %s", e.what());
+        } catch (...) {
+            KEL_LOG(Error, "ModemProfile: expiration listener threw");
+        }
     }
 }
 

@@ -48,11 +48,18 @@ std::string ModemStatus::dump() const {
         text += ';';
     }
     text += ',';
+    if (options.anyOn()) {
+        // Nested, its own separators turned so the line still splits on commas.
+        std::string switches = options.dump();
+        std::replace(switches.begin(), switches.end(), ',', ';');
+        text += "Options=" + switches + ',';
+    }
     return text;
 }
 
-ModemStatusBoard::ModemStatusBoard(int subscriptionId) {
+ModemStatusBoard::ModemStatusBoard(int subscriptionId, const Options& options) {
     status.subscriptionId = subscriptionId;
+    status.options = options;
 }
 
 ModemStatus ModemStatusBoard::get() const {

@@ -17,7 +17,7 @@ namespace kel {
 
 class ModemStatusBoard {
   public:
-    explicit ModemStatusBoard(int subscriptionId);
+    explicit ModemStatusBoard(int subscriptionId, const Options& options = Options());
     ModemStatusBoard(const ModemStatusBoard&) = delete;
     ModemStatusBoard& operator=(const ModemStatusBoard&) = delete;
 

@@ -22,6 +22,8 @@ const char* Outcome::name(Kind kind) {
             return "not initialised";
         case Kind::InvalidArguments:
             return "invalid arguments";
+        case Kind::Failed:
+            return "failed in the library";
     }
     return "unknown";
 }

@@ -13,6 +13,18 @@ namespace kel {
 namespace {
 
 constexpr const char* kTokenMissing = "ProfileCache: token is not present or expired";
+// Creates without an answer that reclaim remembers; older ones are forgotten.
+constexpr std::size_t kLateCreatesKept = 8;
+
+// Named as the library names the 3GPP profiles it creates (3GPP2 profiles carry no name).
+bool isLibraryNamed(const ModemProfile& profile) {
+    const auto* profile3gpp = dynamic_cast<const Modem3gppProfile*>(&profile);
+    if (profile3gpp == nullptr) {
+        return true;
+    }
+    const std::string name = profile3gpp->getProfileName();
+    return name == kKelProfileName || name == kKelIAProfileName;
+}
 
 // Atomic although tokens are drawn on a worker thread: while a second Manager::init hands over,
 // two workers exist for a moment.
@@ -32,8 +44,11 @@ unsigned long long ProfileCache::generateToken() {
     return token;
 }
 
-ProfileCache::ProfileCache(EventManager& eventManager, int subscriptionId, SendRequestFn send)
-    : sendRequest(std::move(send)), vexWdsProxy(eventManager, subscriptionId) {
+ProfileCache::ProfileCache(EventManager& eventManager, int subscriptionId, SendRequestFn send,
+                           const Options& switches)
+    : options(switches),
+      sendRequest(std::move(send)),
+      vexWdsProxy(eventManager, subscriptionId, switches) {
     vexWdsProxy.registerProfileChangedInd(
         [this](ProfileChangedInd ind) { onIndication(std::move(ind)); });
 }
@@ -54,19 +69,113 @@ void ProfileCache::forgetEchoesOfLostLinks() {
     // An echo is sent on the link that made the change, or not at all: once that link is gone,
     // what it still expected would only swallow a later link's echoes of others' changes.
     const std::uint64_t link = getStatusBoard().get().connections;
-    if (link != pendingLink) {
+    if (link == pendingLink) {
+        return;
+    }
+    pendingLink = link;
+    if (!pendingTransactions.empty()) {
+        KEL_LOG(History, "ProfileCache: expected echoes of a lost link forgotten: %zu",
+                pendingTransactions.size());
+        auto lock = changing();
         pendingTransactions.clear();
-        pendingLink = link;
+        pendingSince.clear();
     }
 }
 
 void ProfileCache::expect(TechType techType, int profileId, ProfileChangedEvent event) {
-    forgetEchoesOfLostLinks();
+    if (options.echoExpiryMs != 0) {
+        forgetEchoesOfLostLinks();
+    }
     if (pendingTransactions.size() == pendingTransactions.max_size()) {
         KEL_LOG(Error, "ProfileCache: pending transactions exhausted");
         std::abort();
     }
     pendingTransactions.push_back(ProfileChangedInd{techType, profileId, event});
+    pendingSince.push_back(std::chrono::steady_clock::now());
+}
+
+void ProfileCache::expireEchoes() {
+    if (options.echoExpiryMs == 0) {
+        return;
+    }
+    forgetEchoesOfLostLinks();
+    const auto oldest =
+        std::chrono::steady_clock::now() - std::chrono::milliseconds(options.echoExpiryMs);
+    auto since = pendingSince.begin();
+    for (auto it = pendingTransactions.begin(); it != pendingTransactions.end();) {
+        if (*since > oldest) {
+            ++it;
+            ++since;
+            continue;
+        }
+        KEL_LOG(History, "ProfileCache: expected echo expired: %s", it->dump().c_str());
+        auto lock = changing();
+        it = pendingTransactions.erase(it);
+        since = pendingSince.erase(since);
+    }
+}
+
+void ProfileCache::forgetOwn(TechType techType, int profileId) {
+    auto it = std::find(ownProfiles.begin(), ownProfiles.end(),
+                        ModemStatus::ProfileRef{techType, profileId});
+    if (it != ownProfiles.end()) {
+        ownProfiles.erase(it);
+    }
+}
+
+bool ProfileCache::isOwn(TechType techType, int profileId) const {
+    return std::find(ownProfiles.begin(), ownProfiles.end(),
+                     ModemStatus::ProfileRef{techType, profileId}) != ownProfiles.end();
+}
+
+bool ProfileCache::reclaimProfile(TechType techType, int profileId) {
+    forgetOwn(techType, profileId);
+    if (!vexWdsProxy.remove(techType, profileId)) {
+        KEL_LOG(Error, "ProfileCache: failed to reclaim profile %d", profileId);
+        return false;
+    }
+    KEL_LOG(History, "ProfileCache: reclaimed profile %d", profileId);
+    auto lock = changing();
+    expect(techType, profileId, ProfileChangedEvent::Delete);
+    return true;
+}
+
+void ProfileCache::reclaimExpired() {
+    std::vector<std::shared_ptr<ModemProfile>> gone;
+    for (auto it = profiles.begin(); it != profiles.end();) {
+        const std::shared_ptr<ModemProfile>& profile = it->second;
+        // Persistent or renamed: somebody else's now, whatever index it has.
+        const bool ours = profile && !profile->getIsPersistent() &&
+                          isOwn(profile->getTechType(), profile->getProfileId()) &&
+                          isLibraryNamed(*profile);
+        if (ours && reclaimProfile(profile->getTechType(), profile->getProfileId())) {
+            auto lock = changing();
+            gone.push_back(std::move(it->second));
+            it = profiles.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    // Whatever was not reclaimed is no longer known to be this cache's.
+    ownProfiles.clear();
+    // Reclaiming is the cache's own business: its failures are not the refresh's outcome.
+    vexWdsProxy.takeFailure();
+}
+
+bool ProfileCache::takeLateCreate(const ModemProfile& profile) {
+    if (profile.getIsPersistent() || !isLibraryNamed(profile)) {
+        return false;
+    }
+    for (auto it = lateCreates.begin(); it != lateCreates.end(); ++it) {
+        const ModemProfile& late = **it;
+        if (late.getTechType() == profile.getTechType() &&
+            late.hasApnName() == profile.hasApnName() &&
+            (!late.hasApnName() || late.getApnName() == profile.getApnName())) {
+            lateCreates.erase(it);
+            return true;
+        }
+    }
+    return false;
 }
 
 std::shared_ptr<ProfileKey> ProfileCache::makeKey(const ModemProfile& profile,
@@ -101,13 +210,26 @@ std::shared_ptr<ProfileKey> ProfileCache::add(AddProfileParams& params) {
     profile->setIsKelCreated(true);
     if (!vexWdsProxy.add(*profile)) {
         failedAtModem();
+        if (options.reclaim && outcome.unknown() && !profile->getIsPersistent()) {
+            // The modem may have made it all the same: its create indication will tell.
+            lateCreates.push_back(profile);
+            if (lateCreates.size() > kLateCreatesKept) {
+                lateCreates.pop_front();
+            }
+        }
         return nullptr;
     }
-    profile->incRefCount();
-    profiles.emplace(token, profile);
-    // The modem reports a creation as a create indication followed by a modify indication.
-    expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Create);
-    expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify);
+    if (options.reclaim && !profile->getIsPersistent()) {
+        ownProfiles.push_back({profile->getTechType(), profile->getProfileId()});
+    }
+    {
+        auto lock = changing();
+        profile->incRefCount();
+        profiles.emplace(token, profile);
+        // The modem reports a creation as a create indication followed by a modify indication.
+        expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Create);
+        expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify);
+    }
     KEL_LOG(History, "Added: %s", profile->dump().c_str());
     return makeKey(*profile, token);
 }
@@ -138,6 +260,7 @@ bool ProfileCache::modify(ModifyProfileParams& params, std::shared_ptr<ProfileKe
         failedAtModem();
         return true;
     }
+    auto lock = changing();
     profile->apply(diff);
     KEL_LOG(History, "Diff: %s", diff->dump().c_str());
     expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify);
@@ -167,7 +290,10 @@ bool ProfileCache::remove(std::shared_ptr<ProfileKey> key) {
         profileId = it->second->getProfileId();
     }
     // An explicit remove ignores counts and persistence: every handle to the profile expires.
-    profiles.erase(it);
+    forgetOwn(techType, profileId);
+    std::shared_ptr<ModemProfile> gone;
+    auto lock = changing();
+    gone = detach(it);
     expect(techType, profileId, ProfileChangedEvent::Delete);
     return true;
 }
@@ -245,6 +371,9 @@ bool ProfileCache::releaseProfile(unsigned long long token) {
         }
         profile->decRefCount();
         KEL_LOG(History, "Released profile %d", profile->getProfileId());
+        forgetOwn(profile->getTechType(), profile->getProfileId());
+        // profile still holds it: its listeners run on return, with the map whole.
+        auto lock = changing();
         expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Delete);
         profiles.erase(it);
         return true;
@@ -256,8 +385,19 @@ bool ProfileCache::releaseProfile(unsigned long long token) {
 }
 
 void ProfileCache::expireAll() {
-    profiles.clear();
-    profiles.rehash(0);
+    ProfileMap gone;
+    {
+        auto lock = changing();
+        gone.swap(profiles);
+    }
+    // The listeners run here, while the cache's own map is already empty.
+    gone.clear();
+}
+
+std::shared_ptr<ModemProfile> ProfileCache::detach(ProfileMap::iterator it) {
+    std::shared_ptr<ModemProfile> profile = std::move(it->second);
+    profiles.erase(it);
+    return profile;
 }
 
 bool ProfileCache::refresh() {
@@ -269,8 +409,12 @@ bool ProfileCache::refresh() {
     unread.clear();
     // A failure of one of the reads is what the refresh's caller is told, whatever came after.
     vexWdsProxy.takeFailure();
-    for (std::shared_ptr<ModemProfile>& profile : vexWdsProxy.getAllProfiles(&listsRead, &unread)) {
-        profiles.emplace(generateToken(), std::move(profile));
+    std::list<std::shared_ptr<ModemProfile>> read = vexWdsProxy.getAllProfiles(&listsRead, &unread);
+    {
+        auto lock = changing();
+        for (std::shared_ptr<ModemProfile>& profile : read) {
+            profiles.emplace(generateToken(), std::move(profile));
+        }
     }
     listFailed = !listsRead;
     if (listFailed || !unread.empty()) {
@@ -281,18 +425,24 @@ bool ProfileCache::refresh() {
     for (const auto& [token, profile] : profiles) {
         KEL_LOG(History, "%s", profile ? profile->dump().c_str() : "null");
     }
+    if (options.reclaim) {
+        reclaimExpired();
+    }
     getStatusBoard().setCacheLoaded(listsRead);
     return true;
 }
 
 void ProfileCache::onIndication(ProfileChangedInd ind) {
     KEL_LOG(History, "ProfileCache: onIndication < %s", ind.dump().c_str());
-    forgetEchoesOfLostLinks();
-    for (auto it = pendingTransactions.begin(); it != pendingTransactions.end(); ++it) {
+    expireEchoes();
+    auto since = pendingSince.begin();
+    for (auto it = pendingTransactions.begin(); it != pendingTransactions.end(); ++it, ++since) {
         if (*it == ind) {
             // The modem echoes a change the cache already reflects.
             KEL_LOG(History, "ProfileCache: pending transaction confirmed");
+            auto lock = changing();
             pendingTransactions.erase(it);
+            pendingSince.erase(since);
             return;
         }
     }
@@ -305,17 +455,38 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
         case ProfileChangedEvent::Create: {
             // Drawn first: as arguments of one call the two would run in no set order.
             const unsigned long long token = generateToken();
-            auto [entry, inserted] =
-                profiles.emplace(token, vexWdsProxy.get(ind.techType, ind.profileId));
-            noteRead(ind.techType, ind.profileId, inserted && entry->second != nullptr);
+            std::shared_ptr<ModemProfile> created = vexWdsProxy.get(ind.techType, ind.profileId);
+            if (options.reclaim && created && takeLateCreate(*created) &&
+                reclaimProfile(ind.techType, ind.profileId)) {
+                noteRead(ind.techType, ind.profileId, true);
+                return;
+            }
+            bool read = false;
+            {
+                auto lock = changing();
+                auto [entry, inserted] = profiles.emplace(token, std::move(created));
+                read = inserted && entry->second != nullptr;
+            }
+            noteRead(ind.techType, ind.profileId, read);
             return;
         }
-        case ProfileChangedEvent::Delete:
-            for (auto it = profiles.begin(); it != profiles.end();) {
-                it = matches(it->second) ? profiles.erase(it) : std::next(it);
+        case ProfileChangedEvent::Delete: {
+            std::vector<std::shared_ptr<ModemProfile>> gone;
+            {
+                auto lock = changing();
+                for (auto it = profiles.begin(); it != profiles.end();) {
+                    if (matches(it->second)) {
+                        gone.push_back(std::move(it->second));
+                        it = profiles.erase(it);
+                    } else {
+                        ++it;
+                    }
+                }
             }
+            forgetOwn(ind.techType, ind.profileId);
             noteRead(ind.techType, ind.profileId, true);
             return;
+        }
         case ProfileChangedEvent::Modify: {
             // The token stays, so handles stay valid; the old object (and its listeners) goes.
             bool read = true;
@@ -323,8 +494,21 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
             for (auto& [token, profile] : profiles) {
                 if (matches(profile)) {
                     matched = true;
-                    profile = vexWdsProxy.get(ind.techType, ind.profileId);
-                    read = read && profile != nullptr;
+                    std::shared_ptr<ModemProfile> fresh =
+                        vexWdsProxy.get(ind.techType, ind.profileId);
+                    read = read && fresh != nullptr;
+                    if (options.reclaim && fresh && profile && profile->getIsKelCreated()) {
+                        // Still the library's profile, held by the same handles: the last
+                        // release deletes it as it would have before the change.
+                        fresh->setIsKelCreated(true);
+                        for (int i = 0; i < profile->getRefCount(); ++i) {
+                            fresh->incRefCount();
+                        }
+                    }
+                    auto lock = changing();
+                    // The old object goes with fresh, after the swap, so its listeners see the
+                    // new one in place.
+                    profile.swap(fresh);
                 }
             }
             // A profile the cache holds no object for is not read here: if it was a hole, it
@@ -368,7 +552,11 @@ void ProfileCache::publishPicture() {
     getStatusBoard().setPicture(listFailed, unread);
 }
 
-std::vector<std::string> ProfileCache::dump() {
+std::vector<std::string> ProfileCache::dump(bool onWorker) {
+    std::unique_lock<std::mutex> lock(viewMutex, std::defer_lock);
+    if (!onWorker) {
+        lock.lock();
+    }
     std::vector<std::string> lines;
     lines.reserve(profiles.size() + pendingTransactions.size() + 2);
     lines.emplace_back("Cache:");

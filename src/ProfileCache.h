@@ -3,14 +3,17 @@
 // indications, the cache's own changes told apart by the echoes it expects.
 //
 // Threads: worker thread only (client requests through ClientRequestManager, indications through
-// the event loop the same thread runs); hence no lock.
+// the event loop the same thread runs), except dump, which any thread may call: the worker holds
+// viewMutex while it changes what dump shows.
 #ifndef KEL_PROFILE_CACHE_H
 #define KEL_PROFILE_CACHE_H
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -21,6 +24,7 @@
 #include "ModemProfile.h"
 #include "ProfileKey.h"
 #include "VexWdsProxy.h"
+#include "kel/Options.h"
 #include "kel/ProfileParams.h"
 
 namespace kel {
@@ -29,7 +33,8 @@ class ProfileCache {
   public:
     // Reads nothing yet: the cache fills on refresh() or the modem's profiles-ready indication.
     // sendRequest is handed to every handle the cache creates.
-    ProfileCache(EventManager& eventManager, int subscriptionId, SendRequestFn sendRequest);
+    ProfileCache(EventManager& eventManager, int subscriptionId, SendRequestFn sendRequest,
+                 const Options& options = Options());
     ProfileCache(const ProfileCache&) = delete;
     ProfileCache& operator=(const ProfileCache&) = delete;
 
@@ -52,8 +57,10 @@ class ProfileCache {
     // Drops every entry (expiring every handle) and re-reads the modem.
     bool refresh();
     void onIndication(ProfileChangedInd ind);
-    // "Cache:", one line per entry, "Pending:", one line per expected echo.
-    std::vector<std::string> dump();
+    // "Cache:", one line per entry, "Pending:", one line per expected echo. Any thread; onWorker
+    // says the caller is the worker itself (an expiration listener), which must not wait for
+    // viewMutex: it may hold it already, and nothing else changes the cache meanwhile.
+    std::vector<std::string> dump(bool onWorker = false);
     // Drops every entry, expiring every handle: the listeners of handles still held run here.
     // The worker calls it on its way out, so that listeners always run on the worker thread.
     void expireAll();
@@ -75,10 +82,27 @@ class ProfileCache {
     // The entry of the key's token; end() (after logging at level) when there is none.
     ProfileMap::iterator find(const ProfileKey& key, LogLevel level);
     ProfileMap::iterator find(unsigned long long token, LogLevel level);
+    // Held while the worker changes what dump shows.
+    std::unique_lock<std::mutex> changing() { return std::unique_lock<std::mutex>(viewMutex); }
+    // Takes the entry out of the map; the caller drops the profile (running its listeners) once
+    // the map is whole again, so a listener may walk it.
+    std::shared_ptr<ModemProfile> detach(ProfileMap::iterator it);
     // Records an indication that the modem will send as the echo of the cache's own change.
     void expect(TechType techType, int profileId, ProfileChangedEvent event);
-    // Drops the expectations made on a link that has since been replaced.
+    // With echoExpiryMs: forgets the echoes expected for longer than that, and those of a link
+    // that has since been replaced.
+    void expireEchoes();
     void forgetEchoesOfLostLinks();
+    // With reclaim: what the cache remembers of the profiles it created, and their deletion.
+    void forgetOwn(TechType techType, int profileId);
+    bool isOwn(TechType techType, int profileId) const;
+    // Deletes a profile nobody holds from the modem; true when the modem deleted it.
+    bool reclaimProfile(TechType techType, int profileId);
+    // After a refresh: the own profiles it read, whose handles it expired, are deleted.
+    void reclaimExpired();
+    // Whether profile, just created by another's hand as far as the cache knows, is one of the
+    // creates that got no answer in time; that create is then forgotten.
+    bool takeLateCreate(const ModemProfile& profile);
     std::shared_ptr<ProfileKey> makeKey(const ModemProfile& profile, unsigned long long token);
     // The latest modem message's failure becomes the operation's outcome.
     void failedAtModem();
@@ -87,10 +111,20 @@ class ProfileCache {
     void noteRead(TechType techType, int profileId, bool read);
     void publishPicture();
 
+    const Options options;
     SendRequestFn sendRequest;
     VexWdsProxy vexWdsProxy;
+    // Guards profiles, pendingTransactions and the profiles' settings against dump on another
+    // thread; only the worker changes them, so the worker reads them without it.
+    std::mutex viewMutex;
     ProfileMap profiles;
     std::list<ProfileChangedInd> pendingTransactions;
+    // When each pending echo was expected, in step with pendingTransactions.
+    std::list<std::chrono::steady_clock::time_point> pendingSince;
+    // With reclaim: the non-persistent profiles this cache created that are still on the modem,
+    // and the creates that got no answer in time (the modem may have made them), newest last.
+    std::vector<ModemStatus::ProfileRef> ownProfiles;
+    std::list<std::shared_ptr<ModemProfile>> lateCreates;
     Outcome outcome;                              // of the operation being served
     std::vector<ModemStatus::ProfileRef> unread;  // listed or announced, but not read
     bool listFailed = false;                      // the latest refresh's list failed

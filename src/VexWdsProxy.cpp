@@ -101,12 +101,13 @@ std::string ProfileChangedInd::dump() const {
     return text;
 }
 
-VexWdsProxy::VexWdsProxy(EventManager& loop, int subscription)
+VexWdsProxy::VexWdsProxy(EventManager& loop, int subscription, const Options& switches)
     : eventManager(loop),
+      options(switches),
       subscriptionId(subscription),
       serviceObject(
           wds_get_service_object_internal_v01(kServiceMajor, kServiceMinor, kServiceTool)),
-      statusBoard(subscription) {
+      statusBoard(subscription, switches) {
     eventManager.addEventHandler(svcUpFd.get(), handleSvcUp, this, nullptr, EPOLLIN);
     eventManager.addEventHandler(errorFd.get(), handleError, this, nullptr, EPOLLIN);
     eventManager.addEventHandler(indFd.get(), handleIndication, this, nullptr, EPOLLIN);
@@ -196,9 +197,14 @@ void VexWdsProxy::onSvcUp() {
     vex_client_error_type rc =
         vex_client_init(&info, serviceObject, vexIndCb, this, &osParams, &client);
     if (rc != VEX_NO_ERR) {
-        // Without client and notifier the proxy stays disconnected from here on.
+        // Without client and notifier the proxy stays disconnected from here on, unless asked
+        // to wait for the service again. Each retry costs a connection attempt, bounded by the
+        // client library's connect bound.
         client = nullptr;
         KEL_LOG(Error, "vex_client_init error. ErrCode : %d", rc);
+        if (options.retryClientCreation) {
+            registerVexSvcUp();
+        }
         return;
     }
     rc = vex_client_register_error_cb(client, vexErrorCb, this);
@@ -328,6 +334,9 @@ void VexWdsProxy::drainIndications() {
                 // Deliberately stops here: the rest of the queue waits for the next wake. The
                 // undecodable entry itself is dropped.
                 KEL_LOG(Error, "Unable to decode the nr status ind message");
+                if (options.continueAfterMalformedIndication) {
+                    continue;
+                }
                 return;
             }
             if (ind.profile_changed_ind_valid == 0) {
@@ -408,6 +417,8 @@ std::list<std::shared_ptr<ModemProfile>> VexWdsProxy::getAllProfiles(
     if (client == nullptr) {
         return profiles;
     }
+    std::uint32_t timeouts = 0;  // reads in a row that got no answer
+    bool givenUp = false;
     // Both records are large; they live on this stack frame and are reused by the second pass.
     wds_get_profile_list_req_msg_v01 req{};
     wds_get_profile_list_resp_msg_v01 resp{};
@@ -428,10 +439,13 @@ std::list<std::shared_ptr<ModemProfile>> VexWdsProxy::getAllProfiles(
         for (std::uint32_t i = 0; i < count; ++i) {
             const wds_profile_info_type_v01& entry = resp.profile_list[i];
             const TechType techType = convertProfileType(entry.profile_type);
-            profiles.push_back(get(techType, entry.profile_index));
+            profiles.push_back(givenUp ? nullptr : get(techType, entry.profile_index));
             if (!profiles.back() && unread != nullptr) {
                 unread->push_back({techType, entry.profile_index});
             }
+            // Once given up, the lists are still asked for (one message each), so the picture
+            // names every profile it lacks.
+            givenUp = givenUp || tooManyTimeouts(profiles.back() != nullptr, timeouts);
         }
     }
     if (listsRead != nullptr) {
@@ -443,6 +457,7 @@ std::list<std::shared_ptr<ModemProfile>> VexWdsProxy::getAllProfiles(
 bool VexWdsProxy::countOutcome(unsigned int msgId, vex_client_error_type rc, bool resultSuccess,
                                std::int32_t modemError) {
     const bool ok = rc == VEX_NO_ERR && resultSuccess;
+    lastTimedOut = rc == VEX_ERR_TIMEOUT;
     if (ok) {
         return true;
     }
@@ -460,6 +475,16 @@ bool VexWdsProxy::countOutcome(unsigned int msgId, vex_client_error_type rc, boo
         failure.messageId = 0;
     }
     return false;
+}
+
+bool VexWdsProxy::tooManyTimeouts(bool read, std::uint32_t& timeouts) {
+    timeouts = !read && lastTimedOut ? timeouts + 1 : 0;
+    if (options.refreshGiveUpAfterTimeouts == 0 || timeouts < options.refreshGiveUpAfterTimeouts) {
+        return false;
+    }
+    KEL_LOG(Error, "VexWdsProxy: %u reads in a row got no answer, the refresh reads no more",
+            timeouts);
+    return true;
 }
 
 Outcome VexWdsProxy::takeFailure() {

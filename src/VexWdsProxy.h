@@ -21,6 +21,7 @@
 #include "EventManager.h"
 #include "ModemProfile.h"
 #include "ModemStatusBoard.h"
+#include "kel/Options.h"
 #include "kel/Outcome.h"
 #include "kel/ProfileParams.h"
 #include "vex/vex_client.h"
@@ -64,7 +65,7 @@ class VexWdsProxy {
 
     // Registers the three eventfds with eventManager (which must outlive the proxy) and arms
     // the service-up notifier.
-    VexWdsProxy(EventManager& eventManager, int subscriptionId);
+    VexWdsProxy(EventManager& eventManager, int subscriptionId, const Options& options = Options());
     ~VexWdsProxy();
     VexWdsProxy(const VexWdsProxy&) = delete;
     VexWdsProxy& operator=(const VexWdsProxy&) = delete;
@@ -121,9 +122,14 @@ class VexWdsProxy {
     bool countOutcome(unsigned int msgId, vex_client_error_type rc, bool resultSuccess,
                       std::int32_t modemError);
 
+    // Counts a read that got no answer in timeouts (a read that did resets it); true once the
+    // refresh is to give up its reads.
+    bool tooManyTimeouts(bool read, std::uint32_t& timeouts);
+
     static constexpr unsigned int kTimeoutMs = 1000;
 
     EventManager& eventManager;  // the worker's loop; outlives the proxy
+    const Options options;
     const int subscriptionId;
     const vex_idl_service_object_type serviceObject;  // null: the proxy never connects
     vex_client_type client = nullptr;                 // worker thread only
@@ -136,7 +142,8 @@ class VexWdsProxy {
     EventFd indFd;
     ProfileChangedIndCb profileChangedIndCb;
     ModemStatusBoard statusBoard;
-    Outcome failure;  // worker thread only; the latest failed message since takeFailure
+    Outcome failure;            // worker thread only; the latest failed message since takeFailure
+    bool lastTimedOut = false;  // worker thread only; the latest message got no answer in time
 };
 
 }  // namespace kel

@@ -35,8 +35,9 @@ class KEL_EXPORT IProfileKey : public std::enable_shared_from_this<IProfileKey> 
     // re-read the modem, or the pipeline was torn down) while this handle is still held. The
     // callback runs on the library's worker thread: it must not call into Manager or drop the last
     // copy of a handle; such calls are refused with an Error line and fail (Manager::init does
-    // nothing). Reading Manager::getModemStatus is allowed. Call on a client thread; blocks until
-    // the library has taken the registration.
+    // nothing). Reading Manager::getModemStatus and Manager::dump is allowed. What the callback
+    // throws is caught and logged at Error; the other listeners still run. Call on a client
+    // thread; blocks until the library has taken the registration.
     virtual void registerExpirationListener(std::function<void()> callback) = 0;
     // "3GPP:3 token=12".
     virtual std::string dump() = 0;

@@ -18,7 +18,8 @@
 // after a failed bind or registration (neither is retried), calls fail or act on an empty cache,
 // and after a failed bind they reach the modem's default subscription instead: a profile added
 // then lands there. getModemStatus shows how far the link got; waitForModem waits until it is
-// usable.
+// usable. The switches of kel/Options.h, given to init, cure such hazards (failFastWhileUnbound,
+// retryClientCreation and others); all are off unless given.
 //
 // Teardown. Destroying a Manager, calling init again, or the process exiting (for the
 // process-wide instance) while other threads are inside calls or dropping handles is safe: a
@@ -46,6 +47,7 @@
 #include "kel/ClientRequest.h"
 #include "kel/IProfileKey.h"
 #include "kel/ModemStatus.h"
+#include "kel/Options.h"
 #include "kel/Outcome.h"
 #include "kel/ProfileParams.h"
 
@@ -69,6 +71,9 @@ class KEL_EXPORT Manager {
     // before the old one is torn down. Refused (with an Error line) on the worker thread and
     // while the Manager is being destroyed.
     void init(int subscriptionId, bool useAdbLog);
+    // The same, with the switches of options (kel/Options.h) in force for the new pipeline;
+    // init without them is init with every switch off.
+    void init(int subscriptionId, bool useAdbLog, const Options& options);
 
     // The new profile's handle; empty when the modem refused it or a refresh is in progress.
     // The request's own status is not consulted: the empty handle is the only sign of failure.
@@ -92,8 +97,9 @@ class KEL_EXPORT Manager {
     // to delete, so a non-persistent profile the library added stays on the modem when its old
     // handles are dropped.
     void refresh(PDCRefreshStatus status);
-    // The cache, an empty line, "Logs:", then the log history. Reads the cache without waiting
-    // for the worker: call it between other calls.
+    // The cache, an empty line, "Logs:", then the log history; when a switch of Options is on,
+    // the line "Options: " with Options::dump comes right before the empty line. Any thread, at any
+    // time, an expiration listener included: it never sees the cache half changed.
     std::vector<std::string> dump();
 
     // How this thread's latest addProfile, modifyProfile, deleteProfile, filter, getProfile,

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "kel/Options.h"
 #include "kel/ProfileParams.h"
 
 #ifndef KEL_EXPORT
@@ -62,6 +63,9 @@ struct KEL_EXPORT ModemStatus {
     // modem going down adds one.
     std::uint64_t connections = 0;
 
+    // The switches given to Manager::init.
+    Options options;
+
     // Usable: connected, bound, registered and cacheLoaded.
     bool isReady() const { return connected && bound && registered && cacheLoaded; }
     // The library's picture of the modem is whole: ready, every profile list read and every
@@ -71,7 +75,8 @@ struct KEL_EXPORT ModemStatus {
     bool isBroken() const { return connected && (!bound || !registered); }
 
     // One line: "SubscriptionId=0,Connected=true,...,Connections=1,ListFailed=false,Unread=,";
-    // unread profiles as "3GPP:4;3GPP2:1;".
+    // unread profiles as "3GPP:4;3GPP2:1;". When a switch is on, "Options=" follows with
+    // Options::dump, its commas written as semicolons.
     std::string dump() const;
 };
 

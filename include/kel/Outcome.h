@@ -13,7 +13,9 @@
 //   NotBound           the modem did not bind the link to the subscription;
 //   RefreshInProgress  refused between refresh(Started) and refresh(Completed);
 //   NotInitialized     no pipeline: before init, while it is torn down, or on the worker thread;
-//   InvalidArguments   an empty, foreign or expired handle, or parameters the library cannot use.
+//   InvalidArguments   an empty, foreign or expired handle, or parameters the library cannot use;
+//   Failed             the library failed while serving the call (out of memory, or a client's
+//                      own code that it ran threw); the library goes on with the next call.
 //
 // Whatever the outcome, the library's cache follows the modem's echoes: a change made by a call
 // that ended NoAnswer (or NoLink) reaches the cache when the modem announces it, as any other
@@ -48,6 +50,7 @@ struct KEL_EXPORT Outcome {
         RefreshInProgress = 5,
         NotInitialized = 6,
         InvalidArguments = 7,
+        Failed = 8,
     };
 
     Kind kind = Kind::Done;
@@ -62,7 +65,8 @@ struct KEL_EXPORT Outcome {
     bool unknown() const { return kind == Kind::NoAnswer; }
 
     // The kind in words: "done", "refused by the modem", "no answer in time", "no modem link",
-    // "not bound", "refresh in progress", "not initialised", "invalid arguments".
+    // "not bound", "refresh in progress", "not initialised", "invalid arguments", "failed in the
+    // library".
     static const char* name(Kind kind);
     // One line: "refused by the modem: message 0x28, error 0x0003"; "done".
     std::string dump() const;

@@ -307,6 +307,7 @@ struct SimModem::Impl {
     std::vector<Notice> notices;
     bool readyOnRegister;
     int failCount = 0;
+    int loseCount = 0;  // profile-changed notices still to be lost
     std::optional<unsigned int> failMsgId;
     int failError = VEX_ERR_INTERNAL_V01;
     std::chrono::milliseconds delay{0};
@@ -428,6 +429,10 @@ void SimModem::Impl::deliverNotices() {
     std::vector<Notice> pending;
     pending.swap(notices);
     for (const Notice& notice : pending) {
+        if (loseCount > 0) {
+            --loseCount;
+            continue;
+        }
         auto payload = vexwire::encodeProfileChanged(
             static_cast<uint8_t>(notice.type), notice.index, static_cast<uint32_t>(notice.event));
         for (auto& entry : connections) {
@@ -1027,6 +1032,11 @@ void SimModem::failNext(int count, std::optional<unsigned int> msgId, int error)
     impl->failError = error;
 }
 
+void SimModem::loseNextIndications(int count) {
+    std::lock_guard<std::mutex> lock(impl->mu);
+    impl->loseCount = std::max(count, 0);
+}
+
 void SimModem::setResponseDelay(std::chrono::milliseconds delay,
                                 std::optional<unsigned int> msgId) {
     std::lock_guard<std::mutex> lock(impl->mu);
@@ -1127,6 +1137,11 @@ void SimModem::sendMalformedIndication(int subscription) {
     std::vector<uint8_t> payload = {WDS_PROFILE_CHANGED_IND_TLV_V01, 0x20, 0x00, 0x00, 0x01};
     std::lock_guard<std::mutex> lock(impl->mu);
     impl->broadcastRaw(subscription, VEX_WDS_PROFILE_CHANGED_IND_V01, payload);
+}
+
+void SimModem::sendEmptyIndication(int subscription) {
+    std::lock_guard<std::mutex> lock(impl->mu);
+    impl->broadcastRaw(subscription, VEX_WDS_PROFILE_CHANGED_IND_V01, {});
 }
 
 void SimModem::sendIndicationBurst(int subscription, int count) {

@@ -92,12 +92,14 @@ TEST_F(LateAnswerSimModemTest, ALateDeleteLandsInTheCache) {
     EXPECT_FALSE(only("ims"));
 }
 
-// A link that could not register hears no echoes, so the changes made on it expect none that a
-// later link would then take for theirs.
-TEST_F(LateAnswerSimModemTest, ChangesOnALinkWithoutEchoesDoNotSwallowALaterOnesEchoes) {
+// A link that could not register hears no echoes, so with echoes expiring the changes made on it
+// expect none that a later link would then take for theirs.
+TEST_F(LateAnswerSimModemTest, WithEchoExpiryALostLinksChangesDoNotSwallowALaterOnesEchoes) {
     const int previous = newestClientId();
     modem->failNext(1, VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01);
-    manager.init(0, true);
+    kel::Options options;
+    options.echoExpiryMs = 60000;  // far beyond the test: only the lost link may forget them
+    manager.init(0, true, options);
     ASSERT_TRUE(modem->waitUntil(
         [&] { return libraryClient() && libraryClient()->id > previous && served() >= 3; },
         kTimeout));

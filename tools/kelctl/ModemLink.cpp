@@ -113,7 +113,10 @@ bool ModemLink::open(const GlobalOptions& options, std::string* error) {
         }
     }
     // The library finds the modem through VEX_SERVICE_DIR, so it is set before the first call.
-    kel::Manager::getInstance().init(options.subscription, true);
+    // kelctl acts on a real modem's table: every cure is on unless --reference asks for the
+    // library's default behaviour.
+    kel::Manager::getInstance().init(options.subscription, true,
+                                     options.reference ? kel::Options() : kel::Options::safe());
     return waitReady(options, error);
 }
 

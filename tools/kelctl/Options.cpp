@@ -351,6 +351,12 @@ const std::vector<OptionSpec>& optionTable() {
              g->showSecrets = true;
              return true;
          }},
+        {"--reference", nullptr, kGlobal,
+         "run the library with its safe-mode switches off, as it behaves by default",
+         [](const std::string&, Args&, GlobalOptions* g, std::string*) {
+             g->reference = true;
+             return true;
+         }},
         {"--version", nullptr, kGlobal, "print kelctl's and the library's version",
          [](const std::string&, Args&, GlobalOptions* g, std::string*) {
              g->version = true;

@@ -85,6 +85,9 @@ struct GlobalOptions {
     bool truncate = false;
     bool help = false;
     bool version = false;
+    // Run the library with every switch of kel::Options off, exactly as its reference behaviour;
+    // by default kelctl turns them all on (kel::Options::safe()).
+    bool reference = false;
 };
 
 // Parses the words after a command name for a command that takes `groups`, the way getopt_long

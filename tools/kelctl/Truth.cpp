@@ -130,6 +130,8 @@ std::string outcomeText(const kel::Outcome& outcome) {
             return "the library is not running";
         case kel::Outcome::Kind::InvalidArguments:
             return "the library no longer knows that profile";
+        case kel::Outcome::Kind::Failed:
+            return "the library failed to serve it";
     }
     return kel::Outcome::name(outcome.kind);
 }

@@ -10,7 +10,7 @@ _kelctl() {
     local commands="list dump get add modify delete filter match refresh data-call emergency
         attach match-attach-id apply-classes apply-types carrier run shell help"
     local global="--modem --embedded --seed --state --sub --timeout --json --show-secrets
-        --truncate --verbose --version --help"
+        --truncate --reference --verbose --version --help"
     local settings="--apn --ip --roam-ip --types --auth --user --password --class --clat
         --emergency-calls --disabled --max-conns --max-conns-time --wait-time"
 

@@ -90,6 +90,9 @@ class SimModem {
     // Every response (only to msgId, when given) is held back this long; zero turns it off.
     void setResponseDelay(std::chrono::milliseconds delay,
                           std::optional<unsigned int> msgId = std::nullopt);
+    // The next count profile-changed notices (about a profile or not) reach no client, as if
+    // lost on the way.
+    void loseNextIndications(int count);
     // Closes a client's connection as a crashing modem link would.
     bool dropClient(int clientId);
     // Toggles Config::profilesReadyOnRegister at run time.
@@ -108,6 +111,8 @@ class SimModem {
     // Indications that test a client's robustness.
     void sendUnknownIndication(int subscription, unsigned int msgId);
     void sendMalformedIndication(int subscription);
+    // A profile-changed indication without a byte of content, which a client rejects on arrival.
+    void sendEmptyIndication(int subscription);
     // count profile-changed indications (modify events of existing profiles) back to back.
     void sendIndicationBurst(int subscription, int count);
 

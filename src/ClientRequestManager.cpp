@@ -84,7 +84,7 @@ void RequestLink::awaitLeases() {
     idle.wait(lock, [this] { return leases == 0; });
 }
 
-ClientRequestManager::ClientRequestManager(int subscriptionId)
+ClientRequestManager::ClientRequestManager(int subscriptionId, ChangeNotifier* notifier)
     : link(std::make_shared<RequestLink>(this)),
       profileCache(eventManager, subscriptionId,
                    [sendLink = link](std::shared_ptr<ClientRequest> request) {
@@ -95,6 +95,7 @@ ClientRequestManager::ClientRequestManager(int subscriptionId)
     // threads at once. The flag is raised here, not by the worker, so that a destructor that
     // runs before the worker got going cannot be undone by it.
     eventManager.addEventHandler(requestEventFd.get(), handleClientRequest, this, nullptr, EPOLLIN);
+    profileCache.setNotifier(notifier);
     isRunning = true;
     kelThread = std::thread(&ClientRequestManager::runKelThread, this);
 }

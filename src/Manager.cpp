@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "ChangeNotifier.h"
 #include "ClientRequestManager.h"
 #include "LocalLogBuffer.h"
 #include "kel/ClientResponse.h"
@@ -111,7 +112,7 @@ class Manager::Call {
     RequestLink::Lease lease;
 };
 
-Manager::Manager() {
+Manager::Manager() : notifier(std::make_unique<ChangeNotifier>()) {
     KEL_LOG(Debug, "kel::Manager: constructor");
 }
 
@@ -159,7 +160,7 @@ void Manager::init(int subscriptionId, bool useAdbLog) {
     installLogWriter(useAdbLog);
     KEL_LOG(History, "Manager::init(%d)", subscriptionId);
     // The new pipeline is up before the old one is torn down; the brief overlap is deliberate.
-    auto fresh = std::make_unique<ClientRequestManager>(subscriptionId);
+    auto fresh = std::make_unique<ClientRequestManager>(subscriptionId, notifier.get());
     std::unique_ptr<ClientRequestManager> previous;
     {
         std::lock_guard<std::mutex> lock(pipelineMutex);
@@ -294,6 +295,14 @@ std::optional<ModemStatus> Manager::getModemStatus() {
     ModemStatus status = call.pipeline().getModemStatus();
     KEL_LOG(History, "Manager::getModemStatus < %s", status.dump().c_str());
     return status;
+}
+
+bool Manager::addObserver(std::shared_ptr<ModemObserver> observer) {
+    return notifier->add(std::move(observer));
+}
+
+bool Manager::removeObserver(const std::shared_ptr<ModemObserver>& observer) {
+    return notifier->remove(observer);
 }
 
 bool Manager::waitForModem(std::chrono::milliseconds timeout) {

@@ -98,6 +98,11 @@ std::shared_ptr<ProfileKey> ProfileCache::add(AddProfileParams& params) {
     expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Create);
     expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify);
     KEL_LOG(History, "Added: %s", profile->dump().c_str());
+    if (watched()) {
+        tellProfile(ModemEvent::Kind::ProfileAdded, ModemEvent::Origin::ThisProcess,
+                    profile->getTechType(), profile->getProfileId(), std::nullopt,
+                    stateOf(profile));
+    }
     return makeKey(*profile, token);
 }
 
@@ -127,8 +132,14 @@ bool ProfileCache::modify(ModifyProfileParams& params, std::shared_ptr<ProfileKe
         failedAtModem();
         return true;
     }
+    std::optional<ProfileState> before = watched() ? stateOf(profile) : std::nullopt;
     profile->apply(diff);
     KEL_LOG(History, "Diff: %s", diff->dump().c_str());
+    if (before) {
+        tellProfile(ModemEvent::Kind::ProfileChanged, ModemEvent::Origin::ThisProcess,
+                    profile->getTechType(), profile->getProfileId(), std::move(before),
+                    stateOf(profile));
+    }
     expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify);
     return true;
 }
@@ -155,9 +166,14 @@ bool ProfileCache::remove(std::shared_ptr<ProfileKey> key) {
         techType = it->second->getTechType();
         profileId = it->second->getProfileId();
     }
+    std::optional<ProfileState> before = watched() ? stateOf(it->second) : std::nullopt;
     // An explicit remove ignores counts and persistence: every handle to the profile expires.
     profiles.erase(it);
     expect(techType, profileId, ProfileChangedEvent::Delete);
+    if (watched()) {
+        tellProfile(ModemEvent::Kind::ProfileDeleted, ModemEvent::Origin::ThisProcess, techType,
+                    profileId, std::move(before), std::nullopt);
+    }
     return true;
 }
 
@@ -236,6 +252,11 @@ bool ProfileCache::releaseProfile(unsigned long long token) {
         KEL_LOG(History, "Released profile %d", profile->getProfileId());
         expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Delete);
         profiles.erase(it);
+        if (watched()) {
+            tellProfile(ModemEvent::Kind::ProfileDeleted, ModemEvent::Origin::ThisProcess,
+                        profile->getTechType(), profile->getProfileId(), stateOf(profile),
+                        std::nullopt);
+        }
         return true;
     }
     // The text says "non-persistent" for what is the persistent case; log readers match on it,
@@ -250,6 +271,9 @@ void ProfileCache::expireAll() {
 }
 
 bool ProfileCache::refresh() {
+    if (watched()) {
+        tell(ModemEvent::Kind::RefreshStarted);
+    }
     // Not loaded while the read runs, nor after a read that failed.
     getStatusBoard().setCacheLoaded(false);
     // Every handle issued so far expires here; pending echoes are kept.
@@ -269,6 +293,9 @@ bool ProfileCache::refresh() {
     KEL_LOG(History, "Refreshed Profiles:");
     for (const auto& [token, profile] : profiles) {
         KEL_LOG(History, "%s", profile ? profile->dump().c_str() : "null");
+    }
+    if (watched()) {
+        tellRefreshed();
     }
     getStatusBoard().setCacheLoaded(listsRead);
     return true;
@@ -295,22 +322,53 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
             const unsigned long long token = generateToken();
             auto [entry, inserted] =
                 profiles.emplace(token, vexWdsProxy.get(ind.techType, ind.profileId));
+            if (watched()) {
+                tellProfile(ModemEvent::Kind::ProfileAdded, ModemEvent::Origin::Elsewhere,
+                            ind.techType, ind.profileId, std::nullopt, stateOf(entry->second));
+            }
             noteRead(ind.techType, ind.profileId, inserted && entry->second != nullptr);
             return;
         }
-        case ProfileChangedEvent::Delete:
+        case ProfileChangedEvent::Delete: {
+            std::optional<ProfileState> before;
             for (auto it = profiles.begin(); it != profiles.end();) {
+                if (matches(it->second) && watched() && !before) {
+                    before = stateOf(it->second);
+                }
                 it = matches(it->second) ? profiles.erase(it) : std::next(it);
+            }
+            if (watched()) {
+                tellProfile(ModemEvent::Kind::ProfileDeleted, ModemEvent::Origin::Elsewhere,
+                            ind.techType, ind.profileId, std::move(before), std::nullopt);
             }
             noteRead(ind.techType, ind.profileId, true);
             return;
+        }
         case ProfileChangedEvent::Modify: {
             // The token stays, so handles stay valid; the old object (and its listeners) goes.
             bool read = true;
+            std::optional<ProfileState> before;
+            std::shared_ptr<ModemProfile> after;
+            bool found = false;
             for (auto& [token, profile] : profiles) {
                 if (matches(profile)) {
+                    if (!found && watched()) {
+                        before = stateOf(profile);
+                    }
                     profile = vexWdsProxy.get(ind.techType, ind.profileId);
                     read = read && profile != nullptr;
+                    after = found ? after : profile;
+                    found = true;
+                }
+            }
+            // An announcement that changed nothing the library holds (the modify that follows
+            // every create) is not a change of the picture.
+            if (found && watched()) {
+                std::optional<ProfileState> now = stateOf(after);
+                if (before.has_value() != now.has_value() ||
+                    (before && !ModemEvent::diff(*before, *now).empty())) {
+                    tellProfile(ModemEvent::Kind::ProfileChanged, ModemEvent::Origin::Elsewhere,
+                                ind.techType, ind.profileId, std::move(before), std::move(now));
                 }
             }
             noteRead(ind.techType, ind.profileId, read);
@@ -348,6 +406,66 @@ void ProfileCache::noteRead(TechType techType, int profileId, bool read) {
 
 void ProfileCache::publishPicture() {
     getStatusBoard().setPicture(listFailed, unread);
+    const bool holes = listFailed || !unread.empty();
+    if (holes == pictureHasHoles) {
+        return;
+    }
+    pictureHasHoles = holes;
+    if (watched()) {
+        ModemEvent event =
+            makeEvent(holes ? ModemEvent::Kind::PictureIncomplete : ModemEvent::Kind::PictureWhole);
+        event.listFailed = listFailed;
+        event.unread = unread;
+        notifier->post(std::move(event));
+    }
+}
+
+void ProfileCache::setNotifier(ChangeNotifier* changeNotifier) {
+    notifier = changeNotifier;
+    getStatusBoard().setNotifier(changeNotifier);
+}
+
+std::optional<ProfileState> ProfileCache::stateOf(
+    const std::shared_ptr<ModemProfile>& profile) const {
+    if (!profile) {
+        return std::nullopt;
+    }
+    return ChangeNotifier::stateOf(*profile);
+}
+
+void ProfileCache::tellProfile(ModemEvent::Kind kind, ModemEvent::Origin origin, TechType techType,
+                               int profileId, std::optional<ProfileState> before,
+                               std::optional<ProfileState> after) {
+    ModemEvent event = makeEvent(kind);
+    event.origin = origin;
+    event.techType = techType;
+    event.profileId = profileId;
+    if (before && after) {
+        event.changes = ModemEvent::diff(*before, *after);
+    }
+    event.before = std::move(before);
+    event.after = std::move(after);
+    notifier->post(std::move(event));
+}
+
+void ProfileCache::tell(ModemEvent::Kind kind) {
+    notifier->post(makeEvent(kind));
+}
+
+void ProfileCache::tellRefreshed() {
+    ModemEvent event = makeEvent(ModemEvent::Kind::RefreshCompleted);
+    for (const auto& [token, profile] : profiles) {
+        if (profile) {
+            event.profiles.push_back(ChangeNotifier::stateOf(*profile));
+        }
+    }
+    std::sort(event.profiles.begin(), event.profiles.end(),
+              [](const ProfileState& a, const ProfileState& b) {
+                  return std::make_pair(a.techType, a.profileId) <
+                         std::make_pair(b.techType, b.profileId);
+              });
+    event.count = event.profiles.size();
+    notifier->post(std::move(event));
 }
 
 std::vector<std::string> ProfileCache::dump() {

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "ChangeNotifier.h"
 #include "EventManager.h"
 #include "ModemProfile.h"
 #include "ProfileKey.h"
@@ -65,6 +66,10 @@ class ProfileCache {
     // The modem link's status; unlike the cache itself, safe to use on any thread.
     ModemStatusBoard& getStatusBoard() { return vexWdsProxy.getStatusBoard(); }
 
+    // Where the cache's changes are told (borrowed; the Manager's, which outlives the cache). Set
+    // before the worker starts, with the status board's.
+    void setNotifier(ChangeNotifier* changeNotifier);
+
     // Tokens are process-wide and never reused; the first is 0.
     static unsigned long long generateToken();
 
@@ -83,6 +88,14 @@ class ProfileCache {
     // change.
     void noteRead(TechType techType, int profileId, bool read);
     void publishPicture();
+    // Tells the observers of a profile's change, when there are any.
+    bool watched() const { return notifier != nullptr && notifier->watched(); }
+    void tellProfile(ModemEvent::Kind kind, ModemEvent::Origin origin, TechType techType,
+                     int profileId, std::optional<ProfileState> before,
+                     std::optional<ProfileState> after);
+    void tell(ModemEvent::Kind kind);
+    void tellRefreshed();
+    std::optional<ProfileState> stateOf(const std::shared_ptr<ModemProfile>& profile) const;
 
     SendRequestFn sendRequest;
     VexWdsProxy vexWdsProxy;
@@ -91,6 +104,8 @@ class ProfileCache {
     Outcome outcome;                              // of the operation being served
     std::vector<ModemStatus::ProfileRef> unread;  // listed or announced, but not read
     bool listFailed = false;                      // the latest refresh's list failed
+    ChangeNotifier* notifier = nullptr;           // borrowed; see setNotifier
+    bool pictureHasHoles = false;                 // as last told to the observers
 };
 
 }  // namespace kel

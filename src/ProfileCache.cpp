@@ -278,6 +278,7 @@ bool ProfileCache::refresh() {
     getStatusBoard().setCacheLoaded(false);
     // Every handle issued so far expires here; pending echoes are kept.
     expireAll();
+    createdElsewhere.clear();
     bool listsRead = false;
     unread.clear();
     // A failure of one of the reads is what the refresh's caller is told, whatever came after.
@@ -325,6 +326,11 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
             if (watched()) {
                 tellProfile(ModemEvent::Kind::ProfileAdded, ModemEvent::Origin::Elsewhere,
                             ind.techType, ind.profileId, std::nullopt, stateOf(entry->second));
+                // The modem follows a create with a modify of the same profile.
+                if (createdElsewhere.size() == kMaxCreatedElsewhere) {
+                    createdElsewhere.pop_front();
+                }
+                createdElsewhere.push_back({ind.techType, ind.profileId});
             }
             noteRead(ind.techType, ind.profileId, inserted && entry->second != nullptr);
             return;
@@ -361,11 +367,12 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
                     found = true;
                 }
             }
-            // An announcement that changed nothing the library holds (the modify that follows
-            // every create) is not a change of the picture.
+            // Every announcement is told, so that none is missed when a quick series of changes
+            // is read only at its end; but the modify that follows a create is part of it.
             if (found && watched()) {
                 std::optional<ProfileState> now = stateOf(after);
-                if (before.has_value() != now.has_value() ||
+                const bool creation = followsCreate(ind.techType, ind.profileId);
+                if (!creation || before.has_value() != now.has_value() ||
                     (before && !ModemEvent::diff(*before, *now).empty())) {
                     tellProfile(ModemEvent::Kind::ProfileChanged, ModemEvent::Origin::Elsewhere,
                                 ind.techType, ind.profileId, std::move(before), std::move(now));
@@ -418,6 +425,16 @@ void ProfileCache::publishPicture() {
         event.unread = unread;
         notifier->post(std::move(event));
     }
+}
+
+bool ProfileCache::followsCreate(TechType techType, int profileId) {
+    const ModemStatus::ProfileRef ref{techType, profileId};
+    auto it = std::find(createdElsewhere.begin(), createdElsewhere.end(), ref);
+    if (it == createdElsewhere.end()) {
+        return false;
+    }
+    createdElsewhere.erase(it);
+    return true;
 }
 
 void ProfileCache::setNotifier(ChangeNotifier* changeNotifier) {

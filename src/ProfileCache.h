@@ -7,6 +7,7 @@
 #ifndef KEL_PROFILE_CACHE_H
 #define KEL_PROFILE_CACHE_H
 
+#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
@@ -95,6 +96,9 @@ class ProfileCache {
                      std::optional<ProfileState> after);
     void tell(ModemEvent::Kind kind);
     void tellRefreshed();
+    // Whether a modify announcement of the profile is the one that follows its creation by
+    // another client (forgotten once asked).
+    bool followsCreate(TechType techType, int profileId);
     std::optional<ProfileState> stateOf(const std::shared_ptr<ModemProfile>& profile) const;
 
     SendRequestFn sendRequest;
@@ -106,6 +110,9 @@ class ProfileCache {
     bool listFailed = false;                      // the latest refresh's list failed
     ChangeNotifier* notifier = nullptr;           // borrowed; see setNotifier
     bool pictureHasHoles = false;                 // as last told to the observers
+    // Created by others and not yet followed by the modem's modify; kept while watched only.
+    std::deque<ModemStatus::ProfileRef> createdElsewhere;
+    static constexpr std::size_t kMaxCreatedElsewhere = 64;
 };
 
 }  // namespace kel

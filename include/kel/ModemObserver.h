@@ -10,8 +10,10 @@
 // Order. Events reach every observer in the order the library's picture changed: for one profile
 // that is the modem's order; status changes come in the order they happened. A change this
 // process made is told when the library makes it (its origin is ThisProcess) and its echo from
-// the modem is not told again; a change by another client of the modem, or by the modem itself,
-// is told when its indication arrives (origin Elsewhere).
+// the modem is not told again. A change by another client of the modem, or by the modem itself,
+// is told once per announcement of the modem (origin Elsewhere), with the profile as the library
+// reads it then: when changes follow each other faster than the library reads, an event may
+// already show a later state, and the next one then shows nothing changed, but none is missed.
 //
 // A slow observer. Events wait in a bounded queue; the worker never waits for an observer. When
 // the queue is full, events are dropped and counted, and the observers are told once with a single
@@ -62,7 +64,7 @@ struct KEL_EXPORT SettingChange {
 struct KEL_EXPORT ModemEvent {
     enum class Kind : std::uint8_t {
         ProfileAdded = 0,       // after: the new profile (empty when it could not be read)
-        ProfileChanged = 1,     // before and after, and changes: what differs, in setting order
+        ProfileChanged = 1,     // before, after, and changes: what differs (maybe nothing)
         ProfileDeleted = 2,     // before: the profile as it was (empty when not cached)
         RefreshStarted = 3,     // the library drops its picture and re-reads the modem
         RefreshCompleted = 4,   // count: profiles read; profiles: the new picture

@@ -7,6 +7,7 @@
 
 #include "CarrierApply.h"
 #include "InputFile.h"
+#include "Monitor.h"
 #include "ValueNames.h"
 #include "kel/Manager.h"
 
@@ -701,6 +702,10 @@ const std::vector<CommandSpec>& commands() {
          kCarrier | kAllowUpdate, 1, 1, kChangesModem, cmdCarrier},
         {"drop", "NAME...", "release named handles", 0, 1, 64, kScriptOnly, cmdDrop},
         {"handles", "", "the named handles", 0, 0, 0, kScriptOnly, cmdHandles},
+        {"status", "", "the modem link: connected, bound, registered, cache loaded", 0, 0, 0, 0,
+         cmdOwnRun},
+        {"monitor", "", "follow the modem's profile and link changes as they happen", 0, 0, 0, 0,
+         cmdOwnRun},
     };
     return table;
 }

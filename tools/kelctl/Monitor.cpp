@@ -333,7 +333,8 @@ class Printer {
     bool line(std::chrono::system_clock::time_point when, Json document) {
         Json stamped = {{"time", timeText(when, true)}};
         stamped.update(document);
-        return write(jsonText(stamped));
+        // One line each, valid UTF-8 whatever the modem holds.
+        return write(stamped.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
     }
     bool write(const std::string& data) {
         std::size_t done = 0;

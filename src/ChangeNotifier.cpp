@@ -1,5 +1,8 @@
 #include "ChangeNotifier.h"
 
+#include <pthread.h>
+#include <sched.h>
+
 #include <algorithm>
 #include <functional>
 #include <utility>
@@ -203,6 +206,11 @@ void ChangeNotifier::post(ModemEvent event) {
             queue.push_back(lostEvent(std::exchange(lost, 0)));
         }
         queue.push_back(std::move(event));
+        // The notifier is woken by the first event of a batch and by a full batch; in between it
+        // lingers for more, so that a burst wakes it once per batch rather than once per event.
+        if (queue.size() != 1 && queue.size() != kBatch) {
+            return;
+        }
     }
     wake.notify_one();
 }
@@ -214,22 +222,35 @@ ModemEvent ChangeNotifier::lostEvent(std::uint64_t count) {
 }
 
 void ChangeNotifier::run() {
+    // Woken by the worker for every batch, the notifier must not preempt it: it runs while the
+    // worker waits for the modem. Best effort; the default policy serves as well, only slower.
+    sched_param unprioritised{};
+    pthread_setschedparam(pthread_self(), SCHED_BATCH, &unprioritised);
     std::unique_lock<std::mutex> lock(mutex);
     notifierId = std::this_thread::get_id();
     while (true) {
         wake.wait(lock, [this] { return stopping || !queue.empty() || lost > 0; });
+        wake.wait_for(lock, kLinger, [this] { return stopping || queue.size() >= kBatch; });
         if (stopping) {
             return;
         }
-        ModemEvent event;
+        std::deque<ModemEvent> batch;
         if (!queue.empty()) {
-            event = std::move(queue.front());
-            queue.pop_front();
+            // What waits is taken at once, so the queue holds at most its limit besides.
+            batch.swap(queue);
         } else {
             // The queue drained while events were being dropped: tell of them now.
-            event = lostEvent(std::exchange(lost, 0));
+            batch.push_back(lostEvent(std::exchange(lost, 0)));
         }
-        deliver(event, lock);
+        for (ModemEvent& event : batch) {
+            if (event.kind == ModemEvent::Kind::ProfileChanged && event.before && event.after) {
+                // Worked out here rather than on the worker, which must not wait for it.
+                lock.unlock();
+                event.changes = ModemEvent::diff(*event.before, *event.after);
+                lock.lock();
+            }
+            deliver(event, lock);
+        }
     }
 }
 

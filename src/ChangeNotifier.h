@@ -8,6 +8,7 @@
 #define KEL_CHANGE_NOTIFIER_H
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -34,6 +35,10 @@ inline ModemEvent makeEvent(ModemEvent::Kind kind) {
 class ChangeNotifier {
   public:
     static constexpr std::size_t kDefaultQueueLimit = 4096;
+    // Events are handed to the observers in batches of up to kBatch, at most kLinger after the
+    // first of a batch was posted.
+    static constexpr std::size_t kBatch = 256;
+    static constexpr std::chrono::milliseconds kLinger{2};
 
     explicit ChangeNotifier(std::size_t queueLimit = kDefaultQueueLimit);
     // Stops and joins the notifier thread; events still queued are dropped. Not on that thread.
@@ -51,7 +56,7 @@ class ChangeNotifier {
     // false are not delivered anyway, so a relaxed read suffices.
     bool watched() const { return watching.load(std::memory_order_relaxed); }
     // Queues event for the observers, or counts it as lost when the queue is full. Never blocks
-    // for an observer.
+    // for an observer. The changes of a ProfileChanged event are worked out by the notifier.
     void post(ModemEvent event);
 
     // The picture's view of one cached profile.

@@ -457,9 +457,6 @@ void ProfileCache::tellProfile(ModemEvent::Kind kind, ModemEvent::Origin origin,
     event.origin = origin;
     event.techType = techType;
     event.profileId = profileId;
-    if (before && after) {
-        event.changes = ModemEvent::diff(*before, *after);
-    }
     event.before = std::move(before);
     event.after = std::move(after);
     notifier->post(std::move(event));

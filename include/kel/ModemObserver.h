@@ -5,7 +5,8 @@
 // Thread. Observers are called on one thread the library owns for them, the notifier thread,
 // never on a client's thread nor on the library's worker. From there an observer may call every
 // Manager method (a profile's read, a filter, even removeObserver of itself) and drop handles; it
-// must not destroy the Manager.
+// must not destroy the Manager. Events are handed over in batches: an observer hears of a change
+// a few milliseconds after it happened at most, later only when observers are slow.
 //
 // Order. Events reach every observer in the order the library's picture changed: for one profile
 // that is the modem's order; status changes come in the order they happened. A change this

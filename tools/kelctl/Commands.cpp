@@ -223,6 +223,14 @@ Json changesJson(const std::vector<SettingChange>& changes) {
     return json;
 }
 
+}  // namespace
+
+Json settingChangesJson(const std::vector<SettingChange>& changes) {
+    return changesJson(changes);
+}
+
+namespace {
+
 // What an apply command did to the modem's profiles, as text and as JSON.
 struct ProfileChanges {
     std::string text;

@@ -282,18 +282,6 @@ std::vector<SettingChange> changesOf(const kel::ModemEvent& event) {
     return changes;
 }
 
-Json changesJson(const std::vector<SettingChange>& changes) {
-    Json json = Json::object();
-    auto value = [](const std::string& key, const std::string& text) {
-        return text == "-" ? Json(nullptr) : Json(shownChange(key, text));
-    };
-    for (const auto& change : changes) {
-        json[change.setting] = {{"from", value(change.setting, change.from)},
-                                {"to", value(change.setting, change.to)}};
-    }
-    return json;
-}
-
 const char* originText(kel::ModemEvent::Origin origin) {
     return origin == kel::ModemEvent::Origin::ThisProcess ? "this process" : "another client";
 }
@@ -364,7 +352,7 @@ bool Printer::profileEvent(const kel::ModemEvent& event) {
         Json document = {
             {"event", kel::ModemEvent::name(event.kind)}, {"profile", name}, {"origin", origin}};
         if (event.kind == Kind::ProfileChanged) {
-            document["changes"] = changesJson(changes);
+            document["changes"] = settingChangesJson(changes);
         }
         const auto& state = event.kind == Kind::ProfileDeleted ? event.before : event.after;
         document["settings"] = state ? profileJson(rowOf(*state)) : Json(nullptr);

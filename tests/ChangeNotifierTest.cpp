@@ -76,10 +76,15 @@ TEST(ChangeNotifierTest, ASlowObserverLosesTheOverflowAndIsToldOnceHowMany) {
     auto recorder = std::make_shared<Recorder>();
     Gate inFirstCall;
     Gate release;
+    Gate inSecondCall;
+    Gate releaseSecond;
     recorder->onEvent = [&](const ModemEvent& event) {
         if (event.profileId == 0) {
             inFirstCall.open();
             release.wait();
+        } else if (event.profileId == 1) {
+            inSecondCall.open();
+            releaseSecond.wait();
         }
     };
     ASSERT_TRUE(notifier.add(recorder));
@@ -91,8 +96,10 @@ TEST(ChangeNotifierTest, ASlowObserverLosesTheOverflowAndIsToldOnceHowMany) {
         notifier.post(numbered(sequence));
     }
     release.open();
-    ASSERT_TRUE(recorder->waitForCount(6));
+    // The queue is taken whole: with room again, the next event is preceded by the count.
+    ASSERT_TRUE(inSecondCall.wait());
     notifier.post(numbered(21));
+    releaseSecond.open();
     ASSERT_TRUE(recorder->waitForCount(7));
 
     const std::vector<ModemEvent> events = recorder->taken();
@@ -126,6 +133,11 @@ TEST(ChangeNotifierTest, RemovalReturnsOnlyOnceTheCallInProgressHasEnded) {
         EXPECT_TRUE(notifier.remove(recorder));
         endedWhenRemoved = callEnded;
     });
+    // Released once the remover has unregistered the observer, and so waits for the call.
+    const auto deadline = std::chrono::steady_clock::now() + kTimeout;
+    while (notifier.watched() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::yield();
+    }
     release.open();
     remover.join();
 

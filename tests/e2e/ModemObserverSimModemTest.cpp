@@ -177,6 +177,7 @@ TEST_F(ModemObserverSimModemTest, ARefreshIsToldWithEveryProfileRead) {
     manager.refresh(kel::PDCRefreshStatus::Completed);
 
     const std::vector<ModemEvent> events = recorder->untilKind(Kind::RefreshCompleted);
+    ASSERT_FALSE(events.empty());
     EXPECT_EQ(events.front().kind, Kind::RefreshStarted);
     const ModemEvent& completed = events.back();
     EXPECT_EQ(completed.count, 5u);
@@ -191,6 +192,7 @@ TEST_F(ModemObserverSimModemTest, AnUnreadProfileMakesThePictureIncompleteUntilI
     const auto index = modem->createProfile(0, k3gpp, apnSettings("flaky.example"), true);
     ASSERT_TRUE(index);
     std::vector<ModemEvent> events = recorder->untilKind(Kind::PictureIncomplete);
+    ASSERT_FALSE(events.empty());
     EXPECT_EQ(events.back().unread,
               (std::vector<kel::ModemStatus::ProfileRef>{{kel::TechType::TYPE_3GPP, *index}}));
     const std::vector<ModemEvent> added = about(events, kel::TechType::TYPE_3GPP, *index);
@@ -200,6 +202,7 @@ TEST_F(ModemObserverSimModemTest, AnUnreadProfileMakesThePictureIncompleteUntilI
     // The modem announcing it again mends the hole.
     ASSERT_TRUE(modem->modifyProfile(0, k3gpp, *index, apnSettings("steady.example")));
     events = recorder->untilKind(Kind::PictureWhole);
+    ASSERT_FALSE(events.empty());
     EXPECT_TRUE(events.back().unread.empty());
     const std::vector<Kind> kinds = kindsOf(events);
     EXPECT_EQ(std::count(kinds.begin(), kinds.end(), Kind::PictureIncomplete), 1);
@@ -209,6 +212,7 @@ TEST_F(ModemObserverSimModemTest, TheLinkGoingDownAndComingBackIsToldWithOldAndN
     const int before = newestClientId();
     modem->stop();
     std::vector<ModemEvent> events = recorder->untilKind(Kind::StatusChanged);
+    ASSERT_FALSE(events.empty());
     EXPECT_TRUE(events.back().oldStatus.isReady());
     EXPECT_FALSE(events.back().newStatus.connected);
     recorder->clear();
@@ -219,6 +223,7 @@ TEST_F(ModemObserverSimModemTest, TheLinkGoingDownAndComingBackIsToldWithOldAndN
     events = recorder->until([](const ModemEvent& event) {
         return event.kind == Kind::StatusChanged && event.newStatus.isReady();
     });
+    ASSERT_EQ(events.size(), 4u);
     // Up (not loaded), the re-read, then loaded.
     EXPECT_EQ(kindsOf(events), (std::vector<Kind>{Kind::StatusChanged, Kind::RefreshStarted,
                                                   Kind::RefreshCompleted, Kind::StatusChanged}));

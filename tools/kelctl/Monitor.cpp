@@ -149,11 +149,15 @@ std::vector<StatusLine> statusLines(const kel::ModemStatus& status, const Global
     };
 }
 
-Json statusJson(const kel::ModemStatus& status) {
-    Json unread = Json::array();
-    for (const auto& ref : status.unreadProfiles) {
-        unread.push_back(profileName(ref.techType, ref.profileId));
+Json unreadJson(const std::vector<kel::ModemStatus::ProfileRef>& unread) {
+    Json names = Json::array();
+    for (const auto& ref : unread) {
+        names.push_back(profileName(ref.techType, ref.profileId));
     }
+    return names;
+}
+
+Json statusJson(const kel::ModemStatus& status) {
     return {{"subscription", status.subscriptionId},
             {"ready", status.isReady()},
             {"connected", status.connected},
@@ -162,7 +166,7 @@ Json statusJson(const kel::ModemStatus& status) {
             {"cacheLoaded", status.cacheLoaded},
             {"complete", status.isComplete()},
             {"listFailed", status.profileListFailed},
-            {"unread", unread},
+            {"unread", unreadJson(status.unreadProfiles)},
             {"failedMessages", status.failedMessages},
             {"timedOutMessages", status.timedOutMessages},
             {"connections", status.connections}};
@@ -396,7 +400,7 @@ bool Printer::event(const kel::ModemEvent& event) {
         case Kind::PictureIncomplete:
             return json ? line(event.time, {{"event", "incomplete"},
                                             {"listFailed", event.listFailed},
-                                            {"unread", unreadText(event.unread)}})
+                                            {"unread", unreadJson(event.unread)}})
                         : text(event.time,
                                "incomplete: " + holesText(event.listFailed, event.unread));
         case Kind::PictureWhole:

@@ -297,11 +297,14 @@ std::optional<ModemStatus> Manager::getModemStatus() {
     return status;
 }
 
+// The notifier outlives every pipeline, so neither needs one; the visit keeps the Manager.
 bool Manager::addObserver(std::shared_ptr<ModemObserver> observer) {
+    Visit visit(*this);
     return notifier->add(std::move(observer));
 }
 
 bool Manager::removeObserver(const std::shared_ptr<ModemObserver>& observer) {
+    Visit visit(*this);
     return notifier->remove(observer);
 }
 

@@ -50,7 +50,18 @@ ProfileCache::ProfileMap::iterator ProfileCache::find(const ProfileKey& key, Log
     return find(key.getToken(), level);
 }
 
+void ProfileCache::forgetEchoesOfLostLinks() {
+    // An echo is sent on the link that made the change, or not at all: once that link is gone,
+    // what it still expected would only swallow a later link's echoes of others' changes.
+    const std::uint64_t link = getStatusBoard().get().connections;
+    if (link != pendingLink) {
+        pendingTransactions.clear();
+        pendingLink = link;
+    }
+}
+
 void ProfileCache::expect(TechType techType, int profileId, ProfileChangedEvent event) {
+    forgetEchoesOfLostLinks();
     if (pendingTransactions.size() == pendingTransactions.max_size()) {
         KEL_LOG(Error, "ProfileCache: pending transactions exhausted");
         std::abort();
@@ -304,6 +315,7 @@ bool ProfileCache::refresh() {
 
 void ProfileCache::onIndication(ProfileChangedInd ind) {
     KEL_LOG(History, "ProfileCache: onIndication < %s", ind.dump().c_str());
+    forgetEchoesOfLostLinks();
     for (auto it = pendingTransactions.begin(); it != pendingTransactions.end(); ++it) {
         if (*it == ind) {
             // The modem echoes a change the cache already reflects.
@@ -355,21 +367,21 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
             bool read = true;
             std::optional<ProfileState> before;
             std::shared_ptr<ModemProfile> after;
-            bool found = false;
+            bool matched = false;
             for (auto& [token, profile] : profiles) {
                 if (matches(profile)) {
-                    if (!found && watched()) {
+                    if (!matched && watched()) {
                         before = stateOf(profile);
                     }
                     profile = vexWdsProxy.get(ind.techType, ind.profileId);
                     read = read && profile != nullptr;
-                    after = found ? after : profile;
-                    found = true;
+                    after = matched ? after : profile;
+                    matched = true;
                 }
             }
             // Every announcement is told, so that none is missed when a quick series of changes
             // is read only at its end; but the modify that follows a create is part of it.
-            if (found && watched()) {
+            if (matched && watched()) {
                 std::optional<ProfileState> now = stateOf(after);
                 const bool creation = followsCreate(ind.techType, ind.profileId);
                 if (!creation || before.has_value() != now.has_value() ||
@@ -378,7 +390,11 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
                                 ind.techType, ind.profileId, std::move(before), std::move(now));
                 }
             }
-            noteRead(ind.techType, ind.profileId, read);
+            // A profile the cache holds no object for is not read here: if it was a hole, it
+            // stays one.
+            if (matched) {
+                noteRead(ind.techType, ind.profileId, read);
+            }
             return;
         }
         case ProfileChangedEvent::SubscriptionChange:

@@ -7,6 +7,7 @@
 #ifndef KEL_PROFILE_CACHE_H
 #define KEL_PROFILE_CACHE_H
 
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <list>
@@ -82,6 +83,8 @@ class ProfileCache {
     ProfileMap::iterator find(unsigned long long token, LogLevel level);
     // Records an indication that the modem will send as the echo of the cache's own change.
     void expect(TechType techType, int profileId, ProfileChangedEvent event);
+    // Drops the expectations made on a link that has since been replaced.
+    void forgetEchoesOfLostLinks();
     std::shared_ptr<ProfileKey> makeKey(const ModemProfile& profile, unsigned long long token);
     // The latest modem message's failure becomes the operation's outcome.
     void failedAtModem();
@@ -108,6 +111,7 @@ class ProfileCache {
     Outcome outcome;                              // of the operation being served
     std::vector<ModemStatus::ProfileRef> unread;  // listed or announced, but not read
     bool listFailed = false;                      // the latest refresh's list failed
+    std::uint64_t pendingLink = 0;                // the link pendingTransactions were made on
     ChangeNotifier* notifier = nullptr;           // borrowed; see setNotifier
     bool pictureHasHoles = false;                 // as last told to the observers
     // Created by others and not yet followed by the modem's modify; kept while watched only.

@@ -7,11 +7,18 @@
 //   Refused            the modem answered with an error: modemError and messageId say which;
 //   NoAnswer           a modem message got no answer in time (messageId): the modem may have done
 //                      it, and its echo, if any, still reaches the cache;
-//   NoLink             no modem client exists (the service is not up, or went down);
+//   NoLink             no modem client exists (the service is not up, or went down), or the
+//                      link was lost during the call: a request already sent may have been done,
+//                      and once a new link is up the library reads the modem again;
 //   NotBound           the modem did not bind the link to the subscription;
 //   RefreshInProgress  refused between refresh(Started) and refresh(Completed);
 //   NotInitialized     no pipeline: before init, while it is torn down, or on the worker thread;
 //   InvalidArguments   an empty, foreign or expired handle, or parameters the library cannot use.
+//
+// Whatever the outcome, the library's cache follows the modem's echoes: a change made by a call
+// that ended NoAnswer (or NoLink) reaches the cache when the modem announces it, as any other
+// client's change does. Whether the cache holds every profile the modem has is told by
+// ModemStatus::isComplete (kel/ModemStatus.h), not by the outcome of one call.
 //
 // Set by addProfile, modifyProfile, deleteProfile, filter, getProfile, match and refresh, and by
 // nothing else (dump, getModemStatus, waitForModem and handle releases leave it as it was).

@@ -199,8 +199,8 @@ TEST_F(ModemObserverSimModemTest, AnUnreadProfileMakesThePictureIncompleteUntilI
     ASSERT_EQ(kindsOf(added), std::vector<Kind>{Kind::ProfileAdded});
     EXPECT_FALSE(added[0].after);
 
-    // The modem announcing it again mends the hole.
-    ASSERT_TRUE(modem->modifyProfile(0, k3gpp, *index, apnSettings("steady.example")));
+    // A re-read mends the hole.
+    manager.refresh(kel::PDCRefreshStatus::Completed);
     events = recorder->untilKind(Kind::PictureWhole);
     ASSERT_FALSE(events.empty());
     EXPECT_TRUE(events.back().unread.empty());

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <optional>
 #include <sstream>
 
 #include "CarrierApply.h"
 #include "InputFile.h"
 #include "Monitor.h"
+#include "Truth.h"
 #include "ValueNames.h"
 #include "kel/Manager.h"
 
@@ -314,7 +316,10 @@ std::shared_ptr<kel::IProfileKey> resolve(Session& session, const ProfileRef& re
     filter.setFilterByProfileId(ref.id);
     const auto keys = manager().filter(filter);
     if (keys.empty()) {
-        *error = "the modem has no profile " + profileName(ref.tech, ref.id);
+        // The modem listed it, but the library could not read it: it is not known to be absent.
+        *error = isUnread(ref.tech, ref.id)
+                     ? "the library could not read " + profileName(ref.tech, ref.id)
+                     : "the modem has no profile " + profileName(ref.tech, ref.id);
         return nullptr;
     }
     return keys.front();
@@ -408,14 +413,52 @@ bool cmdGet(Session& session, const Invocation& inv, CommandResult* result) {
     return true;
 }
 
+// A note on standard error and a "late" member in the JSON: the answer came after the timeout.
+void noteLate(CommandResult* result, const std::string& text) {
+    result->notes += "kelctl: note: " + text + "\n";
+    result->json["late"] = text;
+}
+
+// After an add the modem did not answer in time: the profile it made meanwhile, if its echo
+// lands within the wait. Profiles listed in before are not it.
+std::shared_ptr<kel::IProfileKey> awaitLateAdd(Session& session, const Args& args,
+                                               const std::vector<ProfileRow>& before,
+                                               std::chrono::steady_clock::time_point asked,
+                                               const kel::Outcome& outcome, LateAnswer* late) {
+    kel::FilterProfileParams wanted(args.settings());
+    wanted.setFilterByTechType(args.tech().value_or(kel::TechType::TYPE_3GPP));
+    std::shared_ptr<kel::IProfileKey> found;
+    *late = waitForEcho(session, asked, outcome, [&] {
+        for (auto& key : manager().filter(wanted)) {
+            if (findRow(before, key->getTechType(), key->getProfileId()) == nullptr) {
+                found = std::move(key);
+                return true;
+            }
+        }
+        return false;
+    });
+    return found;
+}
+
 bool cmdAdd(Session& session, const Invocation& inv, CommandResult* result) {
     const Args& args = inv.args;
     const kel::AddProfileParams params(args.settings(), args.persistent,
                                        args.tech().value_or(kel::TechType::TYPE_3GPP),
                                        args.ia.value_or(false));
+    const auto before = snapshot(session);
+    const auto asked = std::chrono::steady_clock::now();
     auto key = manager().addProfile(params);
+    const kel::Outcome outcome = kel::Manager::lastOutcome();
+    LateAnswer late;
+    if (!key && mayHaveBeenDone(outcome)) {
+        key = awaitLateAdd(session, args, before, asked, outcome, &late);
+        if (!key) {
+            result->error = lateText(late, "", "add the profile");
+            return false;
+        }
+    }
     if (!key) {
-        result->error = "the modem did not add the profile (kelctl --verbose shows why)";
+        result->error = "the modem did not add the profile: " + outcomeText(outcome);
         return false;
     }
     const auto rows = rowsFor(session, {key});
@@ -425,7 +468,17 @@ bool cmdAdd(Session& session, const Invocation& inv, CommandResult* result) {
     if (!rows.empty()) {
         result->json["settings"] = profileJson(rows.front());
     }
-    if (!args.persistent) {
+    if (late.landed) {
+        noteLate(result, lateText(late, "the modem holds " + profile, ""));
+        // The library learnt of it from the modem, not from its own answer: it is not the
+        // library's to delete.
+        if (!args.persistent) {
+            result->notes += "kelctl: note: " + profile +
+                             " came by a late answer, so the library does not delete it when "
+                             "kelctl exits (kelctl delete " +
+                             profile + " does)\n";
+        }
+    } else if (!args.persistent) {
         result->transientProfile = profile;
     }
     result->handle = std::move(key);
@@ -438,26 +491,63 @@ bool cmdModify(Session& session, const Invocation& inv, CommandResult* result) {
         return false;
     }
     const std::string profile = profileName(key->getTechType(), key->getProfileId());
+    const kel::FilterProfileParams wanted(inv.args.settings());
     const auto before = rowsFor(session, {key});
+    // "unchanged" is said only of a profile that held the values before the command.
+    const bool heldBefore = !before.empty() && manager().match(wanted, key);
+    const auto asked = std::chrono::steady_clock::now();
     if (!manager().modifyProfile(kel::ModifyProfileParams(inv.args.settings()), key)) {
-        result->error = "the library refused to modify " + profile;
+        result->error = "the library refused to modify " + profile + ": " +
+                        outcomeText(kel::Manager::lastOutcome());
         return false;
     }
-    const auto after = rowsFor(session, {key});
+    const kel::Outcome outcome = kel::Manager::lastOutcome();
+    if (heldBefore && outcome.ok()) {
+        result->json = {{"modified", profile}, {"fields", Json::object()}};
+        result->output = "unchanged " + profile + ": it already has these settings\n";
+        return true;
+    }
+    LateAnswer late;
+    // Found again by its place: a link that dropped and came back expired the handle.
+    kel::FilterProfileParams same;
+    same.setFilterByTechType(key->getTechType());
+    same.setFilterByProfileId(key->getProfileId());
+    auto current = [&same] {
+        auto keys = manager().filter(same);
+        return keys.empty() ? nullptr : keys.front();
+    };
+    if (mayHaveBeenDone(outcome)) {
+        late = waitForEcho(session, asked, outcome, [&] {
+            const auto now = current();
+            return now && manager().match(wanted, now);
+        });
+        if (!late.landed) {
+            result->error = lateText(late, "", "apply the change to " + profile) +
+                            (isUnread(key->getTechType(), key->getProfileId())
+                                 ? " (" + profile + " could not be read back)"
+                                 : "");
+            return false;
+        }
+    } else if (!outcome.ok()) {
+        result->error =
+            "the modem did not take the change to " + profile + ": " + outcomeText(outcome);
+        return false;
+    }
+    const auto now = late.linkDropped ? current() : key;
+    const auto after = now ? rowsFor(session, {now}) : std::vector<ProfileRow>();
     const auto changes = before.empty() || after.empty()
                              ? std::vector<SettingChange>()
                              : settingChanges(before.front(), after.front());
     result->json = {{"modified", profile}, {"fields", changesJson(changes)}};
-    if (!changes.empty()) {
-        result->output = "modified " + profile + ": " + changesText(changes) + "\n";
-        return true;
+    if (late.landed) {
+        noteLate(result, lateText(late, "the modem holds the change", ""));
     }
-    // The library answers a modify the modem refused as done; the profile tells the truth.
-    if (!manager().match(kel::FilterProfileParams(inv.args.settings()), key)) {
+    if (!now || !manager().match(wanted, now)) {
         result->error = "the modem did not take the change to " + profile;
         return false;
     }
-    result->output = "unchanged " + profile + ": it already has these settings\n";
+    result->output =
+        "modified " + profile + (changes.empty() ? "" : ": " + changesText(changes)) + "\n";
     return true;
 }
 
@@ -467,12 +557,31 @@ bool cmdDelete(Session& session, const Invocation& inv, CommandResult* result) {
         return false;
     }
     const std::string profile = profileName(key->getTechType(), key->getProfileId());
-    if (!manager().deleteProfile(key)) {
-        result->error = "the modem did not delete " + profile;
+    const auto asked = std::chrono::steady_clock::now();
+    const bool deleted = manager().deleteProfile(key);
+    const kel::Outcome outcome = kel::Manager::lastOutcome();
+    LateAnswer late;
+    if (!deleted && mayHaveBeenDone(outcome)) {
+        kel::FilterProfileParams same;
+        same.setFilterByTechType(key->getTechType());
+        same.setFilterByProfileId(key->getProfileId());
+        late = waitForEcho(session, asked, outcome, [&] {
+            const auto status = picture();
+            return status && status->isComplete() && manager().filter(same).empty();
+        });
+        if (!late.landed) {
+            result->error = lateText(late, "", "delete " + profile);
+            return false;
+        }
+    } else if (!deleted) {
+        result->error = "the modem did not delete " + profile + ": " + outcomeText(outcome);
         return false;
     }
     result->output = "deleted " + profile + "\n";
     result->json = {{"deleted", profile}};
+    if (late.landed) {
+        noteLate(result, lateText(late, profile + " is gone from the modem", ""));
+    }
     return true;
 }
 
@@ -512,6 +621,13 @@ bool cmdRefresh(Session&, const Invocation& inv, CommandResult* result) {
             const std::size_t count = manager().filter(kel::FilterProfileParams()).size();
             result->output = "refreshed: " + std::to_string(count) + " profiles\n";
             result->json = {{"refresh", "completed"}, {"profiles", count}};
+            // The count is only what could be read.
+            if (const auto status = picture(); status && !status->isComplete()) {
+                result->error = "the library could not read " + holesText(*status);
+                result->json["incomplete"] = holesJson(*status);
+                result->jsonOnFailure = true;
+                return false;
+            }
             break;
         }
     }
@@ -525,15 +641,32 @@ bool chooseProfile(Session& session, const Invocation& inv, CommandResult* resul
                    FindOrCreate search, bool createsTransient) {
     session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
     const auto before = snapshot(session);
+    const auto asked = std::chrono::steady_clock::now();
     auto key = search(session, inv.args);
+    // The library's latest call for the search: the add, when one was made.
+    const kel::Outcome added = kel::Manager::lastOutcome();
+    LateAnswer late;
+    if (!key && mayHaveBeenDone(added)) {
+        key = awaitLateAdd(session, inv.args, before, asked, added, &late);
+        if (!key) {
+            result->error = "no profile fits, and " + lateText(late, "", "add one");
+            return false;
+        }
+    }
     if (!key) {
-        result->error = "no profile fits, and the modem did not add one";
+        result->error = "no profile fits, and the modem did not add one" +
+                        (added.ok() ? "" : ": " + outcomeText(added));
         return false;
     }
     const Outcome chosen = outcome(before, snapshot(session), key);
     result->output = chosen.text;
     result->json = chosen.json;
-    if (chosen.created && createsTransient) {
+    if (late.landed) {
+        noteLate(result,
+                 lateText(late,
+                          "the modem holds " + profileName(key->getTechType(), key->getProfileId()),
+                          ""));
+    } else if (chosen.created && createsTransient) {
         result->transientProfile = profileName(key->getTechType(), key->getProfileId());
     }
     result->handle = std::move(key);

@@ -4,8 +4,10 @@
 #define KELCTL_COMMANDS_H
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -44,6 +46,10 @@ class Session {
     // A script run with --json: each line's result goes into lines, printed as one document.
     bool json = false;
     Json lines = Json::array();
+    // How long a command may wait for a late answer: until runEnd (--timeout) less a margin,
+    // otherwise timeoutMs from when the wait starts.
+    int timeoutMs = 5000;
+    std::optional<std::chrono::steady_clock::time_point> runEnd;
 };
 
 // One checked command line: the command, its options, and what was read ahead of time.

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -12,6 +13,7 @@
 #include <sstream>
 
 #include "InputFile.h"
+#include "Truth.h"
 #include "ValueNames.h"
 
 namespace kelctl {
@@ -246,7 +248,7 @@ int executeLine(Session& session, const ScriptLine& line, int number, const std:
     }
     const CommandSpec& definition = *line.invocation.definition;
     CommandResult result;
-    const bool ok = definition.run(session, line.invocation, &result);
+    const bool ok = runWithWholePicture(definition, session, line.invocation, &result);
     if (session.json) {
         entry["result"] = ok || result.jsonOnFailure ? result.json : Json(nullptr);
     } else {
@@ -477,6 +479,7 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
     printNotes(channel, "kelctl: ", invocation.notes);
     CommandResult result;
     auto link = std::make_unique<ModemLink>();
+    const auto runStart = std::chrono::steady_clock::now();
     if (!openLink(globals, channel, link.get(), &error)) {
         if (globals.json) {
             channel.print(jsonText({{"error", error}}));
@@ -484,7 +487,8 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
         return kExitFailed;
     }
     auto session = std::make_unique<Session>(*link, channel);
-    const bool ok = definition.run(*session, invocation, &result);
+    limitWaits(*session, globals, runStart);
+    const bool ok = runWithWholePicture(definition, *session, invocation, &result);
     channel.print(globals.json ? jsonText(resultDocument(result, ok)) : result.output);
     channel.error(result.notes);
     if (!result.transientProfile.empty()) {
@@ -545,11 +549,13 @@ struct ScriptRun {
     bool open() {
         std::string error;
         link = std::make_unique<ModemLink>();
+        const auto runStart = std::chrono::steady_clock::now();
         if (!openLink(globals, channel, link.get(), &error)) {
             failure = error;
             return false;
         }
         session = std::make_unique<Session>(*link, channel);
+        limitWaits(*session, globals, runStart);
         session->json = globals.json;
         return true;
     }

@@ -1,0 +1,130 @@
+// End to end: a change the modem makes but answers too late is still taken into the library's
+// cache through the modem's echo, and echoes are never taken as the confirmation of a change the
+// modem will not echo. Against the embedded simulated modem, which applies a change at once and
+// holds back only its answer.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "SimModemFixture.h"
+
+namespace e2e {
+namespace {
+
+using kel::Manager;
+using Kind = kel::Outcome::Kind;
+
+// Past the library's 1000 ms message timeout.
+constexpr std::chrono::milliseconds kLate{1500};
+
+class LateAnswerSimModemTest : public SimModemFixture {
+  protected:
+    // Answers to msgId come late while call runs; the modem's echo is then waited for.
+    template <typename Call>
+    void late(unsigned int msgId, Call call) {
+        modem->setResponseDelay(kLate, msgId);
+        call();
+        EXPECT_EQ(Manager::lastOutcome().kind, Kind::NoAnswer) << Manager::lastOutcome().dump();
+        EXPECT_EQ(Manager::lastOutcome().messageId, msgId);
+        modem->setResponseDelay(std::chrono::milliseconds(0));
+        ASSERT_TRUE(settle());
+    }
+    // A handle to 3GPP profile 1, the seed's internet profile.
+    std::shared_ptr<kel::IProfileKey> first3gpp() {
+        kel::FilterProfileParams filter;
+        filter.setFilterByTechType(kel::TechType::TYPE_3GPP);
+        filter.setFilterByProfileId(1);
+        auto keys = manager.filter(filter);
+        return keys.size() == 1 ? keys.front() : nullptr;
+    }
+    std::shared_ptr<kel::IProfileKey> only(const std::string& apn) {
+        auto keys = manager.filter(byApn(apn));
+        return keys.size() == 1 ? keys.front() : nullptr;
+    }
+};
+
+TEST_F(LateAnswerSimModemTest, ALateCreateLandsInTheCache) {
+    late(VEX_WDS_CREATE_PROFILE_REQ_V01,
+         [&] { EXPECT_FALSE(manager.addProfile(addParams("slow.example", true))); });
+
+    const std::vector<vexsim::Profile> made = onModemNamed("kel_profile");
+    ASSERT_EQ(made.size(), 1u) << "the modem made it";
+    std::shared_ptr<kel::IProfileKey> key = only("slow.example");
+    ASSERT_TRUE(key) << "and the cache holds it";
+    EXPECT_EQ(key->getProfileId(), made[0].index);
+    EXPECT_TRUE(made[0].persistent);
+
+    key.reset();
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(onModemNamed("kel_profile").size(), 1u) << "a persistent profile stays";
+}
+
+TEST_F(LateAnswerSimModemTest, ALateModifyLandsInTheCache) {
+    std::shared_ptr<kel::IProfileKey> key = first3gpp();
+    ASSERT_TRUE(key);
+    const auto before = onModem(k3gpp, key->getProfileId())->settings.apn_type_mask;
+    kel::ModifyProfileParams change;
+    change.setApnTypesMask(0x5);
+
+    late(VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01,
+         [&] { EXPECT_TRUE(manager.modifyProfile(change, key)); });
+
+    ASSERT_TRUE(onModem(k3gpp, key->getProfileId()));
+    EXPECT_NE(onModem(k3gpp, key->getProfileId())->settings.apn_type_mask, before)
+        << "the modem took it";
+    const std::optional<kel::ProfileParams> cached = manager.getProfile(key);
+    ASSERT_TRUE(cached) << "the handle stays valid";
+    EXPECT_EQ(cached->getApnTypesMask(), 0x5u);
+}
+
+TEST_F(LateAnswerSimModemTest, ALateDeleteLandsInTheCache) {
+    std::shared_ptr<kel::IProfileKey> key = only("ims");
+    ASSERT_TRUE(key);
+    const int id = key->getProfileId();
+
+    late(VEX_WDS_DELETE_PROFILE_REQ_V01, [&] { EXPECT_FALSE(manager.deleteProfile(key)); });
+
+    EXPECT_FALSE(onModem(k3gpp, id));
+    EXPECT_FALSE(manager.getProfile(key)) << "the handle has expired";
+    EXPECT_FALSE(only("ims"));
+}
+
+// A link that could not register hears no echoes, so the changes made on it expect none that a
+// later link would then take for theirs.
+TEST_F(LateAnswerSimModemTest, ChangesOnALinkWithoutEchoesDoNotSwallowALaterOnesEchoes) {
+    const int previous = newestClientId();
+    modem->failNext(1, VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01);
+    manager.init(0, true);
+    ASSERT_TRUE(modem->waitUntil(
+        [&] { return libraryClient() && libraryClient()->id > previous && served() >= 3; },
+        kTimeout));
+    sync();
+    manager.refresh(kel::PDCRefreshStatus::Completed);
+    std::shared_ptr<kel::IProfileKey> key = first3gpp();
+    ASSERT_TRUE(key);
+    kel::ModifyProfileParams change;
+    change.setApnTypesMask(0x5);
+    ASSERT_TRUE(manager.modifyProfile(change, key));
+    ASSERT_TRUE(Manager::lastOutcome().ok());
+
+    const int broken = newestClientId();
+    ASSERT_TRUE(modem->dropClient(broken));
+    ASSERT_TRUE(waitUntilFilled(broken, 0));
+    sync();
+    wds_profile_settings_v01 other{};
+    other.apn_class_valid = 1;
+    other.apn_class = 7;
+    ASSERT_TRUE(modem->modifyProfile(0, k3gpp, key->getProfileId(), other));
+    ASSERT_TRUE(settle());
+
+    key = first3gpp();
+    ASSERT_TRUE(key);
+    EXPECT_EQ(manager.getProfile(key)->getApnClass(), static_cast<kel::ApnClass>(7))
+        << "another client's change reached the cache";
+}
+
+}  // namespace
+}  // namespace e2e

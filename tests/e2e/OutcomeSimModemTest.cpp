@@ -1,0 +1,281 @@
+// End to end: how a call ended (Manager::lastOutcome) and whether the library's picture of the
+// modem is whole (ModemStatus::isComplete), against the embedded simulated modem: refused and
+// unanswered messages, a refresh in progress, no pipeline, bad handles, no link, and reads and
+// lists that fail during a refresh.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "SimModemFixture.h"
+
+namespace e2e {
+namespace {
+
+using kel::Manager;
+using kel::ModemStatus;
+using kel::Outcome;
+using Kind = kel::Outcome::Kind;
+
+// Past the library's 1000 ms message timeout.
+constexpr std::chrono::milliseconds kLate{1500};
+
+class OutcomeSimModemTest : public SimModemFixture {
+  protected:
+    ModemStatus status() {
+        std::optional<ModemStatus> now = manager.getModemStatus();
+        EXPECT_TRUE(now);
+        return now.value_or(ModemStatus());
+    }
+    // A handle to 3GPP profile 1, the seed's internet profile.
+    std::shared_ptr<kel::IProfileKey> first3gpp() {
+        kel::FilterProfileParams filter;
+        filter.setFilterByTechType(kel::TechType::TYPE_3GPP);
+        filter.setFilterByProfileId(1);
+        auto keys = manager.filter(filter);
+        return keys.size() == 1 ? keys.front() : nullptr;
+    }
+    std::shared_ptr<kel::IProfileKey> only(const std::string& apn) {
+        auto keys = manager.filter(byApn(apn));
+        return keys.size() == 1 ? keys.front() : nullptr;
+    }
+};
+
+// One profile operation, its facade result in words ("empty", "true", "false").
+enum class Op { Add, Modify, Delete };
+
+struct FailedCall {
+    const char* name;
+    Op op;
+    unsigned int msgId;
+    bool late;  // no answer in time rather than refused
+    const char* result;
+};
+
+class FailedCallTest : public OutcomeSimModemTest,
+                       public ::testing::WithParamInterface<FailedCall> {};
+
+TEST_P(FailedCallTest, TellsHowTheModemMessageEnded) {
+    const FailedCall& call = GetParam();
+    std::shared_ptr<kel::IProfileKey> target;
+    if (call.op != Op::Add) {
+        target = manager.addProfile(addParams("target.example", true));
+        ASSERT_TRUE(target);
+        ASSERT_TRUE(Manager::lastOutcome().ok());
+    }
+    constexpr int kError = VEX_ERR_INVALID_ARG_V01;
+    if (call.late) {
+        modem->setResponseDelay(kLate, call.msgId);
+    } else {
+        modem->failNext(1, call.msgId, kError);
+    }
+
+    std::string result;
+    switch (call.op) {
+        case Op::Add:
+            result = manager.addProfile(addParams("new.example")) ? "key" : "empty";
+            break;
+        case Op::Modify: {
+            kel::ModifyProfileParams change;
+            change.setApnTypesMask(0x4);
+            result = manager.modifyProfile(change, target) ? "true" : "false";
+            break;
+        }
+        case Op::Delete:
+            result = manager.deleteProfile(target) ? "true" : "false";
+            break;
+    }
+    const Outcome outcome = Manager::lastOutcome();
+    modem->setResponseDelay(std::chrono::milliseconds(0));
+
+    EXPECT_EQ(result, call.result) << "the facade's own result does not move";
+    EXPECT_EQ(outcome.kind, call.late ? Kind::NoAnswer : Kind::Refused) << outcome.dump();
+    EXPECT_EQ(outcome.messageId, call.msgId);
+    EXPECT_EQ(outcome.modemError, call.late ? 0u : static_cast<unsigned>(kError));
+    EXPECT_EQ(outcome.unknown(), call.late);
+    EXPECT_FALSE(outcome.ok());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, FailedCallTest,
+    ::testing::Values(
+        FailedCall{"AddRefused", Op::Add, VEX_WDS_CREATE_PROFILE_REQ_V01, false, "empty"},
+        FailedCall{"AddLate", Op::Add, VEX_WDS_CREATE_PROFILE_REQ_V01, true, "empty"},
+        // A refused modify still answers true: only the outcome says it was refused.
+        FailedCall{"ModifyRefused", Op::Modify, VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, false,
+                   "true"},
+        FailedCall{"ModifyLate", Op::Modify, VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, true, "true"},
+        FailedCall{"DeleteRefused", Op::Delete, VEX_WDS_DELETE_PROFILE_REQ_V01, false, "false"},
+        FailedCall{"DeleteLate", Op::Delete, VEX_WDS_DELETE_PROFILE_REQ_V01, true, "false"}),
+    [](const ::testing::TestParamInfo<FailedCall>& param) { return param.param.name; });
+
+TEST_F(OutcomeSimModemTest, RefusedModifyLeavesTheCacheAsTheModemHasIt) {
+    std::shared_ptr<kel::IProfileKey> key = manager.addProfile(addParams("kept.example", true));
+    ASSERT_TRUE(key);
+    modem->failNext(1, VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01);
+    kel::ModifyProfileParams change;
+    change.setApnName("other.example");
+
+    EXPECT_TRUE(manager.modifyProfile(change, key));
+    EXPECT_EQ(Manager::lastOutcome().kind, Kind::Refused);
+    EXPECT_EQ(manager.getProfile(key)->getApnName(), "kept.example");
+    EXPECT_TRUE(Manager::lastOutcome().ok()) << "the read after it is an outcome of its own";
+}
+
+TEST_F(OutcomeSimModemTest, ARefreshInProgressRefusesAndACompletedOneIsDone) {
+    manager.refresh(kel::PDCRefreshStatus::Started);
+    EXPECT_TRUE(Manager::lastOutcome().ok()) << "starting a refresh is served";
+    EXPECT_FALSE(manager.addProfile(addParams("gated.example")));
+    EXPECT_EQ(Manager::lastOutcome().kind, Kind::RefreshInProgress);
+    EXPECT_TRUE(manager.filter(kel::FilterProfileParams()).empty());
+    EXPECT_EQ(Manager::lastOutcome().kind, Kind::RefreshInProgress);
+
+    manager.refresh(kel::PDCRefreshStatus::Completed);
+    EXPECT_TRUE(Manager::lastOutcome().ok());
+    EXPECT_TRUE(manager.addProfile(addParams("open.example")));
+    EXPECT_TRUE(Manager::lastOutcome().ok());
+}
+
+TEST_F(OutcomeSimModemTest, BadHandlesAreInvalidArguments) {
+    std::shared_ptr<kel::IProfileKey> old = first3gpp();
+    ASSERT_TRUE(old);
+    manager.refresh(kel::PDCRefreshStatus::Completed);  // every handle expires
+    kel::ModifyProfileParams change;
+    change.setApnTypesMask(0x4);
+
+    struct Case {
+        const char* name;
+        std::function<void()> call;
+    };
+    const std::vector<Case> cases = {
+        {"getProfile(empty)", [&] { manager.getProfile(nullptr); }},
+        {"deleteProfile(empty)", [&] { manager.deleteProfile(nullptr); }},
+        {"match(empty)", [&] { manager.match(kel::FilterProfileParams(), nullptr); }},
+        {"modifyProfile(expired)", [&] { manager.modifyProfile(change, old); }},
+        {"deleteProfile(expired)", [&] { manager.deleteProfile(old); }},
+        {"getProfile(expired)", [&] { manager.getProfile(old); }},
+        {"match(expired)", [&] { manager.match(kel::FilterProfileParams(), old); }},
+    };
+    for (const Case& c : cases) {
+        manager.filter(kel::FilterProfileParams());
+        ASSERT_TRUE(Manager::lastOutcome().ok());
+        c.call();
+        EXPECT_EQ(Manager::lastOutcome().kind, Kind::InvalidArguments) << c.name;
+    }
+    EXPECT_TRUE(onModem(k3gpp, 1)) << "nothing reached the modem";
+}
+
+TEST_F(OutcomeSimModemTest, WithoutAPipelineEveryCallIsNotInitialised) {
+    Manager uninitialised;
+    uninitialised.filter(kel::FilterProfileParams());
+    EXPECT_EQ(Manager::lastOutcome().kind, Kind::NotInitialized);
+    manager.filter(kel::FilterProfileParams());
+    EXPECT_TRUE(Manager::lastOutcome().ok());
+    uninitialised.refresh(kel::PDCRefreshStatus::Completed);
+    EXPECT_EQ(Manager::lastOutcome().kind, Kind::NotInitialized);
+}
+
+TEST_F(OutcomeSimModemTest, AStoppedModemIsNoLink) {
+    std::shared_ptr<kel::IProfileKey> key = first3gpp();
+    ASSERT_TRUE(key);
+    modem->stop();
+
+    EXPECT_FALSE(manager.addProfile(addParams("nowhere.example")));
+    EXPECT_EQ(Manager::lastOutcome().kind, Kind::NoLink) << Manager::lastOutcome().dump();
+    EXPECT_FALSE(manager.deleteProfile(key));
+    EXPECT_EQ(Manager::lastOutcome().kind, Kind::NoLink);
+    EXPECT_EQ(Manager::lastOutcome().messageId, 0u);
+}
+
+TEST_F(OutcomeSimModemTest, EachThreadReadsItsOwnOutcome) {
+    modem->failNext(1, VEX_WDS_CREATE_PROFILE_REQ_V01);
+    EXPECT_FALSE(manager.addProfile(addParams("refused.example")));
+    Outcome other;
+    std::thread([&] {
+        other = Manager::lastOutcome();
+        manager.filter(kel::FilterProfileParams());
+    }).join();
+
+    EXPECT_TRUE(other.ok()) << "a thread that made no call has nothing to tell";
+    EXPECT_EQ(Manager::lastOutcome().kind, Kind::Refused) << "another thread's call moves nothing";
+    manager.getModemStatus();
+    manager.dump();
+    EXPECT_EQ(Manager::lastOutcome().kind, Kind::Refused) << "status and dump are no calls";
+}
+
+// --- The picture ---
+
+TEST_F(OutcomeSimModemTest, AReadThatFailsDuringARefreshLeavesAHoleUntilARefreshReadsIt) {
+    ASSERT_TRUE(status().isComplete());
+    modem->failNext(1, VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01);
+    manager.refresh(kel::PDCRefreshStatus::Completed);
+    EXPECT_EQ(Manager::lastOutcome().kind, Kind::Refused);
+    EXPECT_EQ(Manager::lastOutcome().messageId,
+              static_cast<unsigned>(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01));
+
+    ModemStatus holed = status();
+    EXPECT_TRUE(holed.isReady()) << "ready keeps its meaning";
+    EXPECT_FALSE(holed.isComplete());
+    EXPECT_FALSE(holed.profileListFailed);
+    // The first profile read is the first one the modem lists: 3GPP index 1.
+    ASSERT_EQ(holed.unreadProfiles.size(), 1u);
+    EXPECT_EQ(holed.unreadProfiles[0], (ModemStatus::ProfileRef{kel::TechType::TYPE_3GPP, 1}));
+    EXPECT_EQ(manager.filter(kel::FilterProfileParams()).size(), modem->profiles(0).size() - 1);
+
+    // A change announced for the unread profile reads nothing: the hole stays.
+    wds_profile_settings_v01 change{};
+    change.apn_class_valid = 1;
+    change.apn_class = 9;
+    ASSERT_TRUE(modem->modifyProfile(0, k3gpp, 1, change));
+    ASSERT_TRUE(settle());
+    EXPECT_FALSE(status().isComplete());
+    EXPECT_EQ(status().unreadProfiles.size(), 1u);
+
+    manager.refresh(kel::PDCRefreshStatus::Completed);
+    EXPECT_TRUE(Manager::lastOutcome().ok());
+    EXPECT_TRUE(status().isComplete());
+    EXPECT_TRUE(status().unreadProfiles.empty());
+    EXPECT_EQ(manager.filter(kel::FilterProfileParams()).size(), modem->profiles(0).size());
+}
+
+TEST_F(OutcomeSimModemTest, AFailedListIsNamedUntilAListIsRead) {
+    modem->failNext(1, VEX_WDS_GET_PROFILE_LIST_REQ_V01);
+    manager.refresh(kel::PDCRefreshStatus::Completed);
+    EXPECT_EQ(Manager::lastOutcome().kind, Kind::Refused);
+
+    ModemStatus failed = status();
+    EXPECT_TRUE(failed.profileListFailed);
+    EXPECT_FALSE(failed.isComplete());
+    EXPECT_NE(failed.dump().find("ListFailed=true"), std::string::npos) << failed.dump();
+
+    manager.refresh(kel::PDCRefreshStatus::Completed);
+    EXPECT_FALSE(status().profileListFailed);
+    EXPECT_TRUE(status().isComplete());
+}
+
+TEST_F(OutcomeSimModemTest, AProfileAnnouncedButUnreadIsAHoleUntilItIsDeleted) {
+    modem->failNext(1, VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01);
+    wds_profile_settings_v01 settings{};
+    settings.apn_name_valid = 1;
+    std::snprintf(settings.apn_name, sizeof settings.apn_name, "%s", "other.example");
+    const std::optional<std::uint8_t> index = modem->createProfile(0, k3gpp, settings, true);
+    ASSERT_TRUE(index);
+    ASSERT_TRUE(settle());
+
+    ModemStatus holed = status();
+    ASSERT_EQ(holed.unreadProfiles.size(), 1u);
+    EXPECT_EQ(holed.unreadProfiles[0].profileId, *index);
+    EXPECT_NE(holed.dump().find("Unread=3GPP:" + std::to_string(*index) + ";,"), std::string::npos)
+        << holed.dump();
+
+    ASSERT_TRUE(modem->deleteProfile(0, k3gpp, *index));
+    ASSERT_TRUE(settle());
+    EXPECT_TRUE(status().isComplete()) << "a profile that is gone is no hole";
+}
+
+}  // namespace
+}  // namespace e2e

@@ -1,0 +1,252 @@
+// kelctl's truth under a busy modem: each command that changes the modem (and list, which shows
+// it) crossed with the modem refusing, answering after the library's timeout, not answering
+// within the run, failing one read, answering every read late and restarting mid-command. Each
+// case runs twice against its own vex-modemd process, as text and as JSON; the exit status, the
+// words and the document must agree with the modem's tables read afterwards through
+// vex-modemctl.
+#include <thread>
+
+#include "KelctlHarness.h"
+
+namespace kelctltest {
+namespace {
+
+// Two profiles, so that a modem answering every read late still costs little.
+constexpr char kSeed[] =
+    "profile 3gpp sub=0 index=1 name=internet apn=internet pdp=ipv4v6 types=default\n"
+    "profile 3gpp sub=0 index=2 name=mms apn=mms.test pdp=ipv4 types=mms\n";
+
+enum class Fault { Refused, Late, NotInRun, OneReadFailed, EveryReadLate, Restart };
+
+struct TruthCase {
+    const char* name;
+    std::vector<std::string> command;
+    Fault fault;
+    unsigned int msgId;  // the message the fault hits (Refused, Late, NotInRun, Restart)
+    int status;
+    // In standard output on success, in standard error on failure.
+    std::string words;
+    // The member the JSON document has ("error" on failure).
+    std::string member;
+    bool late;  // a note that the answer came late, and "late" in the document
+    // The modem's tables afterwards: this many profile lines hold the pattern (see holds).
+    std::string onModem;
+    int times;
+};
+
+std::vector<std::string> faultCommand(const TruthCase& c) {
+    char id[16];
+    std::snprintf(id, sizeof id, "0x%x", c.msgId);
+    switch (c.fault) {
+        case Fault::Refused:
+            return {"fail-next", "1", id};
+        case Fault::Late:
+        case Fault::Restart:
+            return {"delay", "1500", id};
+        case Fault::NotInRun:
+            return {"delay", "30000", id};
+        case Fault::OneReadFailed:
+            return {"fail-next", "1", "0x2b"};
+        case Fault::EveryReadLate:
+            return {"delay", "1500", "0x2b"};
+    }
+    return {};
+}
+
+// Whether line holds the parts of pattern (split at '*') in that order; the line is given a
+// trailing blank, so that "types=default " ends at the value.
+bool holds(const std::string& line, const std::string& pattern) {
+    const std::string text = line + " ";
+    std::size_t at = 0;
+    std::size_t from = 0;
+    for (;;) {
+        const std::size_t star = pattern.find('*', from);
+        const std::string part = pattern.substr(from, star - from);
+        at = text.find(part, at);
+        if (at == std::string::npos) {
+            return false;
+        }
+        at += part.size();
+        if (star == std::string::npos) {
+            return true;
+        }
+        from = star + 1;
+    }
+}
+
+int profileLines(const std::string& tables, const std::string& pattern) {
+    std::istringstream in(tables);
+    int count = 0;
+    for (std::string text; std::getline(in, text);) {
+        count += holds(text, pattern) ? 1 : 0;
+    }
+    return count;
+}
+
+class KelctlTruthMatrixTest : public KelctlTest, public ::testing::WithParamInterface<TruthCase> {
+  protected:
+    // Runs the case's command against a fresh modem with the case's fault.
+    Outcome runCase(bool json) {
+        const TruthCase& c = GetParam();
+        testsupport::TempDir modemDir;
+        RunningModem modem(modemDir.path(), script("seed.conf", kSeed));
+        EXPECT_TRUE(modem.isServing());
+        modem.control(modemDir.path(), faultCommand(c));
+        std::vector<std::string> args = {"--modem", modemDir.path(), "--timeout", "8"};
+        if (json) {
+            args.push_back("--json");
+        }
+        args.insert(args.end(), c.command.begin(), c.command.end());
+        Outcome outcome;
+        std::thread command([&] { outcome = kelctl(args); });
+        if (c.fault == Fault::Restart) {
+            restartWhenAsked(modem, modemDir.path(), c.msgId);
+        }
+        command.join();
+        modem.control(modemDir.path(), {"delay", "0"});
+        tables = modem.control(modemDir.path(), {"profiles", "0"});
+        return outcome;
+    }
+
+    // The modem goes down and comes back once it has taken the request (and holds back its
+    // answer).
+    static void restartWhenAsked(const RunningModem& modem, const std::string& dir,
+                                 unsigned int msgId) {
+        char last[32];
+        std::snprintf(last, sizeof last, "last=0x%04x", msgId);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (modem.control(dir, {"clients"}).find(last) == std::string::npos) {
+            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the request never came";
+        }
+        modem.control(dir, {"restart"});
+    }
+
+    void checkModem() {
+        const TruthCase& c = GetParam();
+        EXPECT_EQ(profileLines(tables, c.onModem), c.times) << tables;
+    }
+
+    std::string tables;
+};
+
+TEST_P(KelctlTruthMatrixTest, TextAgreesWithTheModem) {
+    const TruthCase& c = GetParam();
+    const Outcome outcome = runCase(false);
+    EXPECT_EQ(outcome.status, c.status) << outcome.err;
+    EXPECT_THAT(c.status == 0 ? outcome.out : outcome.err, testing::HasSubstr(c.words))
+        << outcome.out << outcome.err;
+    EXPECT_EQ(countOf(outcome.err, "note: no answer within 1 s; ") +
+                  countOf(outcome.err, "note: the modem link dropped; "),
+              c.late ? 1 : 0)
+        << outcome.err;
+    checkModem();
+}
+
+TEST_P(KelctlTruthMatrixTest, JsonAgreesWithTheModem) {
+    const TruthCase& c = GetParam();
+    const Outcome outcome = runCase(true);
+    EXPECT_EQ(outcome.status, c.status) << outcome.err;
+    const nlohmann::json document = parsed(outcome.out);
+    EXPECT_TRUE(document.contains(c.member)) << document.dump();
+    EXPECT_EQ(document.contains("error"), c.status != 0) << document.dump();
+    EXPECT_EQ(document.contains("late"), c.late) << document.dump();
+    checkModem();
+}
+
+const std::string kCarrier = testsupport::sourceDir() + "/data/carrier/apns-conf.xml";
+using F = Fault;
+const std::vector<std::string> kAdd = {"add", "--apn", "new.test", "--persistent"};
+const std::vector<std::string> kModify = {"modify", "1", "--types", "default,mms"};
+const std::vector<std::string> kDelete = {"delete", "2"};
+const std::vector<std::string> kCarrierRun = {"carrier", kCarrier, "--mcc", "001", "--mnc", "01"};
+const std::vector<std::string> kApplyTypes = {"apply-types", "--apn", "internet", "--types",
+                                              "default,supl"};
+const char* const kRefusedWords = "the modem refused it (error 0x";
+const char* const kInternetAsSeeded = "index=1 *types=default ";
+const char* const kInternetWithMms = "index=1 *types=default,mms ";
+
+// clang-format off
+// name, command, fault, message, exit, words, JSON member, late, modem line pattern, how many
+const TruthCase kCases[] = {
+    {"AddRefused", kAdd, F::Refused, 0x27, 1, kRefusedWords, "error", false, "apn=new.test ", 0},
+    {"AddLate", kAdd, F::Late, 0x27, 0, "added 3gpp:3 name=kel_profile apn=new.test", "added", true,
+     "apn=new.test ", 1},
+    {"AddNotInRun", kAdd, F::NotInRun, 0x27, 0, "added 3gpp:3", "added", true,
+     "index=3 *apn=new.test ", 1},
+    {"AddOneReadFailed", kAdd, F::OneReadFailed, 0, 0, "added 3gpp:3", "added", false,
+     "apn=new.test ", 1},
+    {"AddRestart", kAdd, F::Restart, 0x27, 0, "added 3gpp:3", "added", true,
+     "persistent=yes *apn=new.test ", 1},
+
+    {"ModifyRefused", kModify, F::Refused, 0x28, 1,
+     "the modem did not take the change to 3gpp:1: the modem refused it", "error", false,
+     kInternetAsSeeded, 1},
+    {"ModifyLate", kModify, F::Late, 0x28, 0, "modified 3gpp:1: types: default -> default,mms",
+     "modified", true, kInternetWithMms, 1},
+    {"ModifyNotInRun", kModify, F::NotInRun, 0x28, 0, "modified 3gpp:1", "modified", true,
+     kInternetWithMms, 1},
+    {"ModifyOneReadFailed", kModify, F::OneReadFailed, 0, 1, "the library could not read 3gpp:1",
+     "error", false, kInternetAsSeeded, 1},
+    {"ModifyEveryReadLate", kModify, F::EveryReadLate, 0, 1, "the library could not read 3gpp:1",
+     "error", false, kInternetAsSeeded, 1},
+    {"ModifyRestart", kModify, F::Restart, 0x28, 0, "modified 3gpp:1", "modified", true,
+     kInternetWithMms, 1},
+
+    {"DeleteRefused", kDelete, F::Refused, 0x29, 1,
+     "the modem did not delete 3gpp:2: the modem refused it", "error", false, "index=2 ", 1},
+    {"DeleteLate", kDelete, F::Late, 0x29, 0, "deleted 3gpp:2", "deleted", true, "index=2 ", 0},
+    {"DeleteEveryReadLate", kDelete, F::EveryReadLate, 0, 1, "the library could not read 3gpp:2",
+     "error", false, "index=2 ", 1},
+    {"DeleteRestart", kDelete, F::Restart, 0x29, 0, "deleted 3gpp:2", "deleted", true, "index=2 ",
+     0},
+
+    {"DataCallRefused", {"data-call", "--apn", "new.test"}, F::Refused, 0x27, 1,
+     "the modem did not add one: the modem refused it", "error", false, "apn=new.test ", 0},
+    {"DataCallLate", {"data-call", "--apn", "new.test"}, F::Late, 0x27, 0, "created 3gpp:3",
+     "outcome", true, "apn=new.test ", 1},
+    {"DataCallOneReadFailed", {"data-call", "--apn", "internet"}, F::OneReadFailed, 0, 0,
+     "found 3gpp:1", "outcome", false, "apn=internet ", 1},
+    {"DataCallEveryReadLate", {"data-call", "--apn", "internet"}, F::EveryReadLate, 0, 1,
+     "could not read 3gpp:1, 3gpp:2 (read twice); nothing was changed", "incomplete", false,
+     "apn=internet ", 1},
+    {"AttachOneReadFailed", {"attach", "--apn", "internet"}, F::OneReadFailed, 0, 0,
+     "found 3gpp:1", "outcome", false, "apn=internet ", 1},
+    {"EmergencyOneReadFailed", {"emergency", "--apn", "sos"}, F::OneReadFailed, 0, 0,
+     "created 3gpp:3", "outcome", false, "index=3 *apn=sos ", 1},
+
+    {"CarrierOneReadFailed", kCarrierRun, F::OneReadFailed, 0, 0, "updated 3gpp:1", "updates",
+     false, "apn=internet ", 1},
+    {"CarrierEveryReadLate", kCarrierRun, F::EveryReadLate, 0, 1, "nothing was changed",
+     "incomplete", false, kInternetAsSeeded, 1},
+    {"ApplyClassesOneReadFailed", {"apply-classes", "--class", "inet", "--apn", "internet"},
+     F::OneReadFailed, 0, 0, "created 3gpp:3 name=kel_profile", "changes", false,
+     "apn=internet class=3", 1},
+    {"ApplyTypesOneReadFailed", kApplyTypes, F::OneReadFailed, 0, 0,
+     "updated 3gpp:1: types: default -> default,supl", "changes", false,
+     "index=1 *types=default,supl ", 1},
+    {"ApplyTypesEveryReadLate", kApplyTypes, F::EveryReadLate, 0, 1, "nothing was changed",
+     "incomplete", false, kInternetAsSeeded, 1},
+
+    // The commands that show the modem name what they could not read.
+    {"ListOneReadFailed", {"list"}, F::OneReadFailed, 0, 1,
+     "incomplete: the library could not read 3gpp:1", "incomplete", false, "profile ", 2},
+    {"ListEveryReadLate", {"list"}, F::EveryReadLate, 0, 1,
+     "incomplete: the library could not read 3gpp:1, 3gpp:2", "incomplete", false, "profile ", 2},
+    {"GetOneReadFailed", {"get", "1"}, F::OneReadFailed, 0, 1,
+     "get: the library could not read 3gpp:1\n", "incomplete", false, "index=1 ", 1},
+    {"FilterOneReadFailed", {"filter", "--apn", "internet"}, F::OneReadFailed, 0, 1,
+     "incomplete: the library could not read 3gpp:1", "incomplete", false, "index=1 ", 1},
+    {"RefreshEveryReadLate", {"refresh"}, F::EveryReadLate, 0, 1,
+     "refresh: the library could not read 3gpp:1, 3gpp:2", "incomplete", false, "profile ", 2},
+    {"DumpOneReadFailed", {"dump"}, F::OneReadFailed, 0, 1,
+     "incomplete: the library could not read 3gpp:1", "lines", false, "index=1 ", 1},
+};
+// clang-format on
+
+INSTANTIATE_TEST_SUITE_P(Commands, KelctlTruthMatrixTest, ::testing::ValuesIn(kCases),
+                         [](const ::testing::TestParamInfo<TruthCase>& param) {
+                             return param.param.name;
+                         });
+
+}  // namespace
+}  // namespace kelctltest

@@ -34,6 +34,7 @@
 #include "kel/ClientRequest.h"
 #include "kel/ClientResponse.h"
 #include "kel/Manager.h"
+#include "kel/ModemObserver.h"
 #include "vex/vex_client.h"
 #include "vex/wireless_data_service_v01.h"
 #include "vexsim/SimModem.h"
@@ -641,6 +642,24 @@ void BM_IndicationBurst(benchmark::State& state) {
         });
 }
 BENCHMARK(BM_IndicationBurst)->Iterations(1)->Apply(fiveRepetitions);
+
+// An observer that does nothing: what the events of a burst cost the library when somebody
+// listens.
+class IdleObserver : public kel::ModemObserver {
+  public:
+    void onModemEvent(const kel::ModemEvent&) override {}
+};
+
+// The same burst with one idle observer registered: every indication then builds an event (the
+// profile before and after, what differs) and queues it for the notifier thread.
+void BM_IndicationBurstObserved(benchmark::State& state) {
+    Library& library = libraryOf({10, 0});
+    auto observer = std::make_shared<IdleObserver>();
+    library.manager.addObserver(observer);
+    BM_IndicationBurst(state);
+    library.manager.removeObserver(observer);
+}
+BENCHMARK(BM_IndicationBurstObserved)->Iterations(1)->Apply(fiveRepetitions);
 
 // --- Client threads sharing the pipeline ---
 

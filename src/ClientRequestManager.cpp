@@ -114,7 +114,8 @@ void RequestLink::awaitLeases() {
     idle.wait(lock, [this] { return leases == 0; });
 }
 
-ClientRequestManager::ClientRequestManager(int subscriptionId, const Options& switches)
+ClientRequestManager::ClientRequestManager(int subscriptionId, const Options& switches,
+                                           ChangeNotifier* notifier)
     : options(switches),
       link(std::make_shared<RequestLink>(this)),
       profileCache(
@@ -128,6 +129,7 @@ ClientRequestManager::ClientRequestManager(int subscriptionId, const Options& sw
     // threads at once. The flag is raised here, not by the worker, so that a destructor that
     // runs before the worker got going cannot be undone by it.
     eventManager.addEventHandler(requestEventFd.get(), handleClientRequest, this, nullptr, EPOLLIN);
+    profileCache.setNotifier(notifier);
     isRunning = true;
     kelThread = std::thread(&ClientRequestManager::runKelThread, this);
 }

@@ -32,6 +32,7 @@
 
 namespace kel {
 
+class ChangeNotifier;
 class ClientRequestManager;
 
 // What callers reach a ClientRequestManager through instead of holding it: the facade for the
@@ -85,8 +86,10 @@ class RequestLink : public std::enable_shared_from_this<RequestLink> {
 
 class ClientRequestManager {
   public:
-    // Builds the loop and the cache for subscriptionId and starts the worker.
-    explicit ClientRequestManager(int subscriptionId, const Options& options = Options());
+    // Builds the loop and the cache for subscriptionId and starts the worker. The cache and the
+    // link's status tell their changes to notifier (borrowed; must outlive the manager) when given.
+    explicit ClientRequestManager(int subscriptionId, const Options& options = Options(),
+                                  ChangeNotifier* notifier = nullptr);
     // Refuses new callers and those still waiting for their turn, lets the one being served
     // have its answer, waits for every caller to leave, then stops and joins the worker (which
     // expires every handle on its way out). Handles still alive are cut off: their later calls

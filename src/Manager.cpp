@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "ChangeNotifier.h"
 #include "ClientRequestManager.h"
 #include "LocalLogBuffer.h"
 #include "kel/ClientResponse.h"
@@ -111,7 +112,7 @@ class Manager::Call {
     RequestLink::Lease lease;
 };
 
-Manager::Manager() {
+Manager::Manager() : notifier(std::make_unique<ChangeNotifier>()) {
     KEL_LOG(Debug, "kel::Manager: constructor");
 }
 
@@ -166,7 +167,7 @@ void Manager::init(int subscriptionId, bool useAdbLog, const Options& options) {
         KEL_LOG(History, "Manager::init options: %s", options.dump().c_str());
     }
     // The new pipeline is up before the old one is torn down; the brief overlap is deliberate.
-    auto fresh = std::make_unique<ClientRequestManager>(subscriptionId, options);
+    auto fresh = std::make_unique<ClientRequestManager>(subscriptionId, options, notifier.get());
     std::unique_ptr<ClientRequestManager> previous;
     {
         std::lock_guard<std::mutex> lock(pipelineMutex);
@@ -304,6 +305,17 @@ std::optional<ModemStatus> Manager::getModemStatus() {
     ModemStatus status = call.pipeline().getModemStatus();
     KEL_LOG(History, "Manager::getModemStatus < %s", status.dump().c_str());
     return status;
+}
+
+// The notifier outlives every pipeline, so neither needs one; the visit keeps the Manager.
+bool Manager::addObserver(std::shared_ptr<ModemObserver> observer) {
+    Visit visit(*this);
+    return notifier->add(std::move(observer));
+}
+
+bool Manager::removeObserver(const std::shared_ptr<ModemObserver>& observer) {
+    Visit visit(*this);
+    return notifier->remove(observer);
 }
 
 bool Manager::waitForModem(std::chrono::milliseconds timeout) {

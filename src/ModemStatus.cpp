@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "ChangeNotifier.h"
 #include "DumpText.h"
 #include "LocalLogBuffer.h"
 #include "ModemStatusBoard.h"
@@ -22,6 +23,13 @@ void increment(std::uint64_t& counter) {
 void appendFlag(std::string& out, const char* label, bool value) {
     out += label;
     appendText(out, value);
+}
+
+// What makes a status event: the link's flags, not its counters nor the picture's holes (told
+// as events of their own).
+bool linkDiffers(const ModemStatus& a, const ModemStatus& b) {
+    return a.connected != b.connected || a.bound != b.bound || a.registered != b.registered ||
+           a.cacheLoaded != b.cacheLoaded || a.connections != b.connections;
 }
 
 }  // namespace
@@ -68,11 +76,26 @@ ModemStatus ModemStatusBoard::get() const {
 }
 
 void ModemStatusBoard::update(const std::function<void(ModemStatus&)>& change) {
+    const bool watched = notifier != nullptr && notifier->watched();
+    ModemStatus before;
+    ModemStatus after;
     {
         std::lock_guard<std::mutex> lock(mutex);
+        if (watched) {
+            before = status;
+        }
         change(status);
+        if (watched) {
+            after = status;
+        }
     }
     changed.notify_all();
+    if (watched && linkDiffers(before, after)) {
+        ModemEvent event = makeEvent(ModemEvent::Kind::StatusChanged);
+        event.oldStatus = std::move(before);
+        event.newStatus = std::move(after);
+        notifier->post(std::move(event));
+    }
 }
 
 void ModemStatusBoard::linkUp(bool bound, bool registered) {

@@ -15,6 +15,8 @@
 
 namespace kel {
 
+class ChangeNotifier;
+
 class ModemStatusBoard {
   public:
     explicit ModemStatusBoard(int subscriptionId, const Options& options = Options());
@@ -39,6 +41,9 @@ class ModemStatusBoard {
     // The pipeline is going: every wait returns false, now and later.
     void close();
 
+    // Where status changes are told (borrowed; outlives the board). Set before the worker starts.
+    void setNotifier(ChangeNotifier* changeNotifier) { notifier = changeNotifier; }
+
     static constexpr std::chrono::hours kMaxWait{24};
 
   private:
@@ -49,6 +54,7 @@ class ModemStatusBoard {
     std::condition_variable changed;
     ModemStatus status;
     bool closed = false;
+    ChangeNotifier* notifier = nullptr;  // see setNotifier
 };
 
 }  // namespace kel

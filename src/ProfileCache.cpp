@@ -231,6 +231,11 @@ std::shared_ptr<ProfileKey> ProfileCache::add(AddProfileParams& params) {
         expect(params.getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify);
     }
     KEL_LOG(History, "Added: %s", profile->dump().c_str());
+    if (watched()) {
+        tellProfile(ModemEvent::Kind::ProfileAdded, ModemEvent::Origin::ThisProcess,
+                    profile->getTechType(), profile->getProfileId(), std::nullopt,
+                    stateOf(profile));
+    }
     return makeKey(*profile, token);
 }
 
@@ -260,9 +265,15 @@ bool ProfileCache::modify(ModifyProfileParams& params, std::shared_ptr<ProfileKe
         failedAtModem();
         return true;
     }
+    std::optional<ProfileState> before = watched() ? stateOf(profile) : std::nullopt;
     auto lock = changing();
     profile->apply(diff);
     KEL_LOG(History, "Diff: %s", diff->dump().c_str());
+    if (before) {
+        tellProfile(ModemEvent::Kind::ProfileChanged, ModemEvent::Origin::ThisProcess,
+                    profile->getTechType(), profile->getProfileId(), std::move(before),
+                    stateOf(profile));
+    }
     expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Modify);
     return true;
 }
@@ -289,12 +300,17 @@ bool ProfileCache::remove(std::shared_ptr<ProfileKey> key) {
         techType = it->second->getTechType();
         profileId = it->second->getProfileId();
     }
+    std::optional<ProfileState> before = watched() ? stateOf(it->second) : std::nullopt;
     // An explicit remove ignores counts and persistence: every handle to the profile expires.
     forgetOwn(techType, profileId);
     std::shared_ptr<ModemProfile> gone;
     auto lock = changing();
     gone = detach(it);
     expect(techType, profileId, ProfileChangedEvent::Delete);
+    if (watched()) {
+        tellProfile(ModemEvent::Kind::ProfileDeleted, ModemEvent::Origin::ThisProcess, techType,
+                    profileId, std::move(before), std::nullopt);
+    }
     return true;
 }
 
@@ -376,6 +392,11 @@ bool ProfileCache::releaseProfile(unsigned long long token) {
         auto lock = changing();
         expect(profile->getTechType(), profile->getProfileId(), ProfileChangedEvent::Delete);
         profiles.erase(it);
+        if (watched()) {
+            tellProfile(ModemEvent::Kind::ProfileDeleted, ModemEvent::Origin::ThisProcess,
+                        profile->getTechType(), profile->getProfileId(), stateOf(profile),
+                        std::nullopt);
+        }
         return true;
     }
     // The text says "non-persistent" for what is the persistent case; log readers match on it,
@@ -401,10 +422,14 @@ std::shared_ptr<ModemProfile> ProfileCache::detach(ProfileMap::iterator it) {
 }
 
 bool ProfileCache::refresh() {
+    if (watched()) {
+        tell(ModemEvent::Kind::RefreshStarted);
+    }
     // Not loaded while the read runs, nor after a read that failed.
     getStatusBoard().setCacheLoaded(false);
     // Every handle issued so far expires here; pending echoes are kept.
     expireAll();
+    createdElsewhere.clear();
     bool listsRead = false;
     unread.clear();
     // A failure of one of the reads is what the refresh's caller is told, whatever came after.
@@ -424,6 +449,9 @@ bool ProfileCache::refresh() {
     KEL_LOG(History, "Refreshed Profiles:");
     for (const auto& [token, profile] : profiles) {
         KEL_LOG(History, "%s", profile ? profile->dump().c_str() : "null");
+    }
+    if (watched()) {
+        tellRefreshed();
     }
     if (options.reclaim) {
         reclaimExpired();
@@ -462,20 +490,35 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
                 return;
             }
             bool read = false;
+            std::shared_ptr<ModemProfile> entered;
             {
                 auto lock = changing();
                 auto [entry, inserted] = profiles.emplace(token, std::move(created));
                 read = inserted && entry->second != nullptr;
+                entered = entry->second;
+            }
+            if (watched()) {
+                tellProfile(ModemEvent::Kind::ProfileAdded, ModemEvent::Origin::Elsewhere,
+                            ind.techType, ind.profileId, std::nullopt, stateOf(entered));
+                // The modem follows a create with a modify of the same profile.
+                if (createdElsewhere.size() == kMaxCreatedElsewhere) {
+                    createdElsewhere.pop_front();
+                }
+                createdElsewhere.push_back({ind.techType, ind.profileId});
             }
             noteRead(ind.techType, ind.profileId, read);
             return;
         }
         case ProfileChangedEvent::Delete: {
             std::vector<std::shared_ptr<ModemProfile>> gone;
+            std::optional<ProfileState> before;
             {
                 auto lock = changing();
                 for (auto it = profiles.begin(); it != profiles.end();) {
                     if (matches(it->second)) {
+                        if (watched() && !before) {
+                            before = stateOf(it->second);
+                        }
                         gone.push_back(std::move(it->second));
                         it = profiles.erase(it);
                     } else {
@@ -484,16 +527,24 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
                 }
             }
             forgetOwn(ind.techType, ind.profileId);
+            if (watched()) {
+                tellProfile(ModemEvent::Kind::ProfileDeleted, ModemEvent::Origin::Elsewhere,
+                            ind.techType, ind.profileId, std::move(before), std::nullopt);
+            }
             noteRead(ind.techType, ind.profileId, true);
             return;
         }
         case ProfileChangedEvent::Modify: {
             // The token stays, so handles stay valid; the old object (and its listeners) goes.
             bool read = true;
+            std::optional<ProfileState> before;
+            std::shared_ptr<ModemProfile> after;
             bool matched = false;
             for (auto& [token, profile] : profiles) {
                 if (matches(profile)) {
-                    matched = true;
+                    if (!matched && watched()) {
+                        before = stateOf(profile);
+                    }
                     std::shared_ptr<ModemProfile> fresh =
                         vexWdsProxy.get(ind.techType, ind.profileId);
                     read = read && fresh != nullptr;
@@ -505,10 +556,23 @@ void ProfileCache::onIndication(ProfileChangedInd ind) {
                             fresh->incRefCount();
                         }
                     }
+                    after = matched ? after : fresh;
+                    matched = true;
                     auto lock = changing();
                     // The old object goes with fresh, after the swap, so its listeners see the
                     // new one in place.
                     profile.swap(fresh);
+                }
+            }
+            // Every announcement is told, so that none is missed when a quick series of changes
+            // is read only at its end; but the modify that follows a create is part of it.
+            if (matched && watched()) {
+                std::optional<ProfileState> now = stateOf(after);
+                const bool creation = followsCreate(ind.techType, ind.profileId);
+                if (!creation || before.has_value() != now.has_value() ||
+                    (before && !ModemEvent::diff(*before, *now).empty())) {
+                    tellProfile(ModemEvent::Kind::ProfileChanged, ModemEvent::Origin::Elsewhere,
+                                ind.techType, ind.profileId, std::move(before), std::move(now));
                 }
             }
             // A profile the cache holds no object for is not read here: if it was a hole, it
@@ -550,6 +614,73 @@ void ProfileCache::noteRead(TechType techType, int profileId, bool read) {
 
 void ProfileCache::publishPicture() {
     getStatusBoard().setPicture(listFailed, unread);
+    const bool holes = listFailed || !unread.empty();
+    if (holes == pictureHasHoles) {
+        return;
+    }
+    pictureHasHoles = holes;
+    if (watched()) {
+        ModemEvent event =
+            makeEvent(holes ? ModemEvent::Kind::PictureIncomplete : ModemEvent::Kind::PictureWhole);
+        event.listFailed = listFailed;
+        event.unread = unread;
+        notifier->post(std::move(event));
+    }
+}
+
+bool ProfileCache::followsCreate(TechType techType, int profileId) {
+    const ModemStatus::ProfileRef ref{techType, profileId};
+    auto it = std::find(createdElsewhere.begin(), createdElsewhere.end(), ref);
+    if (it == createdElsewhere.end()) {
+        return false;
+    }
+    createdElsewhere.erase(it);
+    return true;
+}
+
+void ProfileCache::setNotifier(ChangeNotifier* changeNotifier) {
+    notifier = changeNotifier;
+    getStatusBoard().setNotifier(changeNotifier);
+}
+
+std::optional<ProfileState> ProfileCache::stateOf(
+    const std::shared_ptr<ModemProfile>& profile) const {
+    if (!profile) {
+        return std::nullopt;
+    }
+    return ChangeNotifier::stateOf(*profile);
+}
+
+void ProfileCache::tellProfile(ModemEvent::Kind kind, ModemEvent::Origin origin, TechType techType,
+                               int profileId, std::optional<ProfileState> before,
+                               std::optional<ProfileState> after) {
+    ModemEvent event = makeEvent(kind);
+    event.origin = origin;
+    event.techType = techType;
+    event.profileId = profileId;
+    event.before = std::move(before);
+    event.after = std::move(after);
+    notifier->post(std::move(event));
+}
+
+void ProfileCache::tell(ModemEvent::Kind kind) {
+    notifier->post(makeEvent(kind));
+}
+
+void ProfileCache::tellRefreshed() {
+    ModemEvent event = makeEvent(ModemEvent::Kind::RefreshCompleted);
+    for (const auto& [token, profile] : profiles) {
+        if (profile) {
+            event.profiles.push_back(ChangeNotifier::stateOf(*profile));
+        }
+    }
+    std::sort(event.profiles.begin(), event.profiles.end(),
+              [](const ProfileState& a, const ProfileState& b) {
+                  return std::make_pair(a.techType, a.profileId) <
+                         std::make_pair(b.techType, b.profileId);
+              });
+    event.count = event.profiles.size();
+    notifier->post(std::move(event));
 }
 
 std::vector<std::string> ProfileCache::dump(bool onWorker) {

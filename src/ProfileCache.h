@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
@@ -20,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "ChangeNotifier.h"
 #include "EventManager.h"
 #include "ModemProfile.h"
 #include "ProfileKey.h"
@@ -73,6 +75,10 @@ class ProfileCache {
     // The modem link's status; unlike the cache itself, safe to use on any thread.
     ModemStatusBoard& getStatusBoard() { return vexWdsProxy.getStatusBoard(); }
 
+    // Where the cache's changes are told (borrowed; the Manager's, which outlives the cache). Set
+    // before the worker starts, with the status board's.
+    void setNotifier(ChangeNotifier* changeNotifier);
+
     // Tokens are process-wide and never reused; the first is 0.
     static unsigned long long generateToken();
 
@@ -110,6 +116,17 @@ class ProfileCache {
     // change.
     void noteRead(TechType techType, int profileId, bool read);
     void publishPicture();
+    // Tells the observers of a profile's change, when there are any.
+    bool watched() const { return notifier != nullptr && notifier->watched(); }
+    void tellProfile(ModemEvent::Kind kind, ModemEvent::Origin origin, TechType techType,
+                     int profileId, std::optional<ProfileState> before,
+                     std::optional<ProfileState> after);
+    void tell(ModemEvent::Kind kind);
+    void tellRefreshed();
+    // Whether a modify announcement of the profile is the one that follows its creation by
+    // another client (forgotten once asked).
+    bool followsCreate(TechType techType, int profileId);
+    std::optional<ProfileState> stateOf(const std::shared_ptr<ModemProfile>& profile) const;
 
     const Options options;
     SendRequestFn sendRequest;
@@ -129,6 +146,11 @@ class ProfileCache {
     std::vector<ModemStatus::ProfileRef> unread;  // listed or announced, but not read
     bool listFailed = false;                      // the latest refresh's list failed
     std::uint64_t pendingLink = 0;                // the link pendingTransactions were made on
+    ChangeNotifier* notifier = nullptr;           // borrowed; see setNotifier
+    bool pictureHasHoles = false;                 // as last told to the observers
+    // Created by others and not yet followed by the modem's modify; kept while watched only.
+    std::deque<ModemStatus::ProfileRef> createdElsewhere;
+    static constexpr std::size_t kMaxCreatedElsewhere = 64;
 };
 
 }  // namespace kel

@@ -46,6 +46,7 @@
 
 #include "kel/ClientRequest.h"
 #include "kel/IProfileKey.h"
+#include "kel/ModemObserver.h"
 #include "kel/ModemStatus.h"
 #include "kel/Options.h"
 #include "kel/Outcome.h"
@@ -53,6 +54,7 @@
 
 namespace kel {
 
+class ChangeNotifier;
 class ClientRequestManager;
 class RequestLink;
 
@@ -116,6 +118,14 @@ class KEL_EXPORT Manager {
     // meanwhile. A negative timeout counts as zero; one beyond 24 hours is cut to 24 hours.
     bool waitForModem(std::chrono::milliseconds timeout);
 
+    // Registers observer (kel/ModemObserver.h) from now on, before or after init and across a new
+    // init; false for an empty observer or one already registered. Any thread, the notifier
+    // thread included.
+    bool addObserver(std::shared_ptr<ModemObserver> observer);
+    // Unregisters observer; once this returns it is not called again (see kel/ModemObserver.h).
+    // False when it was not registered. Any thread, from inside the observer too.
+    bool removeObserver(const std::shared_ptr<ModemObserver>& observer);
+
   private:
     class Visit;
     class Call;
@@ -131,6 +141,8 @@ class KEL_EXPORT Manager {
     bool closed = false;                // being (or been) destroyed, or the process exits
     int visitors = 0;                   // threads inside a method; the destructor waits for none
     std::condition_variable visitorsLeft;
+    // Declared last, so destroyed after every pipeline that tells it of changes.
+    std::unique_ptr<ChangeNotifier> notifier;
 };
 
 }  // namespace kel

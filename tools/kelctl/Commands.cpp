@@ -8,6 +8,7 @@
 
 #include "CarrierApply.h"
 #include "InputFile.h"
+#include "Monitor.h"
 #include "Truth.h"
 #include "ValueNames.h"
 #include "kel/Manager.h"
@@ -223,6 +224,14 @@ Json changesJson(const std::vector<SettingChange>& changes) {
     }
     return json;
 }
+
+}  // namespace
+
+Json settingChangesJson(const std::vector<SettingChange>& changes) {
+    return changesJson(changes);
+}
+
+namespace {
 
 // What an apply command did to the modem's profiles, as text and as JSON.
 struct ProfileChanges {
@@ -834,6 +843,10 @@ const std::vector<CommandSpec>& commands() {
          kCarrier | kAllowUpdate, 1, 1, kChangesModem, cmdCarrier},
         {"drop", "NAME...", "release named handles", 0, 1, 64, kScriptOnly, cmdDrop},
         {"handles", "", "the named handles", 0, 0, 0, kScriptOnly, cmdHandles},
+        {"status", "", "the modem link: connected, bound, registered, cache loaded", 0, 0, 0, 0,
+         cmdOwnRun},
+        {"monitor", "", "follow the modem's profile and link changes as they happen", 0, 0, 0, 0,
+         cmdOwnRun},
     };
     return table;
 }

@@ -133,6 +133,8 @@ std::vector<SettingChange> settingChanges(const ProfileRow& before, const Profil
 std::string shownChange(const std::string& setting, const std::string& value);
 // "types: default -> default,mms; ip: v4 -> v4v6", secrets masked.
 std::string changesText(const std::vector<SettingChange>& changes);
+// {"types": {"from": "default", "to": "default,mms"}}: null for absent, secrets masked.
+Json settingChangesJson(const std::vector<SettingChange>& changes);
 
 // "Usage: kelctl add [options]" with the summary and the command's options.
 std::string commandHelp(const CommandSpec& definition);

@@ -114,6 +114,8 @@ class Channel {
     void error(const std::string& text) const;
     // The real standard error, for lines that must get out even as the process stops.
     int errorFd() const { return err ? err.get() : 2; }
+    // The real standard output, for a command that writes as events come (monitor).
+    int outputFd() const { return out ? out.get() : 1; }
 
     // Every line kelctl prints goes through the deadline, so none follows its last line.
     RunDeadline deadline;

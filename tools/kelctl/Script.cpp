@@ -739,4 +739,8 @@ int runShell(const std::vector<std::string>& words, GlobalOptions globals, Chann
     return run.finish(status);
 }
 
+bool prepareRun(GlobalOptions* globals, std::string* error) {
+    return settleGlobals(globals, error);
+}
+
 }  // namespace kelctl

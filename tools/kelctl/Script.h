@@ -34,6 +34,10 @@ int runScriptFile(const std::vector<std::string>& words, GlobalOptions globals, 
 // the next one is read.
 int runShell(const std::vector<std::string>& words, GlobalOptions globals, Channel& channel);
 
+// Settles which modem a run uses (--modem, VEX_SERVICE_DIR or the embedded one) and checks the
+// embedded modem's files, for a command that opens its own link. False with a reason.
+bool prepareRun(GlobalOptions* globals, std::string* error);
+
 // Splits a script line into words: blanks separate, quotes group, '#' starts a comment.
 bool splitLine(const std::string& line, std::vector<std::string>* words, std::string* error);
 

@@ -8,7 +8,7 @@ _kelctl() {
         cword=$COMP_CWORD
     }
     local commands="list dump get add modify delete filter match refresh data-call emergency
-        attach match-attach-id apply-classes apply-types carrier run shell help"
+        attach match-attach-id apply-classes apply-types carrier run shell help status monitor"
     local global="--modem --embedded --seed --state --sub --timeout --json --show-secrets
         --truncate --reference --verbose --version --help"
     local settings="--apn --ip --roam-ip --types --auth --user --password --class --clat
@@ -28,7 +28,8 @@ _kelctl() {
         --seed | --state) COMPREPLY=($(compgen -f -- "$cur")); return ;;
         --modem | -m) COMPREPLY=($(compgen -d -- "$cur")); return ;;
         --apn | -a | --user | --password | --sub | --timeout | -t | --max-conns | \
-            --max-conns-time | --wait-time | --id | --criteria | --mcc | --mnc | --mvno-match)
+            --max-conns-time | --wait-time | --id | --criteria | --mcc | --mnc | --mvno-match | \
+            --count)
             return ;;
     esac
 
@@ -65,6 +66,8 @@ _kelctl() {
         apply-types) options="$settings --allow-update --and" ;;
         carrier) options="--mcc --mnc --mvno-type --mvno-match --dry-run --allow-update" ;;
         run | shell) options="--echo" ;;
+        status) options="" ;;
+        monitor) options="--count --no-initial" ;;
         help) COMPREPLY=($(compgen -W "$commands" -- "$cur")); return ;;
     esac
     if [[ $cur == -* ]]; then

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "Monitor.h"
 #include "Options.h"
 #include "Output.h"
 #include "Script.h"
@@ -31,6 +32,10 @@ int main(int argc, char** argv) {
     if (command == "help" || globals.help) {
         const std::string topic = command != "help" ? command : rest.empty() ? "" : rest.front();
         const CommandSpec* definition = topic.empty() ? nullptr : findCommand(topic);
+        if (topic == "status" || topic == "monitor") {
+            return topic == "status" ? runStatus({"--help"}, globals, channel)
+                                     : runMonitor({"--help"}, globals, channel);
+        }
         if (definition != nullptr) {
             channel.print(commandHelp(*definition));
         } else if (topic == "run" || topic == "shell") {
@@ -43,6 +48,11 @@ int main(int argc, char** argv) {
     }
     if (command == "run") {
         return runScriptFile(rest, globals, channel);
+    }
+    // They open their own link: status describes one that is not usable, monitor outlives it.
+    if (command == "status" || command == "monitor") {
+        return command == "status" ? runStatus(rest, globals, channel)
+                                   : runMonitor(rest, globals, channel);
     }
     if (command == "shell") {
         return runShell(rest, globals, channel);

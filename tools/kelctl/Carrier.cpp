@@ -410,6 +410,7 @@ void mergeDuplicates(const std::string& file, CarrierSelection* selection) {
         if (index < kept.size()) {
             CarrierEntry& same = kept[index];
             same.mergedLines.push_back(entry.line);
+            same.mergedCarriers.push_back(entry.carrier);
             selection->warnings.push_back(
                 where + "note: merged into line " + std::to_string(same.line) +
                 (entry.bearers == same.bearers
@@ -437,9 +438,13 @@ void mergeDuplicates(const std::string& file, CarrierSelection* selection) {
 
 }  // namespace
 
+bool isDisabled(const CarrierEntry& entry) {
+    return entry.settings.hasIsApnDisabled() && entry.settings.getIsApnDisabled();
+}
+
 const CarrierEntry* CarrierSelection::attachEntry() const {
     for (const auto& entry : entries) {
-        if (entry.namesAttach) {
+        if (entry.namesAttach && !isDisabled(entry)) {
             return &entry;
         }
     }
@@ -449,7 +454,9 @@ const CarrierEntry* CarrierSelection::attachEntry() const {
 std::list<kel::ProfileParams> CarrierSelection::typeUpdates() const {
     std::list<kel::ProfileParams> updates;
     for (const auto& entry : entries) {
-        updates.push_back(entry.settings);
+        if (!isDisabled(entry)) {
+            updates.push_back(entry.settings);
+        }
     }
     return updates;
 }
@@ -493,6 +500,7 @@ bool loadCarrier(const std::string& path, const CarrierSelector& selector,
         }
         selection->entries.push_back(std::move(entry));
     }
+    selection->selectedInFile = static_cast<int>(selection->entries.size());
     mergeDuplicates(path, selection);
     return true;
 }

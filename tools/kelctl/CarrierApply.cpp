@@ -1,7 +1,9 @@
 #include "CarrierApply.h"
 
+#include <algorithm>
 #include <array>
 #include <map>
+#include <set>
 #include <utility>
 
 #include "InputFile.h"
@@ -93,44 +95,37 @@ void overlay(const kel::ProfileParams& fixUp, kel::ProfileParams& profile) {
     copyAttachSettings(fixUp, profile);
 }
 
-// Works out, with read-only library calls, what the library's Util does with the entries: the
-// profiles it changes, as they would be afterwards, and the profile attach ends on. Follows
-// Util's rules step by step, so that a plan shows what an apply sends.
+// The library keeps APN names in lower case and cut to their field; filters compare them so.
+std::string apnKey(const std::string& apn) {
+    return lower(apn).substr(0, kApnLimit);
+}
+
+// Where an entry's APN types go: by its home IP type, none counting as dual-stack.
+enum Slot { kV4Slot = 0, kV6Slot = 1, kV4V6Slot = 2 };
+
+int slotOf(const kel::ProfileParams& settings) {
+    const kel::IPType ip = settings.hasHomeIPType() ? settings.getHomeIPType() : kel::IPType::V4V6;
+    return ip == kel::IPType::V4 ? kV4Slot : ip == kel::IPType::V6 ? kV6Slot : kV4V6Slot;
+}
+
+unsigned int slotBit(unsigned int mask, int slot) {
+    return mask == 0 ? 0 : 1u << slot;
+}
+
+// The profile attach would create, until the modem gives it an index.
+const ProfileId kNewProfile{kel::TechType::TYPE_3GPP, -1};
+
+// Works out what the library's Util does with the entries: the attach search with read-only
+// library calls against the modem as it is, then the spreading of APN types over the state that
+// attach leaves, worked out locally with the filters' own rules. Attach goes first so that one
+// plan holds both steps: the attach profile is sent with the types the spreading gives it, and
+// no setting is changed twice in one run nor back and forth between runs.
 class Planner {
   public:
     Planner(const std::vector<ProfileRow>& rowsBefore, bool updateAllowed)
-        : before(rowsBefore), allowUpdate(updateAllowed) {}
-
-    // Util::updateAPNTypeBitmaskOnModemProfile.
-    void spreadTypes(const std::list<kel::ProfileParams>& entries) {
-        std::vector<std::string> names;
-        std::map<std::string, std::array<unsigned int, 3>>
-            masks;  // V4, V6, V4V6 per lower-case APN
-        for (const auto& entry : entries) {
-            if (!entry.hasApnName()) {
-                continue;
-            }
-            const std::string name = lower(entry.getApnName());
-            if (masks.count(name) == 0) {
-                names.push_back(name);
-                masks[name] = {0, 0, 0};
-            }
-            const kel::IPType ip =
-                entry.hasHomeIPType() ? entry.getHomeIPType() : kel::IPType::V4V6;
-            const int slot = ip == kel::IPType::V4 ? 0 : ip == kel::IPType::V6 ? 1 : 2;
-            masks[name][slot] |= entry.getApnTypesMask();
-        }
-        for (const auto& name : names) {
-            const auto& m = masks[name];
-            if (allowUpdate) {
-                kel::FilterProfileParams filter;
-                filter.setApnName(name);
-                setTypes(idsOf(filter), m[0] | m[1] | m[2]);
-                continue;
-            }
-            for (const auto tech : {kel::TechType::TYPE_3GPP, kel::TechType::TYPE_3GPP2}) {
-                spreadByTech(tech, m[0], m[1], m[2], name);
-            }
+        : before(rowsBefore), allowUpdate(updateAllowed) {
+        for (const auto& row : before) {
+            rows.emplace(ProfileId{row.tech, row.id}, row);
         }
     }
 
@@ -173,67 +168,163 @@ class Planner {
         return attach;
     }
 
-    // Every profile the plan changes, as it would be afterwards.
-    const std::map<ProfileId, ProfileRow>& expected() const { return after; }
-    // The profile attach would create; empty settings when it creates none.
-    const kel::ProfileParams& created() const { return createdSettings; }
+    // Util::updateAPNTypeBitmaskOnModemProfile.
+    void spreadTypes(const std::list<kel::ProfileParams>& entries) {
+        std::vector<std::string> names;
+        std::map<std::string, std::array<unsigned int, 3>> masks;  // by slot, per APN
+        for (const auto& entry : entries) {
+            if (!entry.hasApnName()) {
+                continue;
+            }
+            const std::string name = apnKey(entry.getApnName());
+            if (masks.count(name) == 0) {
+                names.push_back(name);
+                masks[name] = {0, 0, 0};
+            }
+            masks[name][slotOf(entry)] |= entry.getApnTypesMask();
+        }
+        for (const auto& name : names) {
+            const auto& m = masks[name];
+            if (allowUpdate) {
+                setTypes(matching(name, std::nullopt, std::nullopt), m[0] | m[1] | m[2],
+                         slotBit(m[0], kV4Slot) | slotBit(m[1], kV6Slot) | slotBit(m[2], kV4V6Slot),
+                         name);
+                continue;
+            }
+            for (const auto tech : {kel::TechType::TYPE_3GPP, kel::TechType::TYPE_3GPP2}) {
+                spreadByTech(tech, m, name);
+            }
+        }
+    }
 
-  private:
+    // Once both steps are planned: what attach changes beyond the types the spreading accounts
+    // for, and the types the attach profile must be sent with.
+    void finishAttach(AttachReport* attach) {
+        if (!attachId) {
+            return;
+        }
+        const ProfileRow& row = rows.at(*attachId);
+        if (*attachId == kNewProfile) {
+            if (row.params.hasApnTypesMask()) {
+                createdSettings.setApnTypesMask(row.params.getApnTypesMask());
+            }
+            attach->changes.clear();
+            for (const auto& [key, value] : settingsFields(createdSettings)) {
+                attach->changes.push_back({key, "-", value});
+            }
+            attach->summary = settingsLine(createdSettings);
+            return;
+        }
+        attach->changes = settingChanges(*rowBefore(*attachId), row);
+        if (spread.count(*attachId) != 0) {
+            attach->changes.erase(std::remove_if(attach->changes.begin(), attach->changes.end(),
+                                                 [](const SettingChange& change) {
+                                                     return change.setting == "types";
+                                                 }),
+                                  attach->changes.end());
+        }
+        attach->action = attach->changes.empty() ? "use" : "update";
+    }
+
+    // The types the attach profile ends with; nothing when there is no attach profile.
+    std::optional<unsigned int> attachTypes() const {
+        if (!attachId || !rows.at(*attachId).params.hasApnTypesMask()) {
+            return std::nullopt;
+        }
+        return rows.at(*attachId).params.getApnTypesMask();
+    }
+
+    std::optional<ProfileId> attachProfile() const { return attachId; }
+    // The profiles an entry of this APN and slot lands on, in the order they were reached.
+    std::vector<ProfileId> landing(const std::string& name, int slot) const {
+        const auto found = landed.find(name);
+        return found == landed.end() ? std::vector<ProfileId>() : found->second[slot];
+    }
+    // Every profile the plan touches, as it would be afterwards (the new one included).
+    std::map<ProfileId, ProfileRow> expected() const {
+        std::map<ProfileId, ProfileRow> changed;
+        for (const auto& id : touched) {
+            changed.emplace(id, rows.at(id));
+        }
+        return changed;
+    }
+    // The settings of the profile attach would create; empty when it creates none.
+    const kel::ProfileParams& created() const { return createdSettings; }
     const ProfileRow* rowBefore(const ProfileId& id) const {
         return findRow(before, id.first, id.second);
     }
 
-    ProfileRow* touch(const ProfileId& id) {
-        if (const auto found = after.find(id); found != after.end()) {
-            return &found->second;
+  private:
+    // Profiles of name, of tech and home IP type ip when given, as an exact filter finds them.
+    std::vector<ProfileId> matching(const std::string& name, std::optional<kel::TechType> tech,
+                                    std::optional<kel::IPType> ip) const {
+        std::vector<ProfileId> ids;
+        for (const auto& [id, row] : rows) {
+            const kel::ProfileParams& p = row.params;
+            if ((!tech || id.first == *tech) && p.hasApnName() && apnKey(p.getApnName()) == name &&
+                (!ip || (p.hasHomeIPType() && p.getHomeIPType() == *ip))) {
+                ids.push_back(id);
+            }
         }
-        const ProfileRow* row = rowBefore(id);
-        return row == nullptr ? nullptr : &after.emplace(id, *row).first->second;
+        return ids;
     }
 
-    void setTypes(const std::vector<ProfileId>& ids, unsigned int mask) {
+    void setTypes(const std::vector<ProfileId>& ids, unsigned int mask, unsigned int slots,
+                  const std::string& name) {
         for (const auto& id : ids) {
-            if (ProfileRow* row = touch(id)) {
-                row->params.setApnTypesMask(mask);
+            rows.at(id).params.setApnTypesMask(mask);
+            touched.insert(id);
+            spread.insert(id);
+            for (int slot = 0; slot < 3; ++slot) {
+                auto& list = landed[name][slot];
+                if ((slots & (1u << slot)) != 0 &&
+                    std::find(list.begin(), list.end(), id) == list.end()) {
+                    list.push_back(id);
+                }
             }
         }
     }
 
     bool updateByIpType(kel::TechType tech, kel::IPType ip, unsigned int mask,
-                        const std::string& name) {
-        kel::FilterProfileParams filter = filterFor(tech);
-        filter.setApnName(name);
-        filter.setHomeIPType(ip);
-        const auto ids = idsOf(filter);
-        setTypes(ids, mask);
+                        const std::string& name, unsigned int slots) {
+        const auto ids = matching(name, tech, ip);
+        setTypes(ids, mask, slots, name);
         return !ids.empty();
     }
 
     // Util::handleProfileUpdateByTechType: a mask without a profile of its own IP type folds into
-    // the dual-stack one; without a dual-stack profile, that one spreads over the others.
-    void spreadByTech(kel::TechType tech, unsigned int v4, unsigned int v6, unsigned int v4v6,
+    // the dual-stack one; without a dual-stack profile, that one spreads over the others. The
+    // slots say whose types each mask carries.
+    void spreadByTech(kel::TechType tech, const std::array<unsigned int, 3>& m,
                       const std::string& name) {
-        unsigned int combined = v4v6;
-        if (v4 != 0 && !updateByIpType(tech, kel::IPType::V4, v4, name)) {
-            combined |= v4;
+        unsigned int combined = m[kV4V6Slot];
+        unsigned int combinedSlots = slotBit(m[kV4V6Slot], kV4V6Slot);
+        const unsigned int v4Slot = slotBit(m[kV4Slot], kV4Slot);
+        if (m[kV4Slot] != 0 && !updateByIpType(tech, kel::IPType::V4, m[kV4Slot], name, v4Slot)) {
+            combined |= m[kV4Slot];
+            combinedSlots |= v4Slot;
         }
         unsigned int target = combined;
-        unsigned int v6Fallback = combined;
-        if (v6 != 0) {
-            v6Fallback = combined | v6;
-            if (!updateByIpType(tech, kel::IPType::V6, v6, name)) {
-                target = combined | v6;
+        unsigned int targetSlots = combinedSlots;
+        unsigned int fallback = combined;
+        unsigned int fallbackSlots = combinedSlots;
+        if (m[kV6Slot] != 0) {
+            fallback = combined | m[kV6Slot];
+            fallbackSlots = combinedSlots | (1u << kV6Slot);
+            if (!updateByIpType(tech, kel::IPType::V6, m[kV6Slot], name, 1u << kV6Slot)) {
+                target = fallback;
+                targetSlots = fallbackSlots;
             } else if (combined == 0) {
                 return;
             }
         } else if (combined == 0) {
             return;
         }
-        if (updateByIpType(tech, kel::IPType::V4V6, target, name)) {
+        if (updateByIpType(tech, kel::IPType::V4V6, target, name, targetSlots)) {
             return;
         }
-        updateByIpType(tech, kel::IPType::V4, target | v4, name);
-        updateByIpType(tech, kel::IPType::V6, v6Fallback, name);
+        updateByIpType(tech, kel::IPType::V4, target | m[kV4Slot], name, targetSlots | v4Slot);
+        updateByIpType(tech, kel::IPType::V6, fallback, name, fallbackSlots);
     }
 
     std::optional<ProfileId> first(const kel::FilterProfileParams& filter) const {
@@ -279,26 +370,27 @@ class Planner {
         if (request.hasApnName()) {
             createdSettings.setApnName(lower(request.getApnName()));
         }
-        for (const auto& [key, value] : settingsFields(createdSettings)) {
-            attach->changes.push_back({key, "-", value});
-        }
-        attach->summary = settingsLine(createdSettings);
+        ProfileRow row{kNewProfile.first, kNewProfile.second, "", "", createdSettings};
+        rows.emplace(kNewProfile, row);
+        touched.insert(kNewProfile);
+        attachId = kNewProfile;
     }
 
     void planUse(const ProfileId& id, const kel::ProfileParams& fixUp, AttachReport* attach) {
         attach->profile = profileName(id.first, id.second);
-        ProfileRow* row = touch(id);
-        if (row == nullptr) {
+        const auto found = rows.find(id);
+        if (found == rows.end()) {
             attach->action = "use";
             return;
         }
-        const ProfileRow typed = *row;
-        overlay(fixUp, row->params);
-        attach->changes = settingChanges(typed, *row);
-        attach->action = attach->changes.empty() ? "use" : "update";
-        if (typed.params.getIsKelProfile() && typed.params.getIsIAProfile()) {
-            const auto now = fieldMap(typed);
-            const auto taken = fieldMap(ProfileRow{typed.tech, typed.id, "", "", fixUp});
+        attachId = id;
+        touched.insert(id);
+        ProfileRow& row = found->second;
+        const ProfileRow old = row;
+        overlay(fixUp, row.params);
+        if (old.params.getIsKelProfile() && old.params.getIsIAProfile()) {
+            const auto now = fieldMap(old);
+            const auto taken = fieldMap(ProfileRow{old.tech, old.id, "", "", fixUp});
             for (const char* key : kLeftoverSettings) {
                 const auto value = now.find(key);
                 if (value != now.end() && taken.count(key) == 0) {
@@ -310,25 +402,34 @@ class Planner {
 
     const std::vector<ProfileRow>& before;
     const bool allowUpdate;
-    std::map<ProfileId, ProfileRow> after;
+    std::map<ProfileId, ProfileRow> rows;  // the modem as the plan leaves it
+    std::set<ProfileId> touched;           // what attach or the spreading sets
+    std::set<ProfileId> spread;            // what the spreading sets
+    std::map<std::string, std::array<std::vector<ProfileId>, 3>> landed;
+    std::optional<ProfileId> attachId;
     kel::ProfileParams createdSettings;
 };
 
-std::string valueIn(const std::map<std::string, std::string>& fields, const std::string& key) {
-    const auto found = fields.find(key);
-    return found == fields.end() ? "-" : found->second;
-}
-
-// The settings of profile that differ from wanted, one NotApplied each.
-void compare(const std::string& profile, const std::vector<SettingChange>& wanted,
+// Every setting of expected that the modem's row does not hold, one NotApplied each; the flags
+// are the modem's own and only looked at where expected names them.
+void compare(const std::string& profile, const std::map<std::string, std::string>& expected,
              const ProfileRow* row, std::vector<NotApplied>* missing) {
     const auto fields = row == nullptr ? std::map<std::string, std::string>() : fieldMap(*row);
-    for (const auto& change : wanted) {
-        const std::string got = valueIn(fields, change.setting);
-        if (got != change.to) {
-            missing->push_back({profile, change.setting, change.to, got});
+    for (const auto& [setting, wanted] : expected) {
+        const auto found = fields.find(setting);
+        const std::string got = found == fields.end() ? "-" : found->second;
+        if (got != wanted) {
+            missing->push_back({profile, setting, wanted, got});
         }
     }
+}
+
+std::map<std::string, std::string> settingsMap(const kel::ProfileParams& params) {
+    std::map<std::string, std::string> fields;
+    for (const auto& [key, value] : settingsFields(params)) {
+        fields[key] = value;
+    }
+    return fields;
 }
 
 std::vector<ProfileUpdate> updatesBetween(const std::vector<ProfileRow>& from,
@@ -357,34 +458,55 @@ std::vector<ProfileUpdate> plannedUpdates(const std::vector<ProfileRow>& before,
 }
 
 // What the apply did about attach: the profile Util chose, and whether it was the planned one.
-void checkAttach(const std::shared_ptr<kel::IProfileKey>& key, const std::vector<ProfileRow>& typed,
-                 const std::vector<ProfileRow>& after, const kel::ProfileParams& created,
-                 CarrierReport* report) {
+// before is the modem ahead of the attach step, attached right after it.
+std::optional<ProfileId> checkAttach(const std::shared_ptr<kel::IProfileKey>& key,
+                                     const std::vector<ProfileRow>& before,
+                                     const std::vector<ProfileRow>& attached,
+                                     CarrierReport* report) {
     AttachReport& attach = *report->attach;
     const std::string planned = attach.profile.empty() ? "a new profile" : attach.profile;
     if (!key) {
         report->notApplied.push_back({"attach", "profile", planned, "-"});
         attach.action = "none";
-        return;
+        return std::nullopt;
     }
-    const std::string chosen = profileName(key->getTechType(), key->getProfileId());
-    const ProfileRow* old = findRow(typed, key->getTechType(), key->getProfileId());
-    const ProfileRow* now = findRow(after, key->getTechType(), key->getProfileId());
+    const ProfileId id{key->getTechType(), key->getProfileId()};
+    const std::string chosen = profileName(id.first, id.second);
+    const ProfileRow* old = findRow(before, id.first, id.second);
+    const ProfileRow* now = findRow(attached, id.first, id.second);
     const bool wasPlanned = attach.profile.empty() ? old == nullptr : chosen == attach.profile;
     if (!wasPlanned) {
         report->notApplied.push_back({"attach", "profile", planned, chosen});
-    } else if (old == nullptr) {
-        std::vector<SettingChange> wanted;
-        for (const auto& [setting, value] : settingsFields(created)) {
-            wanted.push_back({setting, "-", value});
-        }
-        compare(chosen, wanted, now, &report->notApplied);
     }
     attach.profile = chosen;
     attach.changes = old != nullptr && now != nullptr ? settingChanges(*old, *now)
                                                       : std::vector<SettingChange>();
     attach.action = old == nullptr ? "created" : attach.changes.empty() ? "found" : "updated";
-    attach.summary = now != nullptr ? rowSummary(*now) : chosen;
+    return id;
+}
+
+// The settings the attach search relied on (APN and IP types) that the attach profile holds
+// otherwise: the library took the profile as it is.
+std::vector<AttachDifference> attachDifferences(const kel::ProfileParams& request,
+                                                const ProfileRow* row) {
+    std::vector<AttachDifference> differences;
+    if (row == nullptr) {
+        return differences;
+    }
+    const auto has = fieldMap(*row);
+    kel::ProfileParams relied;
+    if (request.hasApnName() && !request.getApnName().empty()) {
+        relied.setApnName(apnKey(request.getApnName()));
+    }
+    copyIpTypes(request, relied);
+    for (const auto& [setting, wanted] : settingsFields(relied)) {
+        const auto found = has.find(setting);
+        const std::string got = found == has.end() ? "-" : found->second;
+        if ((setting == "apn" ? apnKey(got) : got) != wanted) {
+            differences.push_back({setting, wanted, got});
+        }
+    }
+    return differences;
 }
 
 std::string entryLabel(int line, const std::string& carrier) {
@@ -515,13 +637,197 @@ void noteProfileIds(const CarrierSelection& selection, const std::vector<Profile
     }
 }
 
+std::string homeIpText(const kel::ProfileParams& settings) {
+    return ipName(settings.hasHomeIPType() ? settings.getHomeIPType() : kel::IPType::V4V6);
+}
+
+// Why an enabled entry reached no profile.
+std::string missedReason(const CarrierEntry& entry, bool allowUpdate) {
+    const kel::ProfileParams& settings = entry.settings;
+    if (!settings.hasApnName()) {
+        return "it has no APN name, and only the entry that sets up attach may go without one";
+    }
+    if (settings.getApnTypesMask() == 0) {
+        return "none of its APN types is one the modem knows";
+    }
+    return "no profile has APN \"" + apnKey(settings.getApnName()) + "\"" +
+           (allowUpdate ? "" : " with IP type " + homeIpText(settings));
+}
+
+std::string shownId(const ProfileId& id, const std::optional<ProfileId>& created) {
+    if (id == kNewProfile) {
+        return created ? profileName(created->first, created->second) : "new";
+    }
+    return profileName(id.first, id.second);
+}
+
+// What became of every entry: the profiles it reaches in the plan, or why none. created names
+// the profile attach made, once applied.
+std::vector<EntryAccount> accountFor(const CarrierSelection& selection, const Planner& planner,
+                                     const CarrierEntry* attachEntry, bool allowUpdate,
+                                     const std::optional<ProfileId>& created) {
+    std::vector<EntryAccount> accounts;
+    for (const auto& entry : selection.entries) {
+        EntryAccount account;
+        account.line = entry.line;
+        account.carrier = entry.carrier;
+        if (isDisabled(entry)) {
+            account.reason = "the carrier disabled it (carrier_enabled=\"false\")";
+        } else {
+            if (&entry == attachEntry && planner.attachProfile()) {
+                account.attach = true;
+                account.profiles.push_back(shownId(*planner.attachProfile(), created));
+            }
+            if (entry.settings.hasApnName()) {
+                for (const auto& id :
+                     planner.landing(apnKey(entry.settings.getApnName()), slotOf(entry.settings))) {
+                    const std::string name = shownId(id, created);
+                    if (std::find(account.profiles.begin(), account.profiles.end(), name) ==
+                        account.profiles.end()) {
+                        account.profiles.push_back(name);
+                    }
+                }
+            }
+            account.fate = account.profiles.empty() ? EntryFate::NotApplied : EntryFate::Applied;
+            if (account.profiles.empty()) {
+                account.reason = missedReason(entry, allowUpdate);
+            }
+        }
+        accounts.push_back(account);
+        for (std::size_t i = 0; i < entry.mergedLines.size(); ++i) {
+            EntryAccount merged;
+            merged.line = entry.mergedLines[i];
+            merged.carrier = entry.mergedCarriers[i];
+            merged.fate = EntryFate::Merged;
+            merged.mergedInto = entry.line;
+            accounts.push_back(merged);
+        }
+    }
+    std::stable_sort(accounts.begin(), accounts.end(),
+                     [](const EntryAccount& a, const EntryAccount& b) { return a.line < b.line; });
+    return accounts;
+}
+
+// An applied entry whose profile the modem did not take is not applied after all.
+void markRefused(CarrierReport* report) {
+    for (auto& account : report->entries) {
+        if (account.fate != EntryFate::Applied) {
+            continue;
+        }
+        std::vector<std::string> refused;
+        for (const auto& profile : account.profiles) {
+            for (const auto& missing : report->notApplied) {
+                if ((missing.profile == profile ||
+                     (account.attach && missing.profile == "attach")) &&
+                    std::find(refused.begin(), refused.end(), profile) == refused.end()) {
+                    refused.push_back(profile);
+                }
+            }
+        }
+        if (!refused.empty()) {
+            account.fate = EntryFate::NotApplied;
+            account.reason = "the modem did not take it on " + joined(refused) +
+                             " (the \"not applied\" lines say what)";
+        }
+    }
+}
+
+std::string entryText(const EntryAccount& account, bool dryRun) {
+    std::string text = entryLabel(account.line, escapeText(account.carrier)) + ": ";
+    switch (account.fate) {
+        case EntryFate::Applied: {
+            std::vector<std::string> profiles = account.profiles;
+            if (account.attach && profiles.front() == "new") {
+                profiles.front() = "the new attach profile";
+            } else if (account.attach) {
+                profiles.front() += " (attach)";
+            }
+            return text + (dryRun ? "would be applied to " : "applied to ") + joined(profiles);
+        }
+        case EntryFate::Merged:
+            return text + "merged into line " + std::to_string(account.mergedInto);
+        case EntryFate::NotApplied:
+            return text + (dryRun ? "would not be applied: " : "not applied: ") +
+                   escapeText(account.reason);
+    }
+    return text;
+}
+
+struct Tally {
+    int applied = 0;
+    int merged = 0;
+    int missed = 0;
+};
+
+Tally tallyOf(const CarrierReport& report) {
+    Tally tally;
+    for (const auto& account : report.entries) {
+        switch (account.fate) {
+            case EntryFate::Applied:
+                ++tally.applied;
+                break;
+            case EntryFate::Merged:
+                ++tally.merged;
+                break;
+            case EntryFate::NotApplied:
+                ++tally.missed;
+                break;
+        }
+    }
+    return tally;
+}
+
+std::string summaryText(const CarrierReport& report) {
+    const Tally tally = tallyOf(report);
+    const std::string would = report.dryRun ? "would be " : "";
+    const auto count = [](int n, const char* one, const char* many) {
+        return std::to_string(n) + " " + (n == 1 ? one : many);
+    };
+    return "summary: " + count(static_cast<int>(report.entries.size()), "entry", "entries") + ": " +
+           std::to_string(tally.applied) + " " + would + "applied, " +
+           std::to_string(tally.merged) + " merged, " + std::to_string(tally.missed) + " " +
+           (report.dryRun ? "would not be applied" : "not applied") + "; " +
+           count(static_cast<int>(report.updates.size()), "profile", "profiles") + " " + would +
+           "updated, " + std::to_string(report.created) + " " + would + "created\n";
+}
+
+const char* fateName(EntryFate fate) {
+    switch (fate) {
+        case EntryFate::Applied:
+            return "applied";
+        case EntryFate::Merged:
+            return "merged";
+        case EntryFate::NotApplied:
+            return "not_applied";
+    }
+    return "not_applied";
+}
+
+Json entryJson(const EntryAccount& account) {
+    Json json = {
+        {"line", account.line}, {"carrier", account.carrier}, {"fate", fateName(account.fate)}};
+    switch (account.fate) {
+        case EntryFate::Applied:
+            json["profiles"] = account.profiles;
+            json["attach"] = account.attach;
+            break;
+        case EntryFate::Merged:
+            json["merged_into"] = account.mergedInto;
+            break;
+        case EntryFate::NotApplied:
+            json["reason"] = account.reason;
+            break;
+    }
+    return json;
+}
+
 }  // namespace
 
 bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) {
     const CarrierSelection& selection = *inv.carrier;
     report->network = networkOf(inv.args);
     report->file = selection.file;
-    report->selected = static_cast<int>(selection.entries.size());
+    report->selected = selection.selectedInFile;
     report->inFile = selection.entriesInFile;
     report->dryRun = inv.args.dryRun;
     report->allowUpdate = inv.args.allowUpdate;
@@ -533,7 +839,6 @@ bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) 
     const auto before = snapshot(session);
     noteProfileIds(selection, before, &report->warnings);
     Planner planner(before, inv.args.allowUpdate);
-    planner.spreadTypes(selection.typeUpdates());
     const CarrierEntry* attachEntry = selection.attachEntry();
     kel::ProfileParams request;
     if (attachEntry != nullptr) {
@@ -549,28 +854,59 @@ bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) 
         report->attach->carrier = attachEntry->carrier;
         report->attach->noApn = noApn;
     }
+    planner.spreadTypes(selection.typeUpdates());
+    if (report->attach) {
+        planner.finishAttach(&*report->attach);
+        if (const auto types = planner.attachTypes()) {
+            request.setApnTypesMask(*types);
+        }
+    }
+    const auto expected = planner.expected();
+    report->created = report->attach && report->attach->step == AttachStep::Create ? 1 : 0;
     if (inv.args.dryRun) {
-        report->updates = plannedUpdates(before, planner.expected());
+        report->updates = plannedUpdates(before, expected);
+        report->entries =
+            accountFor(selection, planner, attachEntry, inv.args.allowUpdate, std::nullopt);
+        if (const auto id = planner.attachProfile(); id && report->attach) {
+            report->attachDiffers = attachDifferences(request, &expected.at(*id));
+        }
         return true;
     }
 
     session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
-    session.util.updateAPNTypeBitmaskOnModemProfile(selection.typeUpdates());
-    std::vector<ProfileRow> typed = snapshot(session);
-    std::vector<ProfileRow> after = typed;
+    std::optional<ProfileId> attached;
     if (attachEntry != nullptr) {
         const auto key = session.util.findOrCreateProfileForLteAttach(request);
-        after = snapshot(session);
-        checkAttach(key, typed, after, planner.created(), report);
+        attached = checkAttach(key, before, snapshot(session), report);
     }
+    session.util.updateAPNTypeBitmaskOnModemProfile(selection.typeUpdates());
+    const std::vector<ProfileRow> after = snapshot(session);
     report->updates = updatesBetween(before, after);
-    for (const auto& [id, row] : planner.expected()) {
-        const ProfileRow* old = findRow(before, id.first, id.second);
-        if (old != nullptr) {
-            compare(profileName(id.first, id.second), settingChanges(*old, row),
-                    findRow(after, id.first, id.second), &report->notApplied);
-        }
+    const bool createdOne = attached && planner.rowBefore(*attached) == nullptr;
+    report->created = createdOne ? 1 : 0;
+    if (attached) {
+        const ProfileRow* now = findRow(after, attached->first, attached->second);
+        report->attach->summary = now != nullptr ? rowSummary(*now) : report->attach->profile;
+        report->attachDiffers = attachDifferences(request, now);
     }
+    // Every setting the plan sets or keeps on the profiles it touches is read back.
+    for (const auto& [id, row] : expected) {
+        if (id == kNewProfile) {
+            if (createdOne) {
+                compare(profileName(attached->first, attached->second),
+                        settingsMap(planner.created()),
+                        findRow(after, attached->first, attached->second), &report->notApplied);
+            }
+            continue;
+        }
+        auto wanted = fieldMap(row);
+        wanted.erase("flags");
+        compare(profileName(id.first, id.second), wanted, findRow(after, id.first, id.second),
+                &report->notApplied);
+    }
+    report->entries = accountFor(selection, planner, attachEntry, inv.args.allowUpdate,
+                                 createdOne ? attached : std::nullopt);
+    markRefused(report);
     return report->notApplied.empty();
 }
 
@@ -586,17 +922,28 @@ std::string carrierText(const CarrierReport& report) {
     for (const auto& update : report.updates) {
         text += verb + update.profile + ": " + changesText(update.changes) + "\n";
     }
-    if (report.updates.empty()) {
+    if (report.updates.empty() && report.created == 0) {
         text += report.dryRun ? "no profile would change\n" : "no profile changed\n";
     }
     if (report.attach) {
         text += attachText(report);
+    }
+    for (const auto& differs : report.attachDiffers) {
+        text += "attach: " + report.attach->profile + " keeps " + differs.setting + "=" +
+                escapeText(differs.profile) + " where " +
+                entryLabel(report.attach->line, escapeText(report.attach->carrier)) + " gives " +
+                escapeText(differs.entry) +
+                " (the library's search takes the profile as it is; --allow-update sets it)\n";
+    }
+    for (const auto& account : report.entries) {
+        text += entryText(account, report.dryRun) + "\n";
     }
     for (const auto& missing : report.notApplied) {
         text += "not applied: " + missing.profile + " " + missing.setting + ": asked for " +
                 shownChange(missing.setting, missing.wanted) + ", the modem has " +
                 shownChange(missing.setting, missing.got) + "\n";
     }
+    text += summaryText(report);
     if (report.dryRun) {
         text += "dry run: nothing was sent to the modem\n";
     }
@@ -610,6 +957,7 @@ Json carrierJson(const CarrierReport& report) {
         {"dry_run", report.dryRun},    {"allow_update", report.allowUpdate},
         {"warnings", report.warnings}, {"updates", Json::array()},
         {"attach", nullptr},           {"not_applied", Json::array()},
+        {"entries", Json::array()},
     };
     for (const auto& update : report.updates) {
         json["updates"].push_back({{"profile", update.profile},
@@ -618,6 +966,11 @@ Json carrierJson(const CarrierReport& report) {
     }
     if (report.attach) {
         const AttachReport& attach = *report.attach;
+        Json differs = Json::array();
+        for (const auto& one : report.attachDiffers) {
+            differs.push_back(
+                {{"setting", one.setting}, {"entry", one.entry}, {"profile", one.profile}});
+        }
         json["attach"] = {
             {"line", attach.line},
             {"carrier", attach.carrier},
@@ -627,6 +980,7 @@ Json carrierJson(const CarrierReport& report) {
             {"changes", changesJson(attach.changes)},
             {"kept", attach.kept},
             {"no_apn", attach.noApn},
+            {"differs", differs},
         };
     }
     for (const auto& missing : report.notApplied) {
@@ -635,6 +989,13 @@ Json carrierJson(const CarrierReport& report) {
                                        {"wanted", shownChange(missing.setting, missing.wanted)},
                                        {"got", shownChange(missing.setting, missing.got)}});
     }
+    for (const auto& account : report.entries) {
+        json["entries"].push_back(entryJson(account));
+    }
+    const Tally tally = tallyOf(report);
+    json["summary"] = {{"entries", report.entries.size()}, {"applied", tally.applied},
+                       {"merged", tally.merged},           {"not_applied", tally.missed},
+                       {"updated", report.updates.size()}, {"created", report.created}};
     return json;
 }
 

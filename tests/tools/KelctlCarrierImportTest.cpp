@@ -1,0 +1,165 @@
+// kelctl carrier as a process against its embedded modem: an import converges, accounts for every
+// entry, and reads back every setting it set or relied on.
+#include "tools/KelctlHarness.h"
+
+namespace {
+
+using namespace kelctltest;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+// A network's internet APN written twice for other bearers, one entry with mms, the other with
+// ia: the modem keeps one profile for both.
+const char* const kTwoBearers =
+    "<apns version=\"8\">\n"
+    "  <apn carrier=\"Tel Internet\" mcc=\"262\" mnc=\"91\" apn=\"internet.tel\" "
+    "type=\"default,supl,mms\" protocol=\"IPV4V6\" roaming_protocol=\"IPV4V6\" "
+    "network_type_bitmask=\"1|2|3\" />\n"
+    "  <apn carrier=\"Tel LTE\" mcc=\"262\" mnc=\"91\" apn=\"internet.tel\" "
+    "type=\"default,supl,ia\" protocol=\"IPV4V6\" roaming_protocol=\"IPV4V6\" "
+    "network_type_bitmask=\"13\" max_conns=\"4\" max_conns_time=\"60\" />\n"
+    "  <apn carrier=\"Tel MMS\" mcc=\"262\" mnc=\"91\" apn=\"mms.tel\" type=\"mms\" "
+    "protocol=\"IP\" />\n"
+    "  <apn carrier=\"Tel Tether\" mcc=\"262\" mnc=\"91\" apn=\"tether.tel\" type=\"dun\" "
+    "protocol=\"IPV4V6\" carrier_enabled=\"false\" />\n"
+    "  <apn carrier=\"Tel Internet\" mcc=\"262\" mnc=\"91\" apn=\"internet.tel\" "
+    "type=\"default,supl,mms\" protocol=\"IPV4V6\" roaming_protocol=\"IPV4V6\" "
+    "network_type_bitmask=\"1|2|3\" />\n"
+    "</apns>\n";
+
+const char* const kTelSeed =
+    "profile 3gpp sub=0 index=1 name=web apn=internet.tel pdp=ipv4v6 lte_roam=ipv4v6 "
+    "umts_roam=ipv4v6 types=default\n"
+    "profile 3gpp sub=0 index=2 name=ims apn=ims pdp=ipv4v6 class=1 types=ims\n";
+
+class KelctlCarrierImportTest : public KelctlTest {
+  protected:
+    Outcome import(const std::vector<std::string>& more = {}) {
+        std::vector<std::string> args = {"--seed", telSeed, "--state", state,   "carrier",
+                                         file,     "--mcc", "262",     "--mnc", "91"};
+        args.insert(args.end(), more.begin(), more.end());
+        return kelctl(args);
+    }
+
+    const std::string telSeed = script("tel.conf", kTelSeed);
+    const std::string file = script("tel.xml", kTwoBearers);
+};
+
+TEST_F(KelctlCarrierImportTest, SecondIdenticalImportChangesNothingAndSaysSo) {
+    const Outcome first = import();
+    ASSERT_EQ(first.status, 0) << first.err;
+    // The spreading and the attach step agree on the profile's types: set once, not undone.
+    EXPECT_THAT(first.out, HasSubstr("updated 3gpp:1: max-conns: - -> 4; max-conns-time: - -> 60; "
+                                     "types: default -> default,mms,supl,ia\n"));
+    EXPECT_THAT(first.out, HasSubstr("attach: updated 3gpp:1 name=web apn=internet.tel"));
+
+    const Outcome plan = import({"--dry-run"});
+    EXPECT_EQ(plan.status, 0) << plan.err;
+    EXPECT_THAT(plan.out, HasSubstr("no profile would change\n"));
+    EXPECT_THAT(plan.out, HasSubstr("would use 3gpp:1 as it is\n"));
+
+    for (int run = 0; run < 2; ++run) {
+        const Outcome again = import();
+        EXPECT_EQ(again.status, 0) << again.err;
+        EXPECT_THAT(again.out, HasSubstr("no profile changed\n"));
+        EXPECT_THAT(again.out, HasSubstr("attach: found 3gpp:1 name=web"));
+        EXPECT_THAT(again.out, Not(HasSubstr("\nupdated ")));
+        EXPECT_THAT(again.out, HasSubstr("0 profiles updated, 0 created\n"));
+    }
+    const nlohmann::json profile =
+        parsed(kelctl({"--seed", telSeed, "--state", state, "get", "3gpp:1", "--json"}).out);
+    EXPECT_EQ(profile["types"], nlohmann::json({"default", "mms", "supl", "ia"}));
+}
+
+TEST_F(KelctlCarrierImportTest, EveryEntryIsAccountedForAndTheSummaryAddsUp) {
+    const Outcome outcome = import({"--json"});
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    const nlohmann::json report = parsed(outcome.out);
+    EXPECT_EQ(report["entries"], nlohmann::json::parse(R"json([
+        {"line":2,"carrier":"Tel Internet","fate":"applied","profiles":["3gpp:1"],
+         "attach":false},
+        {"line":3,"carrier":"Tel LTE","fate":"applied","profiles":["3gpp:1"],"attach":true},
+        {"line":4,"carrier":"Tel MMS","fate":"not_applied",
+         "reason":"no profile has APN \"mms.tel\" with IP type v4"},
+        {"line":5,"carrier":"Tel Tether","fate":"not_applied",
+         "reason":"the carrier disabled it (carrier_enabled=\"false\")"
+},
+        {"line":6,"carrier":"Tel Internet","fate":"merged","merged_into":2}])json"));
+    EXPECT_EQ(report["summary"], nlohmann::json::parse(R"json({"entries":5,"applied":2,"merged":1,
+        "not_applied":2,"updated":1,"created":0})json"));
+    EXPECT_EQ(report["selected"], 5);
+
+    // The text says the same, line for line, and never that nothing changed.
+    const Outcome text = import({"--dry-run"});
+    EXPECT_THAT(text.out, HasSubstr("line 4 (Tel MMS): would not be applied: no profile has APN "
+                                    "\"mms.tel\" with IP type v4\n"
+                                    "line 5 (Tel Tether): would not be applied: the carrier "
+                                    "disabled it (carrier_enabled=\"false\")\n"
+                                    "line 6 (Tel Internet): merged into line 2\n"));
+}
+
+TEST_F(KelctlCarrierImportTest, CreatedAttachProfileNeverReadsAsNothingChanged) {
+    const std::string bare = script("bare.conf",
+                                    "profile 3gpp sub=0 index=2 name=ims apn=ims "
+                                    "pdp=ipv4v6 class=1 types=ims\n");
+    const Outcome outcome =
+        kelctl({"--seed", bare, "--state", state, "carrier", file, "--mcc", "262", "--mnc", "91"});
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_THAT(outcome.out, Not(HasSubstr("no profile changed")));
+    EXPECT_THAT(outcome.out, HasSubstr("attach: created 3gpp:1 name=kel_profile_ia "
+                                       "apn=internet.tel ip=v4v6 roam-ip=v4v6 "
+                                       "types=default,mms,supl,ia"));
+    EXPECT_THAT(outcome.out, HasSubstr("line 2 (Tel Internet): applied to 3gpp:1\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("0 profiles updated, 1 created\n"));
+
+    const Outcome again =
+        kelctl({"--seed", bare, "--state", state, "carrier", file, "--mcc", "262", "--mnc", "91"});
+    EXPECT_THAT(again.out, HasSubstr("no profile changed\n"));
+    EXPECT_THAT(again.out, HasSubstr("attach: found 3gpp:1"));
+}
+
+// The library's loose search takes a profile whose roaming IP type is not the entry's; the
+// import leaves it so and says it.
+TEST_F(KelctlCarrierImportTest, AttachProfileThatDiffersFromItsEntryIsNamed) {
+    const std::string roamV4 =
+        script("roam.conf",
+               "profile 3gpp sub=0 index=1 name=web apn=internet.tel pdp=ipv4v6 "
+               "lte_roam=ipv4 umts_roam=ipv4 types=default\n");
+    const Outcome outcome = kelctl({"--seed", roamV4, "--state", state, "carrier", file, "--mcc",
+                                    "262", "--mnc", "91", "--json"});
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(
+        parsed(outcome.out)["attach"]["differs"],
+        nlohmann::json::parse(R"json([{"setting":"roam-ip","entry":"v4v6","profile":"v4"}])json"));
+    const Outcome text = kelctl(
+        {"--seed", roamV4, "--state", state, "carrier", file, "--mcc", "262", "--mnc", "91"});
+    EXPECT_THAT(text.out, HasSubstr("attach: 3gpp:1 keeps roam-ip=v4 where line 3 (Tel LTE) "
+                                    "gives v4v6"));
+
+    // Allowed to update, the import sets it, and reads it back.
+    const Outcome updated = kelctl({"--seed", roamV4, "--state", state, "carrier", file, "--mcc",
+                                    "262", "--mnc", "91", "--allow-update"});
+    EXPECT_EQ(updated.status, 0) << updated.err;
+    EXPECT_THAT(updated.out, HasSubstr("roam-ip: v4 -> v4v6"));
+    EXPECT_THAT(updated.out, Not(HasSubstr("keeps roam-ip")));
+}
+
+// Read-back covers every setting: the attach fix-up's timers refused by the modem are named.
+TEST_F(KelctlCarrierImportTest, ReadBackNamesEverySettingTheModemDidNotTake) {
+    RunningModem modem(dir.path(), telSeed);
+    ASSERT_TRUE(modem.isServing());
+    ASSERT_THAT(modem.control(dir.path(), {"fail-next", "50", "0x28"}),
+                HasSubstr("failing the next 50 requests"));
+    const Outcome outcome =
+        kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "262", "--mnc", "91", "--json"});
+    EXPECT_EQ(outcome.status, 1);
+    const nlohmann::json report = parsed(outcome.out);
+    EXPECT_EQ(report["not_applied"], nlohmann::json::parse(R"json([
+        {"profile":"3gpp:1","setting":"max-conns","wanted":"4","got":"-"},
+        {"profile":"3gpp:1","setting":"max-conns-time","wanted":"60","got":"-"},
+        {"profile":"3gpp:1","setting":"types","wanted":"default,mms,supl,ia","got":"default"}])json"));
+    EXPECT_EQ(report["entries"][0]["fate"], "not_applied");
+    EXPECT_EQ(report["summary"]["applied"], 0);
+}
+
+}  // namespace

@@ -163,3 +163,31 @@ TEST_F(KelctlCarrierImportTest, ReadBackNamesEverySettingTheModemDidNotTake) {
 }
 
 }  // namespace
+
+// Reading a large file is kelctl's own work: --timeout stops it, says so, and blames no modem.
+TEST_F(KelctlCarrierImportTest, TimeoutBoundsReadingTheFileAndSaysWhatRanOut) {
+    std::string big = "<apns version=\"8\">\n";
+    for (int i = 0; i < 20000; ++i) {
+        big += "<apn carrier=\"N\" mcc=\"262\" mnc=\"92\" apn=\"a" + std::to_string(i) +
+               ".tel\" type=\"default\" />\n";
+    }
+    const std::string bigFile = script("big.xml", big + "</apns>\n");
+    for (const bool json : {false, true}) {
+        std::vector<std::string> args = {"--seed", telSeed, "--timeout", "0.001", "carrier",
+                                         bigFile,  "--mcc", "262",       "--mnc", "92"};
+        if (json) {
+            args.push_back("--json");
+        }
+        const Outcome outcome = kelctl(args);
+        EXPECT_EQ(outcome.status, 1);
+        EXPECT_THAT(outcome.err, HasSubstr("--timeout ran out after "));
+        EXPECT_THAT(outcome.err, HasSubstr(" of 20000 entries of the network were read; nothing "
+                                           "was sent to the modem\n"));
+        EXPECT_THAT(outcome.err, Not(HasSubstr("modem answers")));
+        if (json) {
+            EXPECT_THAT(parsed(outcome.out).value("error", ""), HasSubstr("--timeout ran out"));
+        } else {
+            EXPECT_EQ(outcome.out, "");
+        }
+    }
+}

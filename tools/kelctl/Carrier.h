@@ -6,6 +6,7 @@
 #ifndef KELCTL_CARRIER_H
 #define KELCTL_CARRIER_H
 
+#include <chrono>
 #include <list>
 #include <optional>
 #include <string>
@@ -23,6 +24,8 @@ struct CarrierSelector {
     std::string mnc;
     std::string mvnoType;   // empty: the network's own entries
     std::string mvnoMatch;  // compared without regard to letter case
+    // The run's --timeout: reading stops there, with ranOut set.
+    std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
 };
 
 struct CarrierEntry {
@@ -55,6 +58,7 @@ struct CarrierSelection {
     // "FILE:LINE: warning: ..." and "FILE:LINE: note: ...", one line each; file text as read,
     // to be escaped where it is printed.
     std::vector<std::string> warnings;
+    bool ranOut = false;  // the deadline passed before the file was read and checked
 
     // The settings of the entries the carrier has not disabled (carrier_enabled="false").
     std::list<kel::ProfileParams> typeUpdates() const;

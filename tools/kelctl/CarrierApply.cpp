@@ -6,6 +6,7 @@
 #include <set>
 #include <utility>
 
+#include "CarrierPlan.h"
 #include "InputFile.h"
 #include "Output.h"
 #include "ValueNames.h"
@@ -13,8 +14,6 @@
 
 namespace kelctl {
 namespace {
-
-using ProfileId = std::pair<kel::TechType, int>;
 
 constexpr unsigned int kHomeIpEitherWay =
     static_cast<unsigned int>(kel::FilterMatchType::HomeIPSubset) |
@@ -95,23 +94,6 @@ void overlay(const kel::ProfileParams& fixUp, kel::ProfileParams& profile) {
     copyAttachSettings(fixUp, profile);
 }
 
-// The library keeps APN names in lower case and cut to their field; filters compare them so.
-std::string apnKey(const std::string& apn) {
-    return lower(apn).substr(0, kApnLimit);
-}
-
-// Where an entry's APN types go: by its home IP type, none counting as dual-stack.
-enum Slot { kV4Slot = 0, kV6Slot = 1, kV4V6Slot = 2 };
-
-int slotOf(const kel::ProfileParams& settings) {
-    const kel::IPType ip = settings.hasHomeIPType() ? settings.getHomeIPType() : kel::IPType::V4V6;
-    return ip == kel::IPType::V4 ? kV4Slot : ip == kel::IPType::V6 ? kV6Slot : kV4V6Slot;
-}
-
-unsigned int slotBit(unsigned int mask, int slot) {
-    return mask == 0 ? 0 : 1u << slot;
-}
-
 // The profile attach would create, until the modem gives it an index.
 const ProfileId kNewProfile{kel::TechType::TYPE_3GPP, -1};
 
@@ -123,11 +105,7 @@ const ProfileId kNewProfile{kel::TechType::TYPE_3GPP, -1};
 class Planner {
   public:
     Planner(const std::vector<ProfileRow>& rowsBefore, bool updateAllowed)
-        : before(rowsBefore), allowUpdate(updateAllowed) {
-        for (const auto& row : before) {
-            rows.emplace(ProfileId{row.tech, row.id}, row);
-        }
-    }
+        : before(rowsBefore), allowUpdate(updateAllowed), types(rowsBefore, updateAllowed) {}
 
     // Util::findOrCreateProfileForLteAttach with request.
     AttachReport planAttach(const kel::ProfileParams& request) {
@@ -169,33 +147,7 @@ class Planner {
     }
 
     // Util::updateAPNTypeBitmaskOnModemProfile.
-    void spreadTypes(const std::list<kel::ProfileParams>& entries) {
-        std::vector<std::string> names;
-        std::map<std::string, std::array<unsigned int, 3>> masks;  // by slot, per APN
-        for (const auto& entry : entries) {
-            if (!entry.hasApnName()) {
-                continue;
-            }
-            const std::string name = apnKey(entry.getApnName());
-            if (masks.count(name) == 0) {
-                names.push_back(name);
-                masks[name] = {0, 0, 0};
-            }
-            masks[name][slotOf(entry)] |= entry.getApnTypesMask();
-        }
-        for (const auto& name : names) {
-            const auto& m = masks[name];
-            if (allowUpdate) {
-                setTypes(matching(name, std::nullopt, std::nullopt), m[0] | m[1] | m[2],
-                         slotBit(m[0], kV4Slot) | slotBit(m[1], kV6Slot) | slotBit(m[2], kV4V6Slot),
-                         name);
-                continue;
-            }
-            for (const auto tech : {kel::TechType::TYPE_3GPP, kel::TechType::TYPE_3GPP2}) {
-                spreadByTech(tech, m, name);
-            }
-        }
-    }
+    void spreadTypes(const std::list<kel::ProfileParams>& entries) { types.spread(entries); }
 
     // Once both steps are planned: what attach changes beyond the types the spreading accounts
     // for, and the types the attach profile must be sent with.
@@ -203,7 +155,7 @@ class Planner {
         if (!attachId) {
             return;
         }
-        const ProfileRow& row = rows.at(*attachId);
+        const ProfileRow& row = types.row(*attachId);
         if (*attachId == kNewProfile) {
             if (row.params.hasApnTypesMask()) {
                 createdSettings.setApnTypesMask(row.params.getApnTypesMask());
@@ -216,7 +168,7 @@ class Planner {
             return;
         }
         attach->changes = settingChanges(*rowBefore(*attachId), row);
-        if (spread.count(*attachId) != 0) {
+        if (types.spreadTo(*attachId)) {
             attach->changes.erase(std::remove_if(attach->changes.begin(), attach->changes.end(),
                                                  [](const SettingChange& change) {
                                                      return change.setting == "types";
@@ -228,23 +180,25 @@ class Planner {
 
     // The types the attach profile ends with; nothing when there is no attach profile.
     std::optional<unsigned int> attachTypes() const {
-        if (!attachId || !rows.at(*attachId).params.hasApnTypesMask()) {
+        if (!attachId || !types.state().at(*attachId).params.hasApnTypesMask()) {
             return std::nullopt;
         }
-        return rows.at(*attachId).params.getApnTypesMask();
+        return types.state().at(*attachId).params.getApnTypesMask();
     }
 
     std::optional<ProfileId> attachProfile() const { return attachId; }
     // The profiles an entry of this APN and slot lands on, in the order they were reached.
-    std::vector<ProfileId> landing(const std::string& name, int slot) const {
-        const auto found = landed.find(name);
-        return found == landed.end() ? std::vector<ProfileId>() : found->second[slot];
+    const std::vector<ProfileId>& landing(const std::string& name, int slot) const {
+        return types.landing(name, slot);
     }
     // Every profile the plan touches, as it would be afterwards (the new one included).
     std::map<ProfileId, ProfileRow> expected() const {
         std::map<ProfileId, ProfileRow> changed;
-        for (const auto& id : touched) {
-            changed.emplace(id, rows.at(id));
+        for (const auto& id : types.spreadProfiles()) {
+            changed.emplace(id, types.state().at(id));
+        }
+        if (attachId) {
+            changed.emplace(*attachId, types.state().at(*attachId));
         }
         return changed;
     }
@@ -255,78 +209,6 @@ class Planner {
     }
 
   private:
-    // Profiles of name, of tech and home IP type ip when given, as an exact filter finds them.
-    std::vector<ProfileId> matching(const std::string& name, std::optional<kel::TechType> tech,
-                                    std::optional<kel::IPType> ip) const {
-        std::vector<ProfileId> ids;
-        for (const auto& [id, row] : rows) {
-            const kel::ProfileParams& p = row.params;
-            if ((!tech || id.first == *tech) && p.hasApnName() && apnKey(p.getApnName()) == name &&
-                (!ip || (p.hasHomeIPType() && p.getHomeIPType() == *ip))) {
-                ids.push_back(id);
-            }
-        }
-        return ids;
-    }
-
-    void setTypes(const std::vector<ProfileId>& ids, unsigned int mask, unsigned int slots,
-                  const std::string& name) {
-        for (const auto& id : ids) {
-            rows.at(id).params.setApnTypesMask(mask);
-            touched.insert(id);
-            spread.insert(id);
-            for (int slot = 0; slot < 3; ++slot) {
-                auto& list = landed[name][slot];
-                if ((slots & (1u << slot)) != 0 &&
-                    std::find(list.begin(), list.end(), id) == list.end()) {
-                    list.push_back(id);
-                }
-            }
-        }
-    }
-
-    bool updateByIpType(kel::TechType tech, kel::IPType ip, unsigned int mask,
-                        const std::string& name, unsigned int slots) {
-        const auto ids = matching(name, tech, ip);
-        setTypes(ids, mask, slots, name);
-        return !ids.empty();
-    }
-
-    // Util::handleProfileUpdateByTechType: a mask without a profile of its own IP type folds into
-    // the dual-stack one; without a dual-stack profile, that one spreads over the others. The
-    // slots say whose types each mask carries.
-    void spreadByTech(kel::TechType tech, const std::array<unsigned int, 3>& m,
-                      const std::string& name) {
-        unsigned int combined = m[kV4V6Slot];
-        unsigned int combinedSlots = slotBit(m[kV4V6Slot], kV4V6Slot);
-        const unsigned int v4Slot = slotBit(m[kV4Slot], kV4Slot);
-        if (m[kV4Slot] != 0 && !updateByIpType(tech, kel::IPType::V4, m[kV4Slot], name, v4Slot)) {
-            combined |= m[kV4Slot];
-            combinedSlots |= v4Slot;
-        }
-        unsigned int target = combined;
-        unsigned int targetSlots = combinedSlots;
-        unsigned int fallback = combined;
-        unsigned int fallbackSlots = combinedSlots;
-        if (m[kV6Slot] != 0) {
-            fallback = combined | m[kV6Slot];
-            fallbackSlots = combinedSlots | (1u << kV6Slot);
-            if (!updateByIpType(tech, kel::IPType::V6, m[kV6Slot], name, 1u << kV6Slot)) {
-                target = fallback;
-                targetSlots = fallbackSlots;
-            } else if (combined == 0) {
-                return;
-            }
-        } else if (combined == 0) {
-            return;
-        }
-        if (updateByIpType(tech, kel::IPType::V4V6, target, name, targetSlots)) {
-            return;
-        }
-        updateByIpType(tech, kel::IPType::V4, target | m[kV4Slot], name, targetSlots | v4Slot);
-        updateByIpType(tech, kel::IPType::V6, fallback, name, fallbackSlots);
-    }
-
     std::optional<ProfileId> first(const kel::FilterProfileParams& filter) const {
         const auto ids = idsOf(filter);
         return ids.empty() ? std::nullopt : std::optional<ProfileId>(ids.front());
@@ -370,22 +252,19 @@ class Planner {
         if (request.hasApnName()) {
             createdSettings.setApnName(lower(request.getApnName()));
         }
-        ProfileRow row{kNewProfile.first, kNewProfile.second, "", "", createdSettings};
-        rows.emplace(kNewProfile, row);
-        touched.insert(kNewProfile);
+        types.add(kNewProfile,
+                  ProfileRow{kNewProfile.first, kNewProfile.second, "", "", createdSettings});
         attachId = kNewProfile;
     }
 
     void planUse(const ProfileId& id, const kel::ProfileParams& fixUp, AttachReport* attach) {
         attach->profile = profileName(id.first, id.second);
-        const auto found = rows.find(id);
-        if (found == rows.end()) {
+        if (!types.has(id)) {
             attach->action = "use";
             return;
         }
         attachId = id;
-        touched.insert(id);
-        ProfileRow& row = found->second;
+        ProfileRow& row = types.row(id);
         const ProfileRow old = row;
         overlay(fixUp, row.params);
         if (old.params.getIsKelProfile() && old.params.getIsIAProfile()) {
@@ -402,10 +281,7 @@ class Planner {
 
     const std::vector<ProfileRow>& before;
     const bool allowUpdate;
-    std::map<ProfileId, ProfileRow> rows;  // the modem as the plan leaves it
-    std::set<ProfileId> touched;           // what attach or the spreading sets
-    std::set<ProfileId> spread;            // what the spreading sets
-    std::map<std::string, std::array<std::vector<ProfileId>, 3>> landed;
+    TypeSpread types;  // the modem as the plan leaves it
     std::optional<ProfileId> attachId;
     kel::ProfileParams createdSettings;
 };
@@ -836,6 +712,10 @@ bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) 
         report->details = entryDetails(selection);
     }
 
+    // Planning reads the modem but changes nothing: a deadline that passes now says so.
+    session.channel.deadline.setLine(
+        "kelctl: stopped: --timeout ran out while kelctl planned the "
+        "carrier import; nothing was changed on the modem\n");
     const auto before = snapshot(session);
     noteProfileIds(selection, before, &report->warnings);
     Planner planner(before, inv.args.allowUpdate);
@@ -873,6 +753,9 @@ bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) 
         return true;
     }
 
+    session.channel.deadline.setLine(
+        "kelctl: stopped: --timeout ran out while the carrier import was applied (the modem "
+        "answers too slowly); read the modem's profiles to see what it took\n");
     session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
     std::optional<ProfileId> attached;
     if (attachEntry != nullptr) {

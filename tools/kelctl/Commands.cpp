@@ -875,7 +875,7 @@ bool checkOperands(const CommandSpec& definition, const Args& args,
     return true;
 }
 
-bool loadCarrierPlan(Invocation* inv, std::string* error) {
+bool loadCarrierPlan(Invocation* inv, const GlobalOptions* globals, std::string* error) {
     const Args& args = inv->args;
     if (args.mcc.empty() || args.mnc.empty()) {
         *error = "needs --mcc and --mnc";
@@ -886,8 +886,12 @@ bool loadCarrierPlan(Invocation* inv, std::string* error) {
         return false;
     }
     auto selection = std::make_shared<CarrierSelection>();
-    const CarrierSelector selector{args.mcc, args.mnc, args.mvnoType, args.mvnoMatch};
+    CarrierSelector selector{args.mcc, args.mnc, args.mvnoType, args.mvnoMatch};
+    if (globals != nullptr && globals->timeoutGiven) {
+        selector.deadline = globals->started + std::chrono::milliseconds(globals->timeoutMs);
+    }
     if (!loadCarrier(args.positional.front(), selector, selection.get(), error)) {
+        inv->ranOut = selection->ranOut;
         return false;
     }
     inv->carrier = std::move(selection);
@@ -908,7 +912,7 @@ bool prepareInvocation(const CommandSpec& definition, const std::vector<std::str
         return false;
     }
     if (std::string(definition.name) == "carrier") {
-        return loadCarrierPlan(invocation, error);
+        return loadCarrierPlan(invocation, globals, error);
     }
     return true;
 }

@@ -53,6 +53,7 @@ struct Invocation {
     Args args;
     std::shared_ptr<const CarrierSelection> carrier;  // carrier: the file, read and checked
     std::vector<std::string> notes;                   // what checking changed (values cut to fit)
+    bool ranOut = false;  // --timeout passed while the input was read: not a usage error
 };
 
 // What a command produced.

@@ -6,6 +6,7 @@
 #ifndef KELCTL_OPTIONS_H
 #define KELCTL_OPTIONS_H
 
+#include <chrono>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -85,6 +86,8 @@ struct GlobalOptions {
     bool truncate = false;
     bool help = false;
     bool version = false;
+    // When the run began: --timeout counts from here, the reading of input files included.
+    std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
 };
 
 // Parses the words after a command name for a command that takes `groups`, the way getopt_long

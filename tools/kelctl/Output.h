@@ -116,7 +116,8 @@ class Channel {
     int errorFd() const { return err ? err.get() : 2; }
 
     // Every line kelctl prints goes through the deadline, so none follows its last line.
-    RunDeadline deadline;
+    // Mutable: what the deadline's line says follows the run's step, whoever holds the channel.
+    mutable RunDeadline deadline;
 
   private:
     void filterLog(UniqueFd input) const;

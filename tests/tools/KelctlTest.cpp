@@ -241,13 +241,13 @@ const BadCase kBadCases[] = {
      "--state /nonexistent/dir/modem.state: cannot be written"},
     {"ApnLongerThanItsField",
      {"add", "--apn", std::string(151, 'a')},
-     "--apn: 151 characters, but the modem holds at most 150 (--truncate"},
+     "--apn: 151 bytes, but the modem holds at most 150 (--truncate"},
     {"UserLongerThanItsField",
      {"add", "--user", std::string(200, 'u')},
-     "--user: 200 characters, but the modem holds at most 127"},
+     "--user: 200 bytes, but the modem holds at most 127"},
     {"PasswordLongerThanItsField",
      {"data-call", "--password", std::string(128, 'p')},
-     "--password: 128 characters, but the modem holds at most 127"},
+     "--password: 128 bytes, but the modem holds at most 127"},
     {"NoCommand", {}, "kelctl: no command given"},
     {"Tech", {"add", "--tech", "lte"}, "kelctl: add: --tech: \"lte\" is not one of 3gpp, 3gpp2"},
     {"Ip", {"add", "--ip", "v5"}, "kelctl: add: --ip: \"v5\" is not one of v4, v6, v4v6"},
@@ -1088,8 +1088,8 @@ TEST_F(KelctlTest, TruncateCutsOverlongValuesToTheirFieldAndSaysSo) {
     const nlohmann::json added = parsed(outcome.out);
     EXPECT_EQ(added["settings"].value("apn", ""), std::string(150, 'a'));
     EXPECT_EQ(added["settings"].value("user", ""), std::string(127, 'u'));
-    EXPECT_THAT(outcome.err, HasSubstr("kelctl: note: --apn cut to its first 150 characters\n"));
-    EXPECT_THAT(outcome.err, HasSubstr("kelctl: note: --user cut to its first 127 characters\n"));
+    EXPECT_THAT(outcome.err, HasSubstr("kelctl: note: --apn cut to its first 150 bytes\n"));
+    EXPECT_THAT(outcome.err, HasSubstr("kelctl: note: --user cut to its first 127 bytes\n"));
 }
 
 TEST_F(KelctlTest, JsonIsValidUtf8WhateverBytesTheProfilesHold) {

@@ -139,8 +139,9 @@ const ProfileRow* findRow(const std::vector<ProfileRow>& rows, kel::TechType tec
 namespace {
 
 std::string quoteIfNeeded(const std::string& text) {
-    return text.find_first_of(" \t") == std::string::npos && !text.empty() ? text
-                                                                           : "\"" + text + "\"";
+    const std::string shown = escapeText(text);
+    return shown.find_first_of(" \t") == std::string::npos && !shown.empty() ? shown
+                                                                             : "\"" + shown + "\"";
 }
 
 }  // namespace
@@ -798,13 +799,20 @@ bool fitToModemFields(Args* args, bool truncate, std::vector<std::string>* notes
             const std::string limit = std::to_string(field.limit);
             if (!truncate) {
                 *error = std::string(field.option) + ": " + std::to_string(value.size()) +
-                         " characters, but the modem holds at most " + limit +
+                         " bytes, but the modem holds at most " + limit +
                          " (--truncate cuts it to fit)";
                 return false;
             }
-            (params.*field.set)(value.substr(0, field.limit));
-            notes->push_back(std::string(field.option) + " cut to its first " + limit +
-                             " characters");
+            // The cut never falls inside a UTF-8 character: it backs off to the character's
+            // first byte.
+            std::size_t cut = field.limit;
+            while (cut > 0 && (static_cast<unsigned char>(value[cut]) & 0xC0u) == 0x80u) {
+                --cut;
+            }
+            (params.*field.set)(value.substr(0, cut));
+            notes->push_back(
+                std::string(field.option) + " cut to its first " + std::to_string(cut) + " bytes" +
+                (cut < field.limit ? " (a character would have been split at " + limit + ")" : ""));
         }
     }
     return true;

@@ -107,7 +107,7 @@ bool setIp(const std::string& value, kel::ProfileParams& params, bool roaming, s
 const std::vector<OptionSpec>& optionTable() {
     static const std::vector<OptionSpec> table = {
         // Profile settings.
-        {"--apn", "NAME", kSettings, "APN name (at most 150 characters)",
+        {"--apn", "NAME", kSettings, "APN name (at most 150 bytes)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
              current(a).setApnName(v);
              return true;
@@ -140,12 +140,12 @@ const std::vector<OptionSpec>& optionTable() {
              current(a).setAuthType(*auth);
              return true;
          }},
-        {"--user", "NAME", kSettings, "user name (at most 127 characters)",
+        {"--user", "NAME", kSettings, "user name (at most 127 bytes)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
              current(a).setUserName(v);
              return true;
          }},
-        {"--password", "TEXT", kSettings, "password (at most 127 characters)",
+        {"--password", "TEXT", kSettings, "password (at most 127 bytes)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
              current(a).setPassword(v);
              return true;

@@ -33,7 +33,7 @@ enum OptionGroup : unsigned int {
     kVerbose = 1u << 12,     // --verbose, where a script line may use it
 };
 
-// The modem's text fields and the longest value each holds, in characters.
+// The modem's text fields and the longest value each holds, in bytes (UTF-8 counts each byte).
 constexpr std::size_t kApnLimit = 150;
 constexpr std::size_t kUserNameLimit = 127;
 constexpr std::size_t kPasswordLimit = 127;

@@ -106,8 +106,9 @@ class Channel {
     Channel(const Channel&) = delete;
     Channel& operator=(const Channel&) = delete;
 
-    // False with a reason when the descriptors cannot be rearranged. With verbose and
-    // maskSecrets, the library's log passes through a filter thread that masks passwords.
+    // False with a reason when the descriptors cannot be rearranged. With verbose, the library's
+    // log passes through a filter thread that escapes what a terminal would act on and, with
+    // maskSecrets, masks passwords.
     bool claimStandardOutput(bool verbose, bool maskSecrets, std::string* error);
     void print(const std::string& text) const;
     // Standard error: errors and notes.
@@ -122,8 +123,9 @@ class Channel {
   private:
     void filterLog(UniqueFd input) const;
 
-    UniqueFd out;  // the real standard output once claimed
-    UniqueFd err;  // the real standard error once claimed
+    UniqueFd out;          // the real standard output once claimed
+    UniqueFd err;          // the real standard error once claimed
+    bool maskLog = false;  // set before the filter thread starts, read only by it
     std::thread logFilter;
 };
 

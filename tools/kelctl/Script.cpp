@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "InputFile.h"
+#include "StateLock.h"
 #include "ValueNames.h"
 
 namespace kelctl {
@@ -115,6 +116,13 @@ bool openLink(const GlobalOptions& globals, Channel& channel, ModemLink* link,
     }
     if (!channel.claimStandardOutput(globals.verbose, !globals.showSecrets, &error)) {
         channel.error("kelctl: " + error + "\n");
+        return false;
+    }
+    // Before the embedded modem reads its state: the wait counts against --timeout.
+    if (!globals.stateFile.empty() &&
+        !lockStateFile(globals.stateFile,
+                       globals.started + std::chrono::milliseconds(globals.timeoutMs), &error)) {
+        channel.error("kelctl: " + escapeText(error) + "\n");
         return false;
     }
     const std::string limit = secondsText(globals.timeoutMs);

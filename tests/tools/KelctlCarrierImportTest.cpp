@@ -191,3 +191,72 @@ TEST_F(KelctlCarrierImportTest, TimeoutBoundsReadingTheFileAndSaysWhatRanOut) {
         }
     }
 }
+
+// A network whose APNs the modem lacks: without --create nothing of it lands, and it says so;
+// with it, each APN and IP type gets a persistent profile with every setting its entry gives.
+TEST_F(KelctlCarrierImportTest, CreateAddsAPersistentProfileForEachMissingApn) {
+    const std::string lacking =
+        script("lacking.xml",
+               "<apns version=\"8\">\n"
+               "  <apn carrier=\"New MMS\" mcc=\"262\" mnc=\"95\" apn=\"MMS.new\" type=\"mms\" "
+               "protocol=\"IP\" roaming_protocol=\"IPV4V6\" authtype=\"1\" user=\"mms\" "
+               "password=\"pw\" max_conns=\"3\" max_conns_time=\"30\" wait_time=\"2\" />\n"
+               "  <apn carrier=\"New Tether\" mcc=\"262\" mnc=\"95\" apn=\"tether.new\" "
+               "type=\"dun\" protocol=\"IPV6\" />\n"
+               "  <apn carrier=\"New Tether 4\" mcc=\"262\" mnc=\"95\" apn=\"tether.new\" "
+               "type=\"dun,default\" protocol=\"IP\" />\n"
+               "</apns>\n");
+    const auto run = [&](std::vector<std::string> more) {
+        std::vector<std::string> args = {"--seed", telSeed, "--state", state,   "carrier",
+                                         lacking,  "--mcc", "262",     "--mnc", "95"};
+        args.insert(args.end(), more.begin(), more.end());
+        return kelctl(args);
+    };
+
+    const Outcome without = run({});
+    EXPECT_EQ(without.status, 0) << without.err;
+    EXPECT_THAT(without.out, HasSubstr("line 2 (New MMS): not applied: no profile has APN "
+                                       "\"mms.new\" with IP type v4\n"));
+    EXPECT_THAT(without.out, HasSubstr("summary: 3 entries: 0 applied, 0 merged, 3 not applied"));
+
+    const Outcome plan = run({"--create", "--dry-run"});
+    EXPECT_EQ(plan.status, 0) << plan.err;
+    EXPECT_THAT(plan.out, HasSubstr("create: line 2 (New MMS): would create apn=mms.new ip=v4 "
+                                    "roam-ip=v4v6 types=mms auth=pap user=mms password=<hidden> "
+                                    "max-conns=3 max-conns-time=30 wait-time=2\n"
+                                    "create: line 3 (New Tether): would create apn=tether.new "
+                                    "ip=v6 types=dun\n"
+                                    "create: line 4 (New Tether 4): would create apn=tether.new "
+                                    "ip=v4 types=default,dun\n"));
+    EXPECT_THAT(plan.out, HasSubstr("line 2 (New MMS): would be applied to a new profile\n"));
+    EXPECT_THAT(plan.out, HasSubstr("0 profiles would be updated, 3 would be created\n"));
+
+    const Outcome created = run({"--create", "--json"});
+    ASSERT_EQ(created.status, 0) << created.err;
+    const nlohmann::json report = parsed(created.out);
+    EXPECT_EQ(report["not_applied"], nlohmann::json::array()) << "every setting read back";
+    ASSERT_EQ(report["created"].size(), 3u);
+    const std::string mmsProfile = report["created"][0].value("profile", "");
+    EXPECT_EQ(report["entries"][0]["profiles"], nlohmann::json({mmsProfile}));
+    // A later run finds it: the embedded modem kept it as persistent.
+    const nlohmann::json mms = parsed(
+        kelctl({"--seed", telSeed, "--state", state, "--show-secrets", "get", mmsProfile, "--json"})
+            .out);
+    for (const auto& [key, value] : std::map<std::string, nlohmann::json>{{"apn", "mms.new"},
+                                                                          {"ip", "v4"},
+                                                                          {"roam_ip", "v4v6"},
+                                                                          {"auth", "pap"},
+                                                                          {"user", "mms"},
+                                                                          {"password", "pw"},
+                                                                          {"max_conns", 3},
+                                                                          {"max_conns_time", 30},
+                                                                          {"wait_time", 2}}) {
+        EXPECT_EQ(mms.value(key, nlohmann::json()), value) << key;
+    }
+
+    const Outcome again = run({"--create"});
+    EXPECT_EQ(again.status, 0) << again.err;
+    EXPECT_THAT(again.out, HasSubstr("no profile changed\n"));
+    EXPECT_THAT(again.out, HasSubstr("summary: 3 entries: 3 applied, 0 merged, 0 not applied; 0 "
+                                     "profiles updated, 0 created\n"));
+}

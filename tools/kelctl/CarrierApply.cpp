@@ -146,8 +146,50 @@ class Planner {
         return attach;
     }
 
+    // --create: a persistent 3GPP profile for each APN and home IP type of the entries that no
+    // profile carries (after attach), with the settings of its first entry. The spreading that
+    // follows gives it the types of every entry of its APN, as it will on the next import.
+    void planCreates(const CarrierSelection& selection) {
+        // Looked up at an APN's first entry, before this step adds a profile of it.
+        std::map<std::string, bool> carried;
+        std::set<std::pair<std::string, int>> planned;
+        for (const auto& entry : selection.entries) {
+            const kel::ProfileParams& settings = entry.settings;
+            if (isDisabled(entry) || !settings.hasApnName() || settings.getApnName().empty() ||
+                settings.getApnTypesMask() == 0) {
+                continue;
+            }
+            const std::string name = apnKey(settings.getApnName());
+            if (const auto [known, first] = carried.try_emplace(name, false); first) {
+                known->second = types.hasApn(name);
+            }
+            if (carried.at(name) || !planned.insert({name, slotOf(settings)}).second) {
+                continue;
+            }
+            kel::ProfileParams created = settings;
+            created.setApnName(lower(settings.getApnName()));
+            const ProfileId id{kel::TechType::TYPE_3GPP,
+                               kNewProfile.second - 1 - static_cast<int>(creates.size())};
+            types.add(id, ProfileRow{id.first, id.second, "", "", created});
+            creates.push_back({id, &entry, created});
+        }
+    }
+
     // Util::updateAPNTypeBitmaskOnModemProfile.
-    void spreadTypes(const std::list<kel::ProfileParams>& entries) { types.spread(entries); }
+    void spreadTypes(const std::list<kel::ProfileParams>& entries) {
+        types.spread(entries);
+        for (auto& create : creates) {
+            const ProfileRow& row = types.state().at(create.id);
+            create.settings.setApnTypesMask(row.params.getApnTypesMask());
+        }
+    }
+
+    struct Create {
+        ProfileId id;
+        const CarrierEntry* entry;
+        kel::ProfileParams settings;
+    };
+    const std::vector<Create>& plannedCreates() const { return creates; }
 
     // Once both steps are planned: what attach changes beyond the types the spreading accounts
     // for, and the types the attach profile must be sent with.
@@ -202,8 +244,6 @@ class Planner {
         }
         return changed;
     }
-    // The settings of the profile attach would create; empty when it creates none.
-    const kel::ProfileParams& created() const { return createdSettings; }
     const ProfileRow* rowBefore(const ProfileId& id) const {
         return findRow(before, id.first, id.second);
     }
@@ -283,6 +323,7 @@ class Planner {
     const bool allowUpdate;
     TypeSpread types;  // the modem as the plan leaves it
     std::optional<ProfileId> attachId;
+    std::vector<Create> creates;
     kel::ProfileParams createdSettings;
 };
 
@@ -530,18 +571,22 @@ std::string missedReason(const CarrierEntry& entry, bool allowUpdate) {
            (allowUpdate ? "" : " with IP type " + homeIpText(settings));
 }
 
-std::string shownId(const ProfileId& id, const std::optional<ProfileId>& created) {
-    if (id == kNewProfile) {
-        return created ? profileName(created->first, created->second) : "new";
+// Profiles still to be created have negative indexes in a plan; realIds has the modem's.
+using RealIds = std::map<ProfileId, ProfileId>;
+
+std::string shownId(const ProfileId& id, const RealIds& realIds) {
+    if (id.second < 0) {
+        const auto real = realIds.find(id);
+        return real == realIds.end() ? "new" : profileName(real->second.first, real->second.second);
     }
     return profileName(id.first, id.second);
 }
 
-// What became of every entry: the profiles it reaches in the plan, or why none. created names
-// the profile attach made, once applied.
+// What became of every entry: the profiles it reaches in the plan, or why none. realIds names
+// the profiles the apply created.
 std::vector<EntryAccount> accountFor(const CarrierSelection& selection, const Planner& planner,
                                      const CarrierEntry* attachEntry, bool allowUpdate,
-                                     const std::optional<ProfileId>& created) {
+                                     const RealIds& realIds) {
     std::vector<EntryAccount> accounts;
     for (const auto& entry : selection.entries) {
         EntryAccount account;
@@ -552,12 +597,12 @@ std::vector<EntryAccount> accountFor(const CarrierSelection& selection, const Pl
         } else {
             if (&entry == attachEntry && planner.attachProfile()) {
                 account.attach = true;
-                account.profiles.push_back(shownId(*planner.attachProfile(), created));
+                account.profiles.push_back(shownId(*planner.attachProfile(), realIds));
             }
             if (entry.settings.hasApnName()) {
                 for (const auto& id :
                      planner.landing(apnKey(entry.settings.getApnName()), slotOf(entry.settings))) {
-                    const std::string name = shownId(id, created);
+                    const std::string name = shownId(id, realIds);
                     if (std::find(account.profiles.begin(), account.profiles.end(), name) ==
                         account.profiles.end()) {
                         account.profiles.push_back(name);
@@ -613,10 +658,13 @@ std::string entryText(const EntryAccount& account, bool dryRun) {
     switch (account.fate) {
         case EntryFate::Applied: {
             std::vector<std::string> profiles = account.profiles;
-            if (account.attach && profiles.front() == "new") {
-                profiles.front() = "the new attach profile";
-            } else if (account.attach) {
-                profiles.front() += " (attach)";
+            for (std::size_t i = 0; i < profiles.size(); ++i) {
+                const bool attachOne = account.attach && i == 0;
+                if (profiles[i] == "new") {
+                    profiles[i] = attachOne ? "the new attach profile" : "a new profile";
+                } else if (attachOne) {
+                    profiles[i] += " (attach)";
+                }
             }
             return text + (dryRun ? "would be applied to " : "applied to ") + joined(profiles);
         }
@@ -734,6 +782,10 @@ bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) 
         report->attach->carrier = attachEntry->carrier;
         report->attach->noApn = noApn;
     }
+    report->create = inv.args.create;
+    if (inv.args.create) {
+        planner.planCreates(selection);
+    }
     planner.spreadTypes(selection.typeUpdates());
     if (report->attach) {
         planner.finishAttach(&*report->attach);
@@ -742,11 +794,15 @@ bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) 
         }
     }
     const auto expected = planner.expected();
-    report->created = report->attach && report->attach->step == AttachStep::Create ? 1 : 0;
+    report->created = (report->attach && report->attach->step == AttachStep::Create ? 1 : 0) +
+                      static_cast<int>(planner.plannedCreates().size());
     if (inv.args.dryRun) {
         report->updates = plannedUpdates(before, expected);
-        report->entries =
-            accountFor(selection, planner, attachEntry, inv.args.allowUpdate, std::nullopt);
+        for (const auto& create : planner.plannedCreates()) {
+            report->createdProfiles.push_back(
+                {create.entry->line, create.entry->carrier, "", settingsLine(create.settings)});
+        }
+        report->entries = accountFor(selection, planner, attachEntry, inv.args.allowUpdate, {});
         if (const auto id = planner.attachProfile(); id && report->attach) {
             report->attachDiffers = attachDifferences(request, &expected.at(*id));
         }
@@ -758,15 +814,40 @@ bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) 
         "answers too slowly); read the modem's profiles to see what it took\n");
     session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
     std::optional<ProfileId> attached;
+    RealIds realIds;
     if (attachEntry != nullptr) {
         const auto key = session.util.findOrCreateProfileForLteAttach(request);
         attached = checkAttach(key, before, snapshot(session), report);
     }
+    const bool createdOne = attached && planner.rowBefore(*attached) == nullptr;
+    if (createdOne) {
+        realIds.emplace(kNewProfile, *attached);
+    }
+    for (const auto& create : planner.plannedCreates()) {
+        const auto key = manager().addProfile(
+            kel::AddProfileParams(create.settings, true, kel::TechType::TYPE_3GPP, false));
+        if (key) {
+            realIds.emplace(create.id, ProfileId{key->getTechType(), key->getProfileId()});
+        } else {
+            report->notApplied.push_back(
+                {"new profile for line " + std::to_string(create.entry->line), "profile", "created",
+                 "-"});
+        }
+    }
     session.util.updateAPNTypeBitmaskOnModemProfile(selection.typeUpdates());
     const std::vector<ProfileRow> after = snapshot(session);
     report->updates = updatesBetween(before, after);
-    const bool createdOne = attached && planner.rowBefore(*attached) == nullptr;
-    report->created = createdOne ? 1 : 0;
+    report->created = static_cast<int>(realIds.size());
+    for (const auto& create : planner.plannedCreates()) {
+        const auto real = realIds.find(create.id);
+        const ProfileRow* now = real == realIds.end()
+                                    ? nullptr
+                                    : findRow(after, real->second.first, real->second.second);
+        report->createdProfiles.push_back(
+            {create.entry->line, create.entry->carrier,
+             real == realIds.end() ? "" : profileName(real->second.first, real->second.second),
+             now != nullptr ? rowSummary(*now) : settingsLine(create.settings)});
+    }
     if (attached) {
         const ProfileRow* now = findRow(after, attached->first, attached->second);
         report->attach->summary = now != nullptr ? rowSummary(*now) : report->attach->profile;
@@ -774,11 +855,12 @@ bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) 
     }
     // Every setting the plan sets or keeps on the profiles it touches is read back.
     for (const auto& [id, row] : expected) {
-        if (id == kNewProfile) {
-            if (createdOne) {
-                compare(profileName(attached->first, attached->second),
-                        settingsMap(planner.created()),
-                        findRow(after, attached->first, attached->second), &report->notApplied);
+        if (id.second < 0) {
+            const auto real = realIds.find(id);
+            if (real != realIds.end()) {
+                compare(
+                    profileName(real->second.first, real->second.second), settingsMap(row.params),
+                    findRow(after, real->second.first, real->second.second), &report->notApplied);
             }
             continue;
         }
@@ -787,8 +869,7 @@ bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) 
         compare(profileName(id.first, id.second), wanted, findRow(after, id.first, id.second),
                 &report->notApplied);
     }
-    report->entries = accountFor(selection, planner, attachEntry, inv.args.allowUpdate,
-                                 createdOne ? attached : std::nullopt);
+    report->entries = accountFor(selection, planner, attachEntry, inv.args.allowUpdate, realIds);
     markRefused(report);
     return report->notApplied.empty();
 }
@@ -810,6 +891,16 @@ std::string carrierText(const CarrierReport& report) {
     }
     if (report.attach) {
         text += attachText(report);
+    }
+    for (const auto& create : report.createdProfiles) {
+        const std::string entry = entryLabel(create.line, escapeText(create.carrier));
+        if (report.dryRun) {
+            text += "create: " + entry + ": would create " + create.summary + "\n";
+        } else if (create.profile.empty()) {
+            text += "create: " + entry + ": the modem did not add the profile\n";
+        } else {
+            text += "create: created " + create.summary + "\n";
+        }
     }
     for (const auto& differs : report.attachDiffers) {
         text += "attach: " + report.attach->profile + " keeps " + differs.setting + "=" +
@@ -840,8 +931,16 @@ Json carrierJson(const CarrierReport& report) {
         {"dry_run", report.dryRun},    {"allow_update", report.allowUpdate},
         {"warnings", report.warnings}, {"updates", Json::array()},
         {"attach", nullptr},           {"not_applied", Json::array()},
-        {"entries", Json::array()},
+        {"entries", Json::array()},    {"create", report.create},
+        {"created", Json::array()},
     };
+    for (const auto& create : report.createdProfiles) {
+        json["created"].push_back(
+            {{"line", create.line},
+             {"carrier", create.carrier},
+             {"profile", create.profile.empty() ? Json(nullptr) : Json(create.profile)},
+             {"summary", create.summary}});
+    }
     for (const auto& update : report.updates) {
         json["updates"].push_back({{"profile", update.profile},
                                    {"name", update.name},

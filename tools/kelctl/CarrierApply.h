@@ -75,6 +75,14 @@ struct AttachDifference {
     std::string profile;  // what the profile has
 };
 
+// A profile --create adds for an APN that no profile carries.
+struct CreatedProfile {
+    int line = 0;         // the entry whose settings it takes
+    std::string carrier;  // its carrier name, as written
+    std::string profile;  // "3gpp:7" once created; empty in a plan or when the modem refused
+    std::string summary;  // its settings (in a plan) or the profile as read back
+};
+
 struct CarrierReport {
     std::string network;  // "mcc 001 mnc 01", with the virtual operator when chosen
     std::string file;
@@ -82,6 +90,7 @@ struct CarrierReport {
     int inFile = 0;
     bool dryRun = false;
     bool allowUpdate = false;
+    bool create = false;
     std::vector<std::string> warnings;  // "FILE:LINE: warning: ..." / "FILE:LINE: note: ..."
     // --verbose: per entry, its settings, then the attributes and types it ignores; names from
     // the file escaped.
@@ -92,7 +101,8 @@ struct CarrierReport {
     // Every entry of the network, merged ones included, in file order.
     std::vector<EntryAccount> entries;
     std::vector<AttachDifference> attachDiffers;
-    int created = 0;  // profiles created (or that would be)
+    std::vector<CreatedProfile> createdProfiles;  // --create
+    int created = 0;  // profiles created (or that would be), the attach profile included
 };
 
 // Plans the invocation's carrier entries against the modem and, unless it is a dry run, applies

@@ -70,6 +70,15 @@ void TypeSpread::spread(const std::list<kel::ProfileParams>& entries) {
     }
 }
 
+bool TypeSpread::hasApn(const std::string& name) const {
+    for (const auto& [id, one] : profiles) {
+        if (one.params.hasApnName() && apnKey(one.params.getApnName()) == name) {
+            return true;
+        }
+    }
+    return false;
+}
+
 const std::vector<ProfileId>& TypeSpread::landing(const std::string& name, int slot) const {
     static const std::vector<ProfileId> kNone;
     const auto found = landed.find(name);

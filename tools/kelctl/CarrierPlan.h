@@ -38,6 +38,8 @@ class TypeSpread {
     ProfileRow& row(const ProfileId& id) { return profiles.at(id); }
     void add(const ProfileId& id, const ProfileRow& row) { profiles.emplace(id, row); }
     bool has(const ProfileId& id) const { return profiles.count(id) != 0; }
+    // Whether any profile, of either technology, carries the APN key.
+    bool hasApn(const std::string& name) const;
 
     void spread(const std::list<kel::ProfileParams>& entries);
 

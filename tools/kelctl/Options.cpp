@@ -287,6 +287,12 @@ const std::vector<OptionSpec>& optionTable() {
              a.dryRun = true;
              return true;
          }},
+        {"--create", nullptr, kCarrier,
+         "create a persistent profile for each APN of the carrier that no profile carries",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.create = true;
+             return true;
+         }},
         {"--started", nullptr, kRefresh, "only report that a refresh started (closes the library)",
          [](const std::string&, Args& a, GlobalOptions*, std::string*) {
              a.refreshStep = kel::PDCRefreshStatus::Started;

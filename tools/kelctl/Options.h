@@ -57,6 +57,7 @@ struct Args {
     bool verbose = false;
     bool help = false;
     bool truncate = false;  // cut values longer than their modem field instead of refusing them
+    bool create = false;    // carrier: a persistent profile for each APN no profile carries
     std::optional<int> id;
     std::optional<bool> kel;
     std::optional<bool> ia;

@@ -63,7 +63,7 @@ _kelctl() {
         attach | match-attach-id) options="$settings --allow-update" ;;
         apply-classes) options="$settings --tech --and" ;;
         apply-types) options="$settings --allow-update --and" ;;
-        carrier) options="--mcc --mnc --mvno-type --mvno-match --dry-run --allow-update" ;;
+        carrier) options="--mcc --mnc --mvno-type --mvno-match --dry-run --allow-update --create" ;;
         run | shell) options="--echo" ;;
         help) COMPREPLY=($(compgen -W "$commands" -- "$cur")); return ;;
     esac

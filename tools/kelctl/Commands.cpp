@@ -7,6 +7,7 @@
 
 #include "CarrierApply.h"
 #include "InputFile.h"
+#include "PolicyApply.h"
 #include "ValueNames.h"
 #include "kel/Manager.h"
 
@@ -224,41 +225,6 @@ Json changesJson(const std::vector<SettingChange>& changes) {
 }
 
 // What an apply command did to the modem's profiles, as text and as JSON.
-struct ProfileChanges {
-    std::string text;
-    Json json = Json::array();
-};
-
-// One line per profile that appeared, changed or went.
-ProfileChanges describeChanges(const std::vector<ProfileRow>& before,
-                               const std::vector<ProfileRow>& after) {
-    ProfileChanges result;
-    for (const auto& row : after) {
-        const ProfileRow* old = findRow(before, row.tech, row.id);
-        const std::string name = profileName(row.tech, row.id);
-        if (old == nullptr) {
-            result.text += "created " + rowSummary(row) + "\n";
-            result.json.push_back(
-                {{"change", "created"}, {"profile", name}, {"settings", profileJson(row)}});
-        } else if (const auto changes = settingChanges(*old, row); !changes.empty()) {
-            result.text += "updated " + name + ": " + changesText(changes) + "\n";
-            result.json.push_back(
-                {{"change", "updated"}, {"profile", name}, {"fields", changesJson(changes)}});
-        }
-    }
-    for (const auto& row : before) {
-        if (findRow(after, row.tech, row.id) == nullptr) {
-            const std::string name = profileName(row.tech, row.id);
-            result.text += "deleted " + name + "\n";
-            result.json.push_back({{"change", "deleted"}, {"profile", name}});
-        }
-    }
-    if (result.text.empty()) {
-        result.text = "no profile changed\n";
-    }
-    return result;
-}
-
 // Which profile a find-or-create chose and what happened to it: "found", "updated" or
 // "created", then the profile as it is now.
 struct Outcome {
@@ -578,32 +544,11 @@ bool cmdMatchAttachId(Session& session, const Invocation& inv, CommandResult* re
 }
 
 bool cmdApplyClasses(Session& session, const Invocation& inv, CommandResult* result) {
-    std::list<kel::ProfileParams> profiles3gpp;
-    std::list<kel::ProfileParams> profiles3gpp2;
-    for (const Entry& entry : inv.args.entries) {
-        (entry.tech == kel::TechType::TYPE_3GPP2 ? profiles3gpp2 : profiles3gpp)
-            .push_back(entry.settings);
-    }
-    const auto before = snapshot(session);
-    session.util.updateModemProfileByApnClass(profiles3gpp, profiles3gpp2);
-    const ProfileChanges changes = describeChanges(before, snapshot(session));
-    result->output = changes.text;
-    result->json = {{"changes", changes.json}};
-    return true;
+    return runApplyClasses(session, inv, result);
 }
 
 bool cmdApplyTypes(Session& session, const Invocation& inv, CommandResult* result) {
-    std::list<kel::ProfileParams> profiles;
-    for (const Entry& entry : inv.args.entries) {
-        profiles.push_back(entry.settings);
-    }
-    session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
-    const auto before = snapshot(session);
-    session.util.updateAPNTypeBitmaskOnModemProfile(profiles);
-    const ProfileChanges changes = describeChanges(before, snapshot(session));
-    result->output = changes.text;
-    result->json = {{"changes", changes.json}};
-    return true;
+    return runApplyTypes(session, inv, result);
 }
 
 bool cmdCarrier(Session& session, const Invocation& inv, CommandResult* result) {
@@ -695,11 +640,11 @@ const std::vector<CommandSpec>& commands() {
         {"match-attach-id", "ID", "whether 3GPP profile ID may serve initial attach",
          kSettings | kAllowUpdate, 1, 1, 0, cmdMatchAttachId},
         {"apply-classes", "", "make sure a profile exists for each APN class (--class)",
-         kSettings | kTech | kEntries, 0, 0, kChangesModem, cmdApplyClasses},
+         kSettings | kTech | kEntries | kDryRun, 0, 0, kChangesModem, cmdApplyClasses},
         {"apply-types", "", "spread each APN's types over its profiles (--apn, --types)",
-         kSettings | kAllowUpdate | kEntries, 0, 0, kChangesModem, cmdApplyTypes},
+         kSettings | kAllowUpdate | kEntries | kDryRun, 0, 0, kChangesModem, cmdApplyTypes},
         {"carrier", "FILE", "apply one carrier's entries of a carrier APN database",
-         kCarrier | kAllowUpdate, 1, 1, kChangesModem, cmdCarrier},
+         kCarrier | kAllowUpdate | kDryRun, 1, 1, kChangesModem, cmdCarrier},
         {"drop", "NAME...", "release named handles", 0, 1, 64, kScriptOnly, cmdDrop},
         {"handles", "", "the named handles", 0, 0, 0, kScriptOnly, cmdHandles},
     };

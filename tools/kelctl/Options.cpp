@@ -282,7 +282,7 @@ const std::vector<OptionSpec>& optionTable() {
              a.mvnoMatch = v;
              return true;
          }},
-        {"--dry-run", nullptr, kCarrier, "print what would change on the modem; change nothing",
+        {"--dry-run", nullptr, kDryRun, "print what would change on the modem; change nothing",
          [](const std::string&, Args& a, GlobalOptions*, std::string*) {
              a.dryRun = true;
              return true;

@@ -26,11 +26,12 @@ enum OptionGroup : unsigned int {
     kFilter = 1u << 4,       // --id, --criteria
     kKelFlag = 1u << 5,      // --kel
     kIaFlag = 1u << 6,       // --ia
-    kCarrier = 1u << 8,      // --mcc, --mnc, --mvno-type, --mvno-match, --dry-run
+    kCarrier = 1u << 8,      // --mcc, --mnc, --mvno-type, --mvno-match, --create
     kRefresh = 1u << 9,      // --started, --completed
     kEntries = 1u << 10,     // --and: several entries on one command line
     kEcho = 1u << 11,        // --echo
     kVerbose = 1u << 12,     // --verbose, where a script line may use it
+    kDryRun = 1u << 13,      // --dry-run
 };
 
 // The modem's text fields and the longest value each holds, in bytes (UTF-8 counts each byte).

@@ -567,4 +567,17 @@ std::string globalOptionsHelp() {
     return helpLines(kGlobal);
 }
 
+bool asksForJson(const std::vector<std::string>& words) {
+    static const std::string kJson = "--json";
+    for (const auto& word : words) {
+        if (word == "--") {
+            return false;
+        }
+        if (word == "-j" || (word.size() >= 3 && kJson.compare(0, word.size(), word) == 0)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace kelctl

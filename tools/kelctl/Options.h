@@ -105,6 +105,10 @@ bool parseArgs(unsigned int groups, const std::vector<std::string>& words, Args*
 bool parseLeadingGlobals(std::vector<std::string>* words, GlobalOptions* globals,
                          std::string* error);
 
+// Whether words ask for --json (or -j, or a shortening of it) before "--": a command line
+// refused before it is parsed is then answered with a JSON document too.
+bool asksForJson(const std::vector<std::string>& words);
+
 // The option lines of a command's help, one per option, aligned.
 std::string optionsHelp(unsigned int groups);
 std::string globalOptionsHelp();

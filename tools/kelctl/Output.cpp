@@ -437,10 +437,12 @@ void Channel::filterLog(UniqueFd input) const {
 // Whatever a profile, a seed, a state file or a carrier file holds, no control character and no
 // invalid UTF-8 reaches the terminal raw.
 void Channel::print(const std::string& text) const {
+    printed = printed || !text.empty();
     deadline.write(out ? out.get() : STDOUT_FILENO, terminalText(text));
 }
 
 void Channel::error(const std::string& text) const {
+    errorText = text;
     deadline.write(errorFd(), terminalText(text));
 }
 

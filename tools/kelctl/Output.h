@@ -115,6 +115,10 @@ class Channel {
     void error(const std::string& text) const;
     // The real standard error, for lines that must get out even as the process stops.
     int errorFd() const { return err ? err.get() : 2; }
+    // What a run printed so far: whether anything went to standard output, and the last text
+    // that went to standard error.
+    bool printedOutput() const { return printed; }
+    const std::string& lastError() const { return errorText; }
 
     // Every line kelctl prints goes through the deadline, so none follows its last line.
     // Mutable: what the deadline's line says follows the run's step, whoever holds the channel.
@@ -123,9 +127,11 @@ class Channel {
   private:
     void filterLog(UniqueFd input) const;
 
-    UniqueFd out;          // the real standard output once claimed
-    UniqueFd err;          // the real standard error once claimed
-    bool maskLog = false;  // set before the filter thread starts, read only by it
+    UniqueFd out;                  // the real standard output once claimed
+    UniqueFd err;                  // the real standard error once claimed
+    bool maskLog = false;          // set before the filter thread starts, read only by it
+    mutable bool printed = false;  // main thread only, like print and error
+    mutable std::string errorText;
     std::thread logFilter;
 };
 

@@ -224,6 +224,14 @@ Json changesJson(const std::vector<SettingChange>& changes) {
     return json;
 }
 
+}  // namespace
+
+Json settingChangesJson(const std::vector<SettingChange>& changes) {
+    return changesJson(changes);
+}
+
+namespace {
+
 // What an apply command did to the modem's profiles, as text and as JSON.
 // Which profile a find-or-create chose and what happened to it: "found", "updated" or
 // "created", then the profile as it is now.

@@ -24,16 +24,6 @@ std::string shownProfile(const ProfileRow& row) {
            (isEmergencyProfile(row) ? " (the emergency profile)" : "");
 }
 
-Json changesJson(const std::vector<SettingChange>& changes) {
-    Json list = Json::array();
-    for (const auto& change : changes) {
-        list.push_back({{"setting", change.setting},
-                        {"from", shownChange(change.setting, change.from)},
-                        {"to", shownChange(change.setting, change.to)}});
-    }
-    return list;
-}
-
 // What the plan expects: the profiles it changes as they would be, and the profiles it adds.
 struct Plan {
     std::map<ProfileId, ProfileRow> changed;
@@ -61,7 +51,7 @@ void describe(const std::vector<ProfileRow>& before, const Plan& plan, bool dryR
         report->json.push_back({{"change", dryRun ? "update" : "updated"},
                                 {"profile", profileName(id.first, id.second)},
                                 {"emergency", isEmergencyProfile(*old)},
-                                {"fields", changesJson(changes)}});
+                                {"fields", settingChangesJson(changes)}});
     }
     for (const auto& row : plan.added) {
         report->text += std::string(dryRun ? "would create a persistent " : "created ") +
@@ -147,8 +137,8 @@ void overlayAll(const kel::ProfileParams& from, kel::TechType tech, kel::Profile
     if (copy.hasApnName()) {
         copy.setApnName(lower(copy.getApnName()));
     }
-    for (const auto& [key, value] : settingsFields(copy)) {
-        (void)value;
+    for (const auto& field : settingsFields(copy)) {
+        const std::string& key = field.first;
         if (tech == kel::TechType::TYPE_3GPP2 &&
             (key == "emergency-calls" || key == "disabled" || key == "max-conns" ||
              key == "max-conns-time" || key == "wait-time")) {

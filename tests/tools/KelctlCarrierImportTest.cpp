@@ -162,8 +162,6 @@ TEST_F(KelctlCarrierImportTest, ReadBackNamesEverySettingTheModemDidNotTake) {
     EXPECT_EQ(report["summary"]["applied"], 0);
 }
 
-}  // namespace
-
 // Reading a large file is kelctl's own work: --timeout stops it, says so, and blames no modem.
 TEST_F(KelctlCarrierImportTest, TimeoutBoundsReadingTheFileAndSaysWhatRanOut) {
     std::string big = "<apns version=\"8\">\n";
@@ -260,3 +258,61 @@ TEST_F(KelctlCarrierImportTest, CreateAddsAPersistentProfileForEachMissingApn) {
     EXPECT_THAT(again.out, HasSubstr("summary: 3 entries: 3 applied, 0 merged, 0 not applied; 0 "
                                      "profiles updated, 0 created\n"));
 }
+
+struct NetworkImport {
+    const char* name;
+    const char* file;  // under tests/data, or the shipped one under data/carrier
+    std::vector<std::string> selector;
+};
+
+const NetworkImport kNetworkImports[] = {
+    {"EdgeCases", "tests/data/apns-networks.xml", {"--mcc", "001", "--mnc", "01"}},
+    {"OneDigitMnc", "tests/data/apns-networks.xml", {"--mcc", "002", "--mnc", "0"}},
+    {"VirtualOperatorGid",
+     "tests/data/apns-networks.xml",
+     {"--mcc", "003", "--mnc", "30", "--mvno-type", "gid", "--mvno-match", "2A"}},
+    {"VirtualOperatorSpn",
+     "tests/data/apns-networks.xml",
+     {"--mcc", "003", "--mnc", "30", "--mvno-type", "spn", "--mvno-match", "One"}},
+    {"AttachWithLeftovers", "tests/data/apns-networks.xml", {"--mcc", "005", "--mnc", "02"}},
+    {"Quirks", "tests/data/apns-quirks.xml", {"--mcc", "001", "--mnc", "01"}},
+    {"Shipped", "data/carrier/apns-conf.xml", {"--mcc", "001", "--mnc", "01"}},
+};
+
+void PrintTo(const NetworkImport& network, std::ostream* os) {
+    *os << network.name;
+}
+
+class KelctlNetworkConvergenceTest : public KelctlTest,
+                                     public ::testing::WithParamInterface<NetworkImport> {};
+
+// Every network and virtual operator, with and without --create and --allow-update: the second
+// identical import changes nothing.
+TEST_P(KelctlNetworkConvergenceTest, SecondImportChangesNothing) {
+    for (const std::vector<std::string>& mode : std::vector<std::vector<std::string>>{
+             {}, {"--create"}, {"--allow-update"}, {"--create", "--allow-update"}}) {
+        const std::string modeState =
+            dir.file("state" + std::to_string(mode.size()) + (mode.empty() ? "" : mode.front()));
+        std::vector<std::string> args = {"--state", modeState, "carrier",
+                                         testsupport::sourceDir() + "/" + GetParam().file};
+        args.insert(args.end(), GetParam().selector.begin(), GetParam().selector.end());
+        args.insert(args.end(), mode.begin(), mode.end());
+        const Outcome first = seeded(args);
+        ASSERT_EQ(first.status, 0) << first.err;
+        args.push_back("--json");
+        const Outcome second = seeded(args);
+        ASSERT_EQ(second.status, 0) << second.err;
+        const nlohmann::json report = parsed(second.out);
+        EXPECT_EQ(report["updates"], nlohmann::json::array()) << first.out << second.out;
+        EXPECT_EQ(report["summary"]["created"], 0) << second.out;
+        if (!report["attach"].is_null()) {
+            EXPECT_EQ(report["attach"]["action"], "found") << second.out;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Networks, KelctlNetworkConvergenceTest,
+                         ::testing::ValuesIn(kNetworkImports),
+                         [](const auto& testCase) { return std::string(testCase.param.name); });
+
+}  // namespace

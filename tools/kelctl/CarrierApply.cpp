@@ -760,8 +760,15 @@ bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) 
         report->details = entryDetails(selection);
     }
 
-    // Planning reads the modem but changes nothing: a deadline that passes now says so.
-    session.channel.deadline.setLine(
+    // Planning reads the modem but changes nothing: a deadline that passes now says so. The
+    // run's own line is back once the import is done (a script goes on).
+    RunDeadline& deadline = session.channel.deadline;
+    struct LineBack {
+        RunDeadline& deadline;
+        const std::string line;
+        ~LineBack() { deadline.setLine(line); }
+    } lineBack{deadline, deadline.line()};
+    deadline.setLine(
         "kelctl: stopped: --timeout ran out while kelctl planned the "
         "carrier import; nothing was changed on the modem\n");
     const auto before = snapshot(session);
@@ -809,7 +816,7 @@ bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) 
         return true;
     }
 
-    session.channel.deadline.setLine(
+    deadline.setLine(
         "kelctl: stopped: --timeout ran out while the carrier import was applied (the modem "
         "answers too slowly); read the modem's profiles to see what it took\n");
     session.util.setProfileUpdateAllowed(inv.args.allowUpdate);

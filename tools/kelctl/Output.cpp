@@ -322,6 +322,11 @@ void RunDeadline::setLine(const std::string& line) {
     message = line;
 }
 
+std::string RunDeadline::line() const {
+    std::lock_guard<std::mutex> guard(lock);
+    return message;
+}
+
 void RunDeadline::setCleanup(const std::string& directory) {
     std::lock_guard<std::mutex> guard(lock);
     cleanupDir = directory;

@@ -76,6 +76,7 @@ class RunDeadline {
     void arm(std::chrono::milliseconds limit, int errorFd, const std::string& line);
     // What the line says from now on, e.g. what the run is waiting for.
     void setLine(const std::string& line);
+    std::string line() const;
     // A directory to remove before exiting (the embedded modem's).
     void setCleanup(const std::string& directory);
     void disarm();

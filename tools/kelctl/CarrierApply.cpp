@@ -168,6 +168,10 @@ class Planner {
             }
             kel::ProfileParams created = settings;
             created.setApnName(lower(settings.getApnName()));
+            // The spreading counts an entry without home IP type as dual-stack; so is its profile.
+            if (!created.hasHomeIPType()) {
+                created.setHomeIPType(kel::IPType::V4V6);
+            }
             const ProfileId id{kel::TechType::TYPE_3GPP,
                                kNewProfile.second - 1 - static_cast<int>(creates.size())};
             types.add(id, ProfileRow{id.first, id.second, "", "", created});

@@ -241,13 +241,13 @@ const BadCase kBadCases[] = {
      "--state /nonexistent/dir/modem.state: cannot be written"},
     {"ApnLongerThanItsField",
      {"add", "--apn", std::string(151, 'a')},
-     "--apn: 151 characters, but the modem holds at most 150 (--truncate"},
+     "--apn: 151 bytes, but the modem holds at most 150 (--truncate"},
     {"UserLongerThanItsField",
      {"add", "--user", std::string(200, 'u')},
-     "--user: 200 characters, but the modem holds at most 127"},
+     "--user: 200 bytes, but the modem holds at most 127"},
     {"PasswordLongerThanItsField",
      {"data-call", "--password", std::string(128, 'p')},
-     "--password: 128 characters, but the modem holds at most 127"},
+     "--password: 128 bytes, but the modem holds at most 127"},
     {"NoCommand", {}, "kelctl: no command given"},
     {"Tech", {"add", "--tech", "lte"}, "kelctl: add: --tech: \"lte\" is not one of 3gpp, 3gpp2"},
     {"Ip", {"add", "--ip", "v5"}, "kelctl: add: --ip: \"v5\" is not one of v4, v6, v4v6"},
@@ -562,6 +562,18 @@ TEST_F(KelctlTest, CarrierVerboseDryRunMapsEveryQuirkAndChangesNothing) {
                   "would update 3gpp:2: types: ims -> ims,xcap\n"
                   "attach: line 5 (Quirk & Co Internet): would create the attach profile: "
                   "apn=internet.quirk ip=v4v6 roam-ip=v4 types=default,supl,ia\n"
+                  "line 5 (Quirk & Co Internet): would be applied to the new attach profile\n"
+                  "line 8 (Quirk MMS): would not be applied: no profile has APN \"mms.quirk\" "
+                  "with IP type v4\n"
+                  "line 11 (Quirk Attach): would not be applied: it has no APN name, and only "
+                  "the entry that sets up attach may go without one\n"
+                  "line 13 (Quirk IMS): would be applied to 3gpp:2\n"
+                  "line 15 (Quirk All): would not be applied: the carrier disabled it "
+                  "(carrier_enabled=\"false\")\n"
+                  "line 17 (Quirk Untyped): would not be applied: no profile has APN "
+                  "\"untyped.quirk\" with IP type v4v6\n"
+                  "summary: 6 entries: 2 would be applied, 0 merged, 4 would not be applied; 1 "
+                  "profile would be updated, 1 would be created\n"
                   "dry run: nothing was sent to the modem\n");
     EXPECT_EQ(seeded({"--state", state, "list"}).out, before.out);
 
@@ -588,6 +600,14 @@ TEST_F(KelctlTest, CarrierPlanOnTheShippedSeedShowsTheChangesAndChangesNothing) 
                             "would update 3gpp:2: types: ims -> ims,xcap\n"
                             "attach: line 11 (Testnet Internet): would update 3gpp:1: max-conns: "
                             "- -> 20; max-conns-time: - -> 300; wait-time: - -> 0\n"
+                            "line 11 (Testnet Internet): would be applied to 3gpp:1 (attach)\n"
+                            "line 20 (Testnet MMS): would be applied to 3gpp:3\n"
+                            "line 29 (Testnet IMS): would be applied to 3gpp:2\n"
+                            "line 36 (Testnet Emergency): would be applied to 3gpp:4\n"
+                            "line 43 (Testnet Tethering): would not be applied: the carrier "
+                            "disabled it (carrier_enabled=\"false\")\n"
+                            "summary: 5 entries: 4 would be applied, 0 merged, 1 would not be "
+                            "applied; 2 profiles would be updated, 0 would be created\n"
                             "dry run: nothing was sent to the modem\n");
     EXPECT_EQ(modem.control(dir.path(), {"profiles"}), before);
 
@@ -599,7 +619,9 @@ TEST_F(KelctlTest, CarrierPlanOnTheShippedSeedShowsTheChangesAndChangesNothing) 
                                        "300; types: default,supl -> default,supl,hipri,ia; "
                                        "wait-time: - -> 0\nupdated 3gpp:2: types: ims -> "
                                        "ims,xcap\nattach: updated 3gpp:1 name=internet"));
-    EXPECT_THAT(applied.out, Not(HasSubstr("not applied")));
+    EXPECT_THAT(applied.out, Not(HasSubstr("\nnot applied: ")));
+    EXPECT_THAT(applied.out, HasSubstr("summary: 5 entries: 4 applied, 0 merged, 1 not applied; "
+                                       "2 profiles updated, 0 created\n"));
 }
 
 TEST_F(KelctlTest, CarrierSelectsAVirtualOperatorOnlyWhenAsked) {
@@ -645,14 +667,22 @@ TEST_F(KelctlTest, CarrierImportLeavesImsAloneAndAppliesTheRestWithWarnings) {
         seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc", "01"});
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     EXPECT_EQ(outcome.out,
-              "carrier mcc 001 mnc 01: 5 of 13 entries in " + file +
+              "carrier mcc 001 mnc 01: 6 of 13 entries in " + file +
                   "\n"
                   "updated 3gpp:1: types: default,supl -> default,supl,hipri\n"
                   "updated 3gpp:2: types: ims -> ims,mcx,xcap\n"
                   "attach: created 3gpp:5 name=kel_profile_ia apn=\"\" ip=v4v6 roam-ip=v4v6 "
                   "types=ia flags=kel,ia\n"
                   "attach: line 5 (Edge Attach) has no APN name (the network assigns it): "
-                  "profiles that carry an APN are left alone\n");
+                  "profiles that carry an APN are left alone\n"
+                  "line 5 (Edge Attach): applied to 3gpp:5 (attach)\n"
+                  "line 7 (Edge Internet): applied to 3gpp:1\n"
+                  "line 9 (Edge IMS): applied to 3gpp:2\n"
+                  "line 11 (Edge MMS): applied to 3gpp:3\n"
+                  "line 13 (Edge MMS): merged into line 11\n"
+                  "line 15 (Edge IMS 3G): applied to 3gpp:2\n"
+                  "summary: 6 entries: 5 applied, 1 merged, 0 not applied; 2 profiles updated, "
+                  "1 created\n");
     EXPECT_EQ(outcome.err,
               "kelctl: carrier: " + file +
                   ":7: warning: roaming_protocol=\"IPV4\" is not one of IP, IPV6, IPV4V6; the "
@@ -1058,8 +1088,8 @@ TEST_F(KelctlTest, TruncateCutsOverlongValuesToTheirFieldAndSaysSo) {
     const nlohmann::json added = parsed(outcome.out);
     EXPECT_EQ(added["settings"].value("apn", ""), std::string(150, 'a'));
     EXPECT_EQ(added["settings"].value("user", ""), std::string(127, 'u'));
-    EXPECT_THAT(outcome.err, HasSubstr("kelctl: note: --apn cut to its first 150 characters\n"));
-    EXPECT_THAT(outcome.err, HasSubstr("kelctl: note: --user cut to its first 127 characters\n"));
+    EXPECT_THAT(outcome.err, HasSubstr("kelctl: note: --apn cut to its first 150 bytes\n"));
+    EXPECT_THAT(outcome.err, HasSubstr("kelctl: note: --user cut to its first 127 bytes\n"));
 }
 
 TEST_F(KelctlTest, JsonIsValidUtf8WhateverBytesTheProfilesHold) {

@@ -6,8 +6,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <set>
 #include <sstream>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "InputFile.h"
@@ -328,15 +331,16 @@ bool networkEntries(const Elements& all, const CarrierSelector& selector, Elemen
 std::string mvnoSelectors(const Elements& elements) {
     constexpr std::size_t kShown = 8;
     std::vector<std::string> seen;
+    std::unordered_set<std::string> known;
     for (const auto* element : elements) {
         const std::string type = lower(attributeOf(*element, "mvno_type"));
         if (type.empty()) {
             continue;
         }
-        const std::string one = "--mvno-type " + type + " --mvno-match \"" +
-                                attributeOf(*element, "mvno_match_data") + "\"";
-        if (std::find(seen.begin(), seen.end(), one) == seen.end()) {
-            seen.push_back(one);
+        std::string one = "--mvno-type " + type + " --mvno-match \"" +
+                          attributeOf(*element, "mvno_match_data") + "\"";
+        if (known.insert(one).second) {
+            seen.push_back(std::move(one));
         }
     }
     std::string text;
@@ -393,53 +397,60 @@ std::string apnOf(const kel::ProfileParams& settings) {
 
 // Folds entries with the same settings into the first of them, and warns about entries of one
 // APN and IP type that the database keeps apart only by bearer: the modem has one profile for
-// both.
+// both. Each entry is looked up once, so a file of one network with many entries is read in
+// linear time.
 void mergeDuplicates(const std::string& file, CarrierSelection* selection) {
     std::vector<CarrierEntry> kept;
-    // Compared in clear: the printed settings mask passwords, and two entries that differ only
-    // by their password are two entries. One per kept entry, computed once.
-    std::vector<std::vector<std::pair<std::string, std::string>>> keptFields;
+    // Keyed in clear: the printed settings mask passwords, and two entries that differ only by
+    // their password are two entries.
+    std::unordered_map<std::string, std::size_t> keptBySettings;
+    // Per APN and home IP type, the first kept line for each bearer limitation.
+    std::unordered_map<std::string, std::map<std::string, int>> linesByBearers;
     for (auto& entry : selection->entries) {
         const std::string where = file + ":" + std::to_string(entry.line) + ": ";
-        auto fields = settingsFields(entry.settings);
-        std::size_t index = 0;
-        while (index < kept.size() &&
-               !(keptFields[index] == fields && kept[index].namesAttach == entry.namesAttach)) {
-            ++index;
+        std::string key = entry.namesAttach ? "ia" : "-";
+        for (const auto& [name, value] : settingsFields(entry.settings)) {
+            key += '\0' + name + '\0' + value;
         }
-        if (index < kept.size()) {
-            CarrierEntry& same = kept[index];
-            same.mergedLines.push_back(entry.line);
+        if (const auto same = keptBySettings.find(key); same != keptBySettings.end()) {
+            CarrierEntry& first = kept[same->second];
+            first.mergedLines.push_back(entry.line);
+            first.mergedCarriers.push_back(entry.carrier);
             selection->warnings.push_back(
-                where + "note: merged into line " + std::to_string(same.line) +
-                (entry.bearers == same.bearers
+                where + "note: merged into line " + std::to_string(first.line) +
+                (entry.bearers == first.bearers
                      ? ": the same entry again"
                      : ": the two differ only by bearer or network type"));
             continue;
         }
-        for (const auto& other : kept) {
-            if (apnOf(other.settings) == apnOf(entry.settings) &&
-                homeIpOf(other.settings) == homeIpOf(entry.settings) &&
-                other.bearers != entry.bearers) {
+        auto& byBearers = linesByBearers[apnOf(entry.settings) + '\0' + homeIpOf(entry.settings)];
+        // At most one kept limitation equals this one, so the second candidate differs.
+        for (const auto& [bearers, line] : byBearers) {
+            if (bearers != entry.bearers) {
                 selection->warnings.push_back(
                     where + "warning: APN \"" + apnOf(entry.settings) + "\" (ip " +
-                    homeIpOf(entry.settings) + ") is also at line " + std::to_string(other.line) +
+                    homeIpOf(entry.settings) + ") is also at line " + std::to_string(line) +
                     " for other bearers; the modem keeps one profile for both: their APN types "
                     "are joined, and only the first entry that names ia sets up attach");
                 break;
             }
         }
+        byBearers.emplace(entry.bearers, entry.line);
+        keptBySettings.emplace(std::move(key), kept.size());
         kept.push_back(std::move(entry));
-        keptFields.push_back(std::move(fields));
     }
     selection->entries = std::move(kept);
 }
 
 }  // namespace
 
+bool isDisabled(const CarrierEntry& entry) {
+    return entry.settings.hasIsApnDisabled() && entry.settings.getIsApnDisabled();
+}
+
 const CarrierEntry* CarrierSelection::attachEntry() const {
     for (const auto& entry : entries) {
-        if (entry.namesAttach) {
+        if (entry.namesAttach && !isDisabled(entry)) {
             return &entry;
         }
     }
@@ -449,7 +460,9 @@ const CarrierEntry* CarrierSelection::attachEntry() const {
 std::list<kel::ProfileParams> CarrierSelection::typeUpdates() const {
     std::list<kel::ProfileParams> updates;
     for (const auto& entry : entries) {
-        updates.push_back(entry.settings);
+        if (!isDisabled(entry)) {
+            updates.push_back(entry.settings);
+        }
     }
     return updates;
 }
@@ -485,7 +498,16 @@ bool loadCarrier(const std::string& path, const CarrierSelector& selector,
         *error = path + ": " + why;
         return false;
     }
+    constexpr std::size_t kClockEvery = 512;
     for (const auto* element : chosen) {
+        if (selection->entries.size() % kClockEvery == 0 &&
+            std::chrono::steady_clock::now() >= selector.deadline) {
+            selection->ranOut = true;
+            *error = path + ": --timeout ran out after " +
+                     std::to_string(selection->entries.size()) + " of " +
+                     std::to_string(chosen.size()) + " entries of the network were read";
+            return false;
+        }
         CarrierEntry entry;
         for (const auto& problem : EntryReader(*element, &entry).read()) {
             selection->warnings.push_back(path + ":" + std::to_string(entry.line) +
@@ -493,6 +515,7 @@ bool loadCarrier(const std::string& path, const CarrierSelector& selector,
         }
         selection->entries.push_back(std::move(entry));
     }
+    selection->selectedInFile = static_cast<int>(selection->entries.size());
     mergeDuplicates(path, selection);
     return true;
 }

@@ -6,6 +6,7 @@
 #ifndef KELCTL_CARRIER_H
 #define KELCTL_CARRIER_H
 
+#include <chrono>
 #include <list>
 #include <optional>
 #include <string>
@@ -23,6 +24,8 @@ struct CarrierSelector {
     std::string mnc;
     std::string mvnoType;   // empty: the network's own entries
     std::string mvnoMatch;  // compared without regard to letter case
+    // The run's --timeout: reading stops there, with ranOut set.
+    std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
 };
 
 struct CarrierEntry {
@@ -41,19 +44,26 @@ struct CarrierEntry {
     std::optional<int> profileId;
     // Later entries with the same settings, folded into this one.
     std::vector<int> mergedLines;
+    std::vector<std::string> mergedCarriers;  // their carrier names, as written
 };
+
+// The carrier disabled the entry (carrier_enabled="false"): it takes part in nothing.
+bool isDisabled(const CarrierEntry& entry);
 
 struct CarrierSelection {
     std::string file;
     int entriesInFile = 0;
     std::vector<CarrierEntry> entries;  // the selected ones, in file order, duplicates merged
+    int selectedInFile = 0;             // the selected ones before merging
     // "FILE:LINE: warning: ..." and "FILE:LINE: note: ...", one line each; file text as read,
     // to be escaped where it is printed.
     std::vector<std::string> warnings;
+    bool ranOut = false;  // the deadline passed before the file was read and checked
 
+    // The settings of the entries the carrier has not disabled (carrier_enabled="false").
     std::list<kel::ProfileParams> typeUpdates() const;
-    // The entry that sets up initial attach: the first whose type list names ia. Entries of
-    // every type ("*") serve attach only through the APN types they spread.
+    // The entry that sets up initial attach: the first enabled one whose type list names ia.
+    // Entries of every type ("*") serve attach only through the APN types they spread.
     const CarrierEntry* attachEntry() const;
 };
 

@@ -1,9 +1,12 @@
 #include "CarrierApply.h"
 
+#include <algorithm>
 #include <array>
 #include <map>
+#include <set>
 #include <utility>
 
+#include "CarrierPlan.h"
 #include "InputFile.h"
 #include "Output.h"
 #include "ValueNames.h"
@@ -11,8 +14,6 @@
 
 namespace kelctl {
 namespace {
-
-using ProfileId = std::pair<kel::TechType, int>;
 
 constexpr unsigned int kHomeIpEitherWay =
     static_cast<unsigned int>(kel::FilterMatchType::HomeIPSubset) |
@@ -93,46 +94,18 @@ void overlay(const kel::ProfileParams& fixUp, kel::ProfileParams& profile) {
     copyAttachSettings(fixUp, profile);
 }
 
-// Works out, with read-only library calls, what the library's Util does with the entries: the
-// profiles it changes, as they would be afterwards, and the profile attach ends on. Follows
-// Util's rules step by step, so that a plan shows what an apply sends.
+// The profile attach would create, until the modem gives it an index.
+const ProfileId kNewProfile{kel::TechType::TYPE_3GPP, -1};
+
+// Works out what the library's Util does with the entries: the attach search with read-only
+// library calls against the modem as it is, then the spreading of APN types over the state that
+// attach leaves, worked out locally with the filters' own rules. Attach goes first so that one
+// plan holds both steps: the attach profile is sent with the types the spreading gives it, and
+// no setting is changed twice in one run nor back and forth between runs.
 class Planner {
   public:
     Planner(const std::vector<ProfileRow>& rowsBefore, bool updateAllowed)
-        : before(rowsBefore), allowUpdate(updateAllowed) {}
-
-    // Util::updateAPNTypeBitmaskOnModemProfile.
-    void spreadTypes(const std::list<kel::ProfileParams>& entries) {
-        std::vector<std::string> names;
-        std::map<std::string, std::array<unsigned int, 3>>
-            masks;  // V4, V6, V4V6 per lower-case APN
-        for (const auto& entry : entries) {
-            if (!entry.hasApnName()) {
-                continue;
-            }
-            const std::string name = lower(entry.getApnName());
-            if (masks.count(name) == 0) {
-                names.push_back(name);
-                masks[name] = {0, 0, 0};
-            }
-            const kel::IPType ip =
-                entry.hasHomeIPType() ? entry.getHomeIPType() : kel::IPType::V4V6;
-            const int slot = ip == kel::IPType::V4 ? 0 : ip == kel::IPType::V6 ? 1 : 2;
-            masks[name][slot] |= entry.getApnTypesMask();
-        }
-        for (const auto& name : names) {
-            const auto& m = masks[name];
-            if (allowUpdate) {
-                kel::FilterProfileParams filter;
-                filter.setApnName(name);
-                setTypes(idsOf(filter), m[0] | m[1] | m[2]);
-                continue;
-            }
-            for (const auto tech : {kel::TechType::TYPE_3GPP, kel::TechType::TYPE_3GPP2}) {
-                spreadByTech(tech, m[0], m[1], m[2], name);
-            }
-        }
-    }
+        : before(rowsBefore), allowUpdate(updateAllowed), types(rowsBefore, updateAllowed) {}
 
     // Util::findOrCreateProfileForLteAttach with request.
     AttachReport planAttach(const kel::ProfileParams& request) {
@@ -173,69 +146,113 @@ class Planner {
         return attach;
     }
 
-    // Every profile the plan changes, as it would be afterwards.
-    const std::map<ProfileId, ProfileRow>& expected() const { return after; }
-    // The profile attach would create; empty settings when it creates none.
-    const kel::ProfileParams& created() const { return createdSettings; }
+    // --create: a persistent 3GPP profile for each APN and home IP type of the entries that no
+    // profile carries (after attach), with the settings of its first entry. The spreading that
+    // follows gives it the types of every entry of its APN, as it will on the next import.
+    void planCreates(const CarrierSelection& selection) {
+        // Looked up at an APN's first entry, before this step adds a profile of it.
+        std::map<std::string, bool> carried;
+        std::set<std::pair<std::string, int>> planned;
+        for (const auto& entry : selection.entries) {
+            const kel::ProfileParams& settings = entry.settings;
+            if (isDisabled(entry) || !settings.hasApnName() || settings.getApnName().empty() ||
+                settings.getApnTypesMask() == 0) {
+                continue;
+            }
+            const std::string name = apnKey(settings.getApnName());
+            if (const auto [known, first] = carried.try_emplace(name, false); first) {
+                known->second = types.hasApn(name);
+            }
+            if (carried.at(name) || !planned.insert({name, slotOf(settings)}).second) {
+                continue;
+            }
+            kel::ProfileParams created = settings;
+            created.setApnName(lower(settings.getApnName()));
+            // The spreading counts an entry without home IP type as dual-stack; so is its profile.
+            if (!created.hasHomeIPType()) {
+                created.setHomeIPType(kel::IPType::V4V6);
+            }
+            const ProfileId id{kel::TechType::TYPE_3GPP,
+                               kNewProfile.second - 1 - static_cast<int>(creates.size())};
+            types.add(id, ProfileRow{id.first, id.second, "", "", created});
+            creates.push_back({id, &entry, created});
+        }
+    }
 
-  private:
+    // Util::updateAPNTypeBitmaskOnModemProfile.
+    void spreadTypes(const std::list<kel::ProfileParams>& entries) {
+        types.spread(entries);
+        for (auto& create : creates) {
+            const ProfileRow& row = types.state().at(create.id);
+            create.settings.setApnTypesMask(row.params.getApnTypesMask());
+        }
+    }
+
+    struct Create {
+        ProfileId id;
+        const CarrierEntry* entry;
+        kel::ProfileParams settings;
+    };
+    const std::vector<Create>& plannedCreates() const { return creates; }
+
+    // Once both steps are planned: what attach changes beyond the types the spreading accounts
+    // for, and the types the attach profile must be sent with.
+    void finishAttach(AttachReport* attach) {
+        if (!attachId) {
+            return;
+        }
+        const ProfileRow& row = types.row(*attachId);
+        if (*attachId == kNewProfile) {
+            if (row.params.hasApnTypesMask()) {
+                createdSettings.setApnTypesMask(row.params.getApnTypesMask());
+            }
+            attach->changes.clear();
+            for (const auto& [key, value] : settingsFields(createdSettings)) {
+                attach->changes.push_back({key, "-", value});
+            }
+            attach->summary = settingsLine(createdSettings);
+            return;
+        }
+        attach->changes = settingChanges(*rowBefore(*attachId), row);
+        if (types.spreadTo(*attachId)) {
+            attach->changes.erase(std::remove_if(attach->changes.begin(), attach->changes.end(),
+                                                 [](const SettingChange& change) {
+                                                     return change.setting == "types";
+                                                 }),
+                                  attach->changes.end());
+        }
+        attach->action = attach->changes.empty() ? "use" : "update";
+    }
+
+    // The types the attach profile ends with; nothing when there is no attach profile.
+    std::optional<unsigned int> attachTypes() const {
+        if (!attachId || !types.state().at(*attachId).params.hasApnTypesMask()) {
+            return std::nullopt;
+        }
+        return types.state().at(*attachId).params.getApnTypesMask();
+    }
+
+    std::optional<ProfileId> attachProfile() const { return attachId; }
+    // The profiles an entry of this APN and slot lands on, in the order they were reached.
+    const std::vector<ProfileId>& landing(const std::string& name, int slot) const {
+        return types.landing(name, slot);
+    }
+    // Every profile the plan touches, as it would be afterwards (the new one included).
+    std::map<ProfileId, ProfileRow> expected() const {
+        std::map<ProfileId, ProfileRow> changed;
+        for (const auto& id : types.spreadProfiles()) {
+            changed.emplace(id, types.state().at(id));
+        }
+        if (attachId) {
+            changed.emplace(*attachId, types.state().at(*attachId));
+        }
+        return changed;
+    }
     const ProfileRow* rowBefore(const ProfileId& id) const {
         return findRow(before, id.first, id.second);
     }
 
-    ProfileRow* touch(const ProfileId& id) {
-        if (const auto found = after.find(id); found != after.end()) {
-            return &found->second;
-        }
-        const ProfileRow* row = rowBefore(id);
-        return row == nullptr ? nullptr : &after.emplace(id, *row).first->second;
-    }
-
-    void setTypes(const std::vector<ProfileId>& ids, unsigned int mask) {
-        for (const auto& id : ids) {
-            if (ProfileRow* row = touch(id)) {
-                row->params.setApnTypesMask(mask);
-            }
-        }
-    }
-
-    bool updateByIpType(kel::TechType tech, kel::IPType ip, unsigned int mask,
-                        const std::string& name) {
-        kel::FilterProfileParams filter = filterFor(tech);
-        filter.setApnName(name);
-        filter.setHomeIPType(ip);
-        const auto ids = idsOf(filter);
-        setTypes(ids, mask);
-        return !ids.empty();
-    }
-
-    // Util::handleProfileUpdateByTechType: a mask without a profile of its own IP type folds into
-    // the dual-stack one; without a dual-stack profile, that one spreads over the others.
-    void spreadByTech(kel::TechType tech, unsigned int v4, unsigned int v6, unsigned int v4v6,
-                      const std::string& name) {
-        unsigned int combined = v4v6;
-        if (v4 != 0 && !updateByIpType(tech, kel::IPType::V4, v4, name)) {
-            combined |= v4;
-        }
-        unsigned int target = combined;
-        unsigned int v6Fallback = combined;
-        if (v6 != 0) {
-            v6Fallback = combined | v6;
-            if (!updateByIpType(tech, kel::IPType::V6, v6, name)) {
-                target = combined | v6;
-            } else if (combined == 0) {
-                return;
-            }
-        } else if (combined == 0) {
-            return;
-        }
-        if (updateByIpType(tech, kel::IPType::V4V6, target, name)) {
-            return;
-        }
-        updateByIpType(tech, kel::IPType::V4, target | v4, name);
-        updateByIpType(tech, kel::IPType::V6, v6Fallback, name);
-    }
-
+  private:
     std::optional<ProfileId> first(const kel::FilterProfileParams& filter) const {
         const auto ids = idsOf(filter);
         return ids.empty() ? std::nullopt : std::optional<ProfileId>(ids.front());
@@ -279,26 +296,24 @@ class Planner {
         if (request.hasApnName()) {
             createdSettings.setApnName(lower(request.getApnName()));
         }
-        for (const auto& [key, value] : settingsFields(createdSettings)) {
-            attach->changes.push_back({key, "-", value});
-        }
-        attach->summary = settingsLine(createdSettings);
+        types.add(kNewProfile,
+                  ProfileRow{kNewProfile.first, kNewProfile.second, "", "", createdSettings});
+        attachId = kNewProfile;
     }
 
     void planUse(const ProfileId& id, const kel::ProfileParams& fixUp, AttachReport* attach) {
         attach->profile = profileName(id.first, id.second);
-        ProfileRow* row = touch(id);
-        if (row == nullptr) {
+        if (!types.has(id)) {
             attach->action = "use";
             return;
         }
-        const ProfileRow typed = *row;
-        overlay(fixUp, row->params);
-        attach->changes = settingChanges(typed, *row);
-        attach->action = attach->changes.empty() ? "use" : "update";
-        if (typed.params.getIsKelProfile() && typed.params.getIsIAProfile()) {
-            const auto now = fieldMap(typed);
-            const auto taken = fieldMap(ProfileRow{typed.tech, typed.id, "", "", fixUp});
+        attachId = id;
+        ProfileRow& row = types.row(id);
+        const ProfileRow old = row;
+        overlay(fixUp, row.params);
+        if (old.params.getIsKelProfile() && old.params.getIsIAProfile()) {
+            const auto now = fieldMap(old);
+            const auto taken = fieldMap(ProfileRow{old.tech, old.id, "", "", fixUp});
             for (const char* key : kLeftoverSettings) {
                 const auto value = now.find(key);
                 if (value != now.end() && taken.count(key) == 0) {
@@ -310,25 +325,32 @@ class Planner {
 
     const std::vector<ProfileRow>& before;
     const bool allowUpdate;
-    std::map<ProfileId, ProfileRow> after;
+    TypeSpread types;  // the modem as the plan leaves it
+    std::optional<ProfileId> attachId;
+    std::vector<Create> creates;
     kel::ProfileParams createdSettings;
 };
 
-std::string valueIn(const std::map<std::string, std::string>& fields, const std::string& key) {
-    const auto found = fields.find(key);
-    return found == fields.end() ? "-" : found->second;
-}
-
-// The settings of profile that differ from wanted, one NotApplied each.
-void compare(const std::string& profile, const std::vector<SettingChange>& wanted,
+// Every setting of expected that the modem's row does not hold, one NotApplied each; the flags
+// are the modem's own and only looked at where expected names them.
+void compare(const std::string& profile, const std::map<std::string, std::string>& expected,
              const ProfileRow* row, std::vector<NotApplied>* missing) {
     const auto fields = row == nullptr ? std::map<std::string, std::string>() : fieldMap(*row);
-    for (const auto& change : wanted) {
-        const std::string got = valueIn(fields, change.setting);
-        if (got != change.to) {
-            missing->push_back({profile, change.setting, change.to, got});
+    for (const auto& [setting, wanted] : expected) {
+        const auto found = fields.find(setting);
+        const std::string got = found == fields.end() ? "-" : found->second;
+        if (got != wanted) {
+            missing->push_back({profile, setting, wanted, got});
         }
     }
+}
+
+std::map<std::string, std::string> settingsMap(const kel::ProfileParams& params) {
+    std::map<std::string, std::string> fields;
+    for (const auto& [key, value] : settingsFields(params)) {
+        fields[key] = value;
+    }
+    return fields;
 }
 
 std::vector<ProfileUpdate> updatesBetween(const std::vector<ProfileRow>& from,
@@ -357,34 +379,55 @@ std::vector<ProfileUpdate> plannedUpdates(const std::vector<ProfileRow>& before,
 }
 
 // What the apply did about attach: the profile Util chose, and whether it was the planned one.
-void checkAttach(const std::shared_ptr<kel::IProfileKey>& key, const std::vector<ProfileRow>& typed,
-                 const std::vector<ProfileRow>& after, const kel::ProfileParams& created,
-                 CarrierReport* report) {
+// before is the modem ahead of the attach step, attached right after it.
+std::optional<ProfileId> checkAttach(const std::shared_ptr<kel::IProfileKey>& key,
+                                     const std::vector<ProfileRow>& before,
+                                     const std::vector<ProfileRow>& attached,
+                                     CarrierReport* report) {
     AttachReport& attach = *report->attach;
     const std::string planned = attach.profile.empty() ? "a new profile" : attach.profile;
     if (!key) {
         report->notApplied.push_back({"attach", "profile", planned, "-"});
         attach.action = "none";
-        return;
+        return std::nullopt;
     }
-    const std::string chosen = profileName(key->getTechType(), key->getProfileId());
-    const ProfileRow* old = findRow(typed, key->getTechType(), key->getProfileId());
-    const ProfileRow* now = findRow(after, key->getTechType(), key->getProfileId());
+    const ProfileId id{key->getTechType(), key->getProfileId()};
+    const std::string chosen = profileName(id.first, id.second);
+    const ProfileRow* old = findRow(before, id.first, id.second);
+    const ProfileRow* now = findRow(attached, id.first, id.second);
     const bool wasPlanned = attach.profile.empty() ? old == nullptr : chosen == attach.profile;
     if (!wasPlanned) {
         report->notApplied.push_back({"attach", "profile", planned, chosen});
-    } else if (old == nullptr) {
-        std::vector<SettingChange> wanted;
-        for (const auto& [setting, value] : settingsFields(created)) {
-            wanted.push_back({setting, "-", value});
-        }
-        compare(chosen, wanted, now, &report->notApplied);
     }
     attach.profile = chosen;
     attach.changes = old != nullptr && now != nullptr ? settingChanges(*old, *now)
                                                       : std::vector<SettingChange>();
     attach.action = old == nullptr ? "created" : attach.changes.empty() ? "found" : "updated";
-    attach.summary = now != nullptr ? rowSummary(*now) : chosen;
+    return id;
+}
+
+// The settings the attach search relied on (APN and IP types) that the attach profile holds
+// otherwise: the library took the profile as it is.
+std::vector<AttachDifference> attachDifferences(const kel::ProfileParams& request,
+                                                const ProfileRow* row) {
+    std::vector<AttachDifference> differences;
+    if (row == nullptr) {
+        return differences;
+    }
+    const auto has = fieldMap(*row);
+    kel::ProfileParams relied;
+    if (request.hasApnName() && !request.getApnName().empty()) {
+        relied.setApnName(apnKey(request.getApnName()));
+    }
+    copyIpTypes(request, relied);
+    for (const auto& [setting, wanted] : settingsFields(relied)) {
+        const auto found = has.find(setting);
+        const std::string got = found == has.end() ? "-" : found->second;
+        if ((setting == "apn" ? apnKey(got) : got) != wanted) {
+            differences.push_back({setting, wanted, got});
+        }
+    }
+    return differences;
 }
 
 std::string entryLabel(int line, const std::string& carrier) {
@@ -515,13 +558,204 @@ void noteProfileIds(const CarrierSelection& selection, const std::vector<Profile
     }
 }
 
+std::string homeIpText(const kel::ProfileParams& settings) {
+    return ipName(settings.hasHomeIPType() ? settings.getHomeIPType() : kel::IPType::V4V6);
+}
+
+// Why an enabled entry reached no profile.
+std::string missedReason(const CarrierEntry& entry, bool allowUpdate) {
+    const kel::ProfileParams& settings = entry.settings;
+    if (!settings.hasApnName()) {
+        return "it has no APN name, and only the entry that sets up attach may go without one";
+    }
+    if (settings.getApnTypesMask() == 0) {
+        return "none of its APN types is one the modem knows";
+    }
+    return "no profile has APN \"" + apnKey(settings.getApnName()) + "\"" +
+           (allowUpdate ? "" : " with IP type " + homeIpText(settings));
+}
+
+// Profiles still to be created have negative indexes in a plan; realIds has the modem's.
+using RealIds = std::map<ProfileId, ProfileId>;
+
+std::string shownId(const ProfileId& id, const RealIds& realIds) {
+    if (id.second < 0) {
+        const auto real = realIds.find(id);
+        return real == realIds.end() ? "new" : profileName(real->second.first, real->second.second);
+    }
+    return profileName(id.first, id.second);
+}
+
+// What became of every entry: the profiles it reaches in the plan, or why none. realIds names
+// the profiles the apply created.
+std::vector<EntryAccount> accountFor(const CarrierSelection& selection, const Planner& planner,
+                                     const CarrierEntry* attachEntry, bool allowUpdate,
+                                     const RealIds& realIds) {
+    std::vector<EntryAccount> accounts;
+    for (const auto& entry : selection.entries) {
+        EntryAccount account;
+        account.line = entry.line;
+        account.carrier = entry.carrier;
+        if (isDisabled(entry)) {
+            account.reason = "the carrier disabled it (carrier_enabled=\"false\")";
+        } else {
+            if (&entry == attachEntry && planner.attachProfile()) {
+                account.attach = true;
+                account.profiles.push_back(shownId(*planner.attachProfile(), realIds));
+            }
+            if (entry.settings.hasApnName()) {
+                for (const auto& id :
+                     planner.landing(apnKey(entry.settings.getApnName()), slotOf(entry.settings))) {
+                    const std::string name = shownId(id, realIds);
+                    if (std::find(account.profiles.begin(), account.profiles.end(), name) ==
+                        account.profiles.end()) {
+                        account.profiles.push_back(name);
+                    }
+                }
+            }
+            account.fate = account.profiles.empty() ? EntryFate::NotApplied : EntryFate::Applied;
+            if (account.profiles.empty()) {
+                account.reason = missedReason(entry, allowUpdate);
+            }
+        }
+        accounts.push_back(account);
+        for (std::size_t i = 0; i < entry.mergedLines.size(); ++i) {
+            EntryAccount merged;
+            merged.line = entry.mergedLines[i];
+            merged.carrier = entry.mergedCarriers[i];
+            merged.fate = EntryFate::Merged;
+            merged.mergedInto = entry.line;
+            accounts.push_back(merged);
+        }
+    }
+    std::stable_sort(accounts.begin(), accounts.end(),
+                     [](const EntryAccount& a, const EntryAccount& b) { return a.line < b.line; });
+    return accounts;
+}
+
+// An applied entry whose profile the modem did not take is not applied after all.
+void markRefused(CarrierReport* report) {
+    for (auto& account : report->entries) {
+        if (account.fate != EntryFate::Applied) {
+            continue;
+        }
+        std::vector<std::string> refused;
+        for (const auto& profile : account.profiles) {
+            for (const auto& missing : report->notApplied) {
+                if ((missing.profile == profile ||
+                     (account.attach && missing.profile == "attach")) &&
+                    std::find(refused.begin(), refused.end(), profile) == refused.end()) {
+                    refused.push_back(profile);
+                }
+            }
+        }
+        if (!refused.empty()) {
+            account.fate = EntryFate::NotApplied;
+            account.reason = "the modem did not take it on " + joined(refused) +
+                             " (the \"not applied\" lines say what)";
+        }
+    }
+}
+
+std::string entryText(const EntryAccount& account, bool dryRun) {
+    std::string text = entryLabel(account.line, escapeText(account.carrier)) + ": ";
+    switch (account.fate) {
+        case EntryFate::Applied: {
+            std::vector<std::string> profiles = account.profiles;
+            for (std::size_t i = 0; i < profiles.size(); ++i) {
+                const bool attachOne = account.attach && i == 0;
+                if (profiles[i] == "new") {
+                    profiles[i] = attachOne ? "the new attach profile" : "a new profile";
+                } else if (attachOne) {
+                    profiles[i] += " (attach)";
+                }
+            }
+            return text + (dryRun ? "would be applied to " : "applied to ") + joined(profiles);
+        }
+        case EntryFate::Merged:
+            return text + "merged into line " + std::to_string(account.mergedInto);
+        case EntryFate::NotApplied:
+            return text + (dryRun ? "would not be applied: " : "not applied: ") +
+                   escapeText(account.reason);
+    }
+    return text;
+}
+
+struct Tally {
+    int applied = 0;
+    int merged = 0;
+    int missed = 0;
+};
+
+Tally tallyOf(const CarrierReport& report) {
+    Tally tally;
+    for (const auto& account : report.entries) {
+        switch (account.fate) {
+            case EntryFate::Applied:
+                ++tally.applied;
+                break;
+            case EntryFate::Merged:
+                ++tally.merged;
+                break;
+            case EntryFate::NotApplied:
+                ++tally.missed;
+                break;
+        }
+    }
+    return tally;
+}
+
+std::string summaryText(const CarrierReport& report) {
+    const Tally tally = tallyOf(report);
+    const std::string would = report.dryRun ? "would be " : "";
+    const auto count = [](int n, const char* one, const char* many) {
+        return std::to_string(n) + " " + (n == 1 ? one : many);
+    };
+    return "summary: " + count(static_cast<int>(report.entries.size()), "entry", "entries") + ": " +
+           std::to_string(tally.applied) + " " + would + "applied, " +
+           std::to_string(tally.merged) + " merged, " + std::to_string(tally.missed) + " " +
+           (report.dryRun ? "would not be applied" : "not applied") + "; " +
+           count(static_cast<int>(report.updates.size()), "profile", "profiles") + " " + would +
+           "updated, " + std::to_string(report.created) + " " + would + "created\n";
+}
+
+const char* fateName(EntryFate fate) {
+    switch (fate) {
+        case EntryFate::Applied:
+            return "applied";
+        case EntryFate::Merged:
+            return "merged";
+        case EntryFate::NotApplied:
+            return "not_applied";
+    }
+    return "not_applied";
+}
+
+Json entryJson(const EntryAccount& account) {
+    Json json = {
+        {"line", account.line}, {"carrier", account.carrier}, {"fate", fateName(account.fate)}};
+    switch (account.fate) {
+        case EntryFate::Applied:
+            json["profiles"] = account.profiles;
+            json["attach"] = account.attach;
+            break;
+        case EntryFate::Merged:
+            json["merged_into"] = account.mergedInto;
+            break;
+        case EntryFate::NotApplied:
+            json["reason"] = account.reason;
+            break;
+    }
+    return json;
+}
+
 }  // namespace
 
 bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) {
     const CarrierSelection& selection = *inv.carrier;
     report->network = networkOf(inv.args);
     report->file = selection.file;
-    report->selected = static_cast<int>(selection.entries.size());
+    report->selected = selection.selectedInFile;
     report->inFile = selection.entriesInFile;
     report->dryRun = inv.args.dryRun;
     report->allowUpdate = inv.args.allowUpdate;
@@ -530,10 +764,20 @@ bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) 
         report->details = entryDetails(selection);
     }
 
+    // Planning reads the modem but changes nothing: a deadline that passes now says so. The
+    // run's own line is back once the import is done (a script goes on).
+    RunDeadline& deadline = session.channel.deadline;
+    struct LineBack {
+        RunDeadline& deadline;
+        const std::string line;
+        ~LineBack() { deadline.setLine(line); }
+    } lineBack{deadline, deadline.line()};
+    deadline.setLine(
+        "kelctl: stopped: --timeout ran out while kelctl planned the "
+        "carrier import; nothing was changed on the modem\n");
     const auto before = snapshot(session);
     noteProfileIds(selection, before, &report->warnings);
     Planner planner(before, inv.args.allowUpdate);
-    planner.spreadTypes(selection.typeUpdates());
     const CarrierEntry* attachEntry = selection.attachEntry();
     kel::ProfileParams request;
     if (attachEntry != nullptr) {
@@ -549,28 +793,95 @@ bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) 
         report->attach->carrier = attachEntry->carrier;
         report->attach->noApn = noApn;
     }
+    report->create = inv.args.create;
+    if (inv.args.create) {
+        planner.planCreates(selection);
+    }
+    planner.spreadTypes(selection.typeUpdates());
+    if (report->attach) {
+        planner.finishAttach(&*report->attach);
+        if (const auto types = planner.attachTypes()) {
+            request.setApnTypesMask(*types);
+        }
+    }
+    const auto expected = planner.expected();
+    report->created = (report->attach && report->attach->step == AttachStep::Create ? 1 : 0) +
+                      static_cast<int>(planner.plannedCreates().size());
     if (inv.args.dryRun) {
-        report->updates = plannedUpdates(before, planner.expected());
+        report->updates = plannedUpdates(before, expected);
+        for (const auto& create : planner.plannedCreates()) {
+            report->createdProfiles.push_back(
+                {create.entry->line, create.entry->carrier, "", settingsLine(create.settings)});
+        }
+        report->entries = accountFor(selection, planner, attachEntry, inv.args.allowUpdate, {});
+        if (const auto id = planner.attachProfile(); id && report->attach) {
+            report->attachDiffers = attachDifferences(request, &expected.at(*id));
+        }
         return true;
     }
 
+    deadline.setLine(
+        "kelctl: stopped: --timeout ran out while the carrier import was applied (the modem "
+        "answers too slowly); read the modem's profiles to see what it took\n");
     session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
-    session.util.updateAPNTypeBitmaskOnModemProfile(selection.typeUpdates());
-    std::vector<ProfileRow> typed = snapshot(session);
-    std::vector<ProfileRow> after = typed;
+    std::optional<ProfileId> attached;
+    RealIds realIds;
     if (attachEntry != nullptr) {
         const auto key = session.util.findOrCreateProfileForLteAttach(request);
-        after = snapshot(session);
-        checkAttach(key, typed, after, planner.created(), report);
+        attached = checkAttach(key, before, snapshot(session), report);
     }
-    report->updates = updatesBetween(before, after);
-    for (const auto& [id, row] : planner.expected()) {
-        const ProfileRow* old = findRow(before, id.first, id.second);
-        if (old != nullptr) {
-            compare(profileName(id.first, id.second), settingChanges(*old, row),
-                    findRow(after, id.first, id.second), &report->notApplied);
+    const bool createdOne = attached && planner.rowBefore(*attached) == nullptr;
+    if (createdOne) {
+        realIds.emplace(kNewProfile, *attached);
+    }
+    for (const auto& create : planner.plannedCreates()) {
+        const auto key = manager().addProfile(
+            kel::AddProfileParams(create.settings, true, kel::TechType::TYPE_3GPP, false));
+        if (key) {
+            realIds.emplace(create.id, ProfileId{key->getTechType(), key->getProfileId()});
+        } else {
+            report->notApplied.push_back(
+                {"new profile for line " + std::to_string(create.entry->line), "profile", "created",
+                 "-"});
         }
     }
+    session.util.updateAPNTypeBitmaskOnModemProfile(selection.typeUpdates());
+    const std::vector<ProfileRow> after = snapshot(session);
+    report->updates = updatesBetween(before, after);
+    report->created = static_cast<int>(realIds.size());
+    for (const auto& create : planner.plannedCreates()) {
+        const auto real = realIds.find(create.id);
+        const ProfileRow* now = real == realIds.end()
+                                    ? nullptr
+                                    : findRow(after, real->second.first, real->second.second);
+        report->createdProfiles.push_back(
+            {create.entry->line, create.entry->carrier,
+             real == realIds.end() ? "" : profileName(real->second.first, real->second.second),
+             now != nullptr ? rowSummary(*now) : settingsLine(create.settings)});
+    }
+    if (attached) {
+        const ProfileRow* now = findRow(after, attached->first, attached->second);
+        report->attach->summary = now != nullptr ? rowSummary(*now) : report->attach->profile;
+        report->attachDiffers = attachDifferences(request, now);
+    }
+    // Every setting the plan sets or keeps on the profiles it touches is read back.
+    for (const auto& [id, row] : expected) {
+        if (id.second < 0) {
+            const auto real = realIds.find(id);
+            if (real != realIds.end()) {
+                compare(
+                    profileName(real->second.first, real->second.second), settingsMap(row.params),
+                    findRow(after, real->second.first, real->second.second), &report->notApplied);
+            }
+            continue;
+        }
+        auto wanted = fieldMap(row);
+        wanted.erase("flags");
+        compare(profileName(id.first, id.second), wanted, findRow(after, id.first, id.second),
+                &report->notApplied);
+    }
+    report->entries = accountFor(selection, planner, attachEntry, inv.args.allowUpdate, realIds);
+    markRefused(report);
     return report->notApplied.empty();
 }
 
@@ -586,17 +897,38 @@ std::string carrierText(const CarrierReport& report) {
     for (const auto& update : report.updates) {
         text += verb + update.profile + ": " + changesText(update.changes) + "\n";
     }
-    if (report.updates.empty()) {
+    if (report.updates.empty() && report.created == 0) {
         text += report.dryRun ? "no profile would change\n" : "no profile changed\n";
     }
     if (report.attach) {
         text += attachText(report);
+    }
+    for (const auto& create : report.createdProfiles) {
+        const std::string entry = entryLabel(create.line, escapeText(create.carrier));
+        if (report.dryRun) {
+            text += "create: " + entry + ": would create " + create.summary + "\n";
+        } else if (create.profile.empty()) {
+            text += "create: " + entry + ": the modem did not add the profile\n";
+        } else {
+            text += "create: created " + create.summary + "\n";
+        }
+    }
+    for (const auto& differs : report.attachDiffers) {
+        text += "attach: " + report.attach->profile + " keeps " + differs.setting + "=" +
+                escapeText(differs.profile) + " where " +
+                entryLabel(report.attach->line, escapeText(report.attach->carrier)) + " gives " +
+                escapeText(differs.entry) +
+                " (the library's search takes the profile as it is; --allow-update sets it)\n";
+    }
+    for (const auto& account : report.entries) {
+        text += entryText(account, report.dryRun) + "\n";
     }
     for (const auto& missing : report.notApplied) {
         text += "not applied: " + missing.profile + " " + missing.setting + ": asked for " +
                 shownChange(missing.setting, missing.wanted) + ", the modem has " +
                 shownChange(missing.setting, missing.got) + "\n";
     }
+    text += summaryText(report);
     if (report.dryRun) {
         text += "dry run: nothing was sent to the modem\n";
     }
@@ -610,7 +942,16 @@ Json carrierJson(const CarrierReport& report) {
         {"dry_run", report.dryRun},    {"allow_update", report.allowUpdate},
         {"warnings", report.warnings}, {"updates", Json::array()},
         {"attach", nullptr},           {"not_applied", Json::array()},
+        {"entries", Json::array()},    {"create", report.create},
+        {"created", Json::array()},
     };
+    for (const auto& create : report.createdProfiles) {
+        json["created"].push_back(
+            {{"line", create.line},
+             {"carrier", create.carrier},
+             {"profile", create.profile.empty() ? Json(nullptr) : Json(create.profile)},
+             {"summary", create.summary}});
+    }
     for (const auto& update : report.updates) {
         json["updates"].push_back({{"profile", update.profile},
                                    {"name", update.name},
@@ -618,6 +959,11 @@ Json carrierJson(const CarrierReport& report) {
     }
     if (report.attach) {
         const AttachReport& attach = *report.attach;
+        Json differs = Json::array();
+        for (const auto& one : report.attachDiffers) {
+            differs.push_back(
+                {{"setting", one.setting}, {"entry", one.entry}, {"profile", one.profile}});
+        }
         json["attach"] = {
             {"line", attach.line},
             {"carrier", attach.carrier},
@@ -627,6 +973,7 @@ Json carrierJson(const CarrierReport& report) {
             {"changes", changesJson(attach.changes)},
             {"kept", attach.kept},
             {"no_apn", attach.noApn},
+            {"differs", differs},
         };
     }
     for (const auto& missing : report.notApplied) {
@@ -635,6 +982,13 @@ Json carrierJson(const CarrierReport& report) {
                                        {"wanted", shownChange(missing.setting, missing.wanted)},
                                        {"got", shownChange(missing.setting, missing.got)}});
     }
+    for (const auto& account : report.entries) {
+        json["entries"].push_back(entryJson(account));
+    }
+    const Tally tally = tallyOf(report);
+    json["summary"] = {{"entries", report.entries.size()}, {"applied", tally.applied},
+                       {"merged", tally.merged},           {"not_applied", tally.missed},
+                       {"updated", report.updates.size()}, {"created", report.created}};
     return json;
 }
 

@@ -52,6 +52,37 @@ struct NotApplied {
     std::string got;  // "-" when the profile lacks it, or the profile is missing
 };
 
+// What became of one entry of the file.
+enum class EntryFate { Applied, Merged, NotApplied };
+
+struct EntryAccount {
+    int line = 0;
+    std::string carrier;  // as written
+    EntryFate fate = EntryFate::NotApplied;
+    // Applied: the profiles its settings land on ("3gpp:2"; "new" for a profile yet to be
+    // created), the attach profile first when the entry sets up attach.
+    std::vector<std::string> profiles;
+    bool attach = false;  // it is the entry that sets up attach
+    int mergedInto = 0;   // Merged: the line it was folded into
+    std::string reason;   // NotApplied: why
+};
+
+// A setting of the attach profile that differs from what the attach entry gives, left so because
+// the library's search took the profile as it is.
+struct AttachDifference {
+    std::string setting;
+    std::string entry;    // what the entry gives
+    std::string profile;  // what the profile has
+};
+
+// A profile --create adds for an APN that no profile carries.
+struct CreatedProfile {
+    int line = 0;         // the entry whose settings it takes
+    std::string carrier;  // its carrier name, as written
+    std::string profile;  // "3gpp:7" once created; empty in a plan or when the modem refused
+    std::string summary;  // its settings (in a plan) or the profile as read back
+};
+
 struct CarrierReport {
     std::string network;  // "mcc 001 mnc 01", with the virtual operator when chosen
     std::string file;
@@ -59,6 +90,7 @@ struct CarrierReport {
     int inFile = 0;
     bool dryRun = false;
     bool allowUpdate = false;
+    bool create = false;
     std::vector<std::string> warnings;  // "FILE:LINE: warning: ..." / "FILE:LINE: note: ..."
     // --verbose: per entry, its settings, then the attributes and types it ignores; names from
     // the file escaped.
@@ -66,6 +98,11 @@ struct CarrierReport {
     std::vector<ProfileUpdate> updates;
     std::optional<AttachReport> attach;
     std::vector<NotApplied> notApplied;
+    // Every entry of the network, merged ones included, in file order.
+    std::vector<EntryAccount> entries;
+    std::vector<AttachDifference> attachDiffers;
+    std::vector<CreatedProfile> createdProfiles;  // --create
+    int created = 0;  // profiles created (or that would be), the attach profile included
 };
 
 // Plans the invocation's carrier entries against the modem and, unless it is a dry run, applies

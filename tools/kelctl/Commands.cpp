@@ -9,6 +9,7 @@
 #include "CarrierApply.h"
 #include "InputFile.h"
 #include "Monitor.h"
+#include "PolicyApply.h"
 #include "Truth.h"
 #include "ValueNames.h"
 #include "kel/Manager.h"
@@ -142,8 +143,9 @@ const ProfileRow* findRow(const std::vector<ProfileRow>& rows, kel::TechType tec
 namespace {
 
 std::string quoteIfNeeded(const std::string& text) {
-    return text.find_first_of(" \t") == std::string::npos && !text.empty() ? text
-                                                                           : "\"" + text + "\"";
+    const std::string shown = escapeText(text);
+    return shown.find_first_of(" \t") == std::string::npos && !shown.empty() ? shown
+                                                                             : "\"" + shown + "\"";
 }
 
 }  // namespace
@@ -232,42 +234,6 @@ Json settingChangesJson(const std::vector<SettingChange>& changes) {
 }
 
 namespace {
-
-// What an apply command did to the modem's profiles, as text and as JSON.
-struct ProfileChanges {
-    std::string text;
-    Json json = Json::array();
-};
-
-// One line per profile that appeared, changed or went.
-ProfileChanges describeChanges(const std::vector<ProfileRow>& before,
-                               const std::vector<ProfileRow>& after) {
-    ProfileChanges result;
-    for (const auto& row : after) {
-        const ProfileRow* old = findRow(before, row.tech, row.id);
-        const std::string name = profileName(row.tech, row.id);
-        if (old == nullptr) {
-            result.text += "created " + rowSummary(row) + "\n";
-            result.json.push_back(
-                {{"change", "created"}, {"profile", name}, {"settings", profileJson(row)}});
-        } else if (const auto changes = settingChanges(*old, row); !changes.empty()) {
-            result.text += "updated " + name + ": " + changesText(changes) + "\n";
-            result.json.push_back(
-                {{"change", "updated"}, {"profile", name}, {"fields", changesJson(changes)}});
-        }
-    }
-    for (const auto& row : before) {
-        if (findRow(after, row.tech, row.id) == nullptr) {
-            const std::string name = profileName(row.tech, row.id);
-            result.text += "deleted " + name + "\n";
-            result.json.push_back({{"change", "deleted"}, {"profile", name}});
-        }
-    }
-    if (result.text.empty()) {
-        result.text = "no profile changed\n";
-    }
-    return result;
-}
 
 // Which profile a find-or-create chose and what happened to it: "found", "updated" or
 // "created", then the profile as it is now.
@@ -719,32 +685,11 @@ bool cmdMatchAttachId(Session& session, const Invocation& inv, CommandResult* re
 }
 
 bool cmdApplyClasses(Session& session, const Invocation& inv, CommandResult* result) {
-    std::list<kel::ProfileParams> profiles3gpp;
-    std::list<kel::ProfileParams> profiles3gpp2;
-    for (const Entry& entry : inv.args.entries) {
-        (entry.tech == kel::TechType::TYPE_3GPP2 ? profiles3gpp2 : profiles3gpp)
-            .push_back(entry.settings);
-    }
-    const auto before = snapshot(session);
-    session.util.updateModemProfileByApnClass(profiles3gpp, profiles3gpp2);
-    const ProfileChanges changes = describeChanges(before, snapshot(session));
-    result->output = changes.text;
-    result->json = {{"changes", changes.json}};
-    return true;
+    return runApplyClasses(session, inv, result);
 }
 
 bool cmdApplyTypes(Session& session, const Invocation& inv, CommandResult* result) {
-    std::list<kel::ProfileParams> profiles;
-    for (const Entry& entry : inv.args.entries) {
-        profiles.push_back(entry.settings);
-    }
-    session.util.setProfileUpdateAllowed(inv.args.allowUpdate);
-    const auto before = snapshot(session);
-    session.util.updateAPNTypeBitmaskOnModemProfile(profiles);
-    const ProfileChanges changes = describeChanges(before, snapshot(session));
-    result->output = changes.text;
-    result->json = {{"changes", changes.json}};
-    return true;
+    return runApplyTypes(session, inv, result);
 }
 
 bool cmdCarrier(Session& session, const Invocation& inv, CommandResult* result) {
@@ -836,11 +781,11 @@ const std::vector<CommandSpec>& commands() {
         {"match-attach-id", "ID", "whether 3GPP profile ID may serve initial attach",
          kSettings | kAllowUpdate, 1, 1, 0, cmdMatchAttachId},
         {"apply-classes", "", "make sure a profile exists for each APN class (--class)",
-         kSettings | kTech | kEntries, 0, 0, kChangesModem, cmdApplyClasses},
+         kSettings | kTech | kEntries | kDryRun, 0, 0, kChangesModem, cmdApplyClasses},
         {"apply-types", "", "spread each APN's types over its profiles (--apn, --types)",
-         kSettings | kAllowUpdate | kEntries, 0, 0, kChangesModem, cmdApplyTypes},
+         kSettings | kAllowUpdate | kEntries | kDryRun, 0, 0, kChangesModem, cmdApplyTypes},
         {"carrier", "FILE", "apply one carrier's entries of a carrier APN database",
-         kCarrier | kAllowUpdate, 1, 1, kChangesModem, cmdCarrier},
+         kCarrier | kAllowUpdate | kDryRun, 1, 1, kChangesModem, cmdCarrier},
         {"drop", "NAME...", "release named handles", 0, 1, 64, kScriptOnly, cmdDrop},
         {"handles", "", "the named handles", 0, 0, 0, kScriptOnly, cmdHandles},
         {"status", "", "the modem link: connected, bound, registered, cache loaded", 0, 0, 0, 0,
@@ -944,13 +889,20 @@ bool fitToModemFields(Args* args, bool truncate, std::vector<std::string>* notes
             const std::string limit = std::to_string(field.limit);
             if (!truncate) {
                 *error = std::string(field.option) + ": " + std::to_string(value.size()) +
-                         " characters, but the modem holds at most " + limit +
+                         " bytes, but the modem holds at most " + limit +
                          " (--truncate cuts it to fit)";
                 return false;
             }
-            (params.*field.set)(value.substr(0, field.limit));
-            notes->push_back(std::string(field.option) + " cut to its first " + limit +
-                             " characters");
+            // The cut never falls inside a UTF-8 character: it backs off to the character's
+            // first byte.
+            std::size_t cut = field.limit;
+            while (cut > 0 && (static_cast<unsigned char>(value[cut]) & 0xC0u) == 0x80u) {
+                --cut;
+            }
+            (params.*field.set)(value.substr(0, cut));
+            notes->push_back(
+                std::string(field.option) + " cut to its first " + std::to_string(cut) + " bytes" +
+                (cut < field.limit ? " (a character would have been split at " + limit + ")" : ""));
         }
     }
     return true;
@@ -1021,7 +973,7 @@ bool checkOperands(const CommandSpec& definition, const Args& args,
     return true;
 }
 
-bool loadCarrierPlan(Invocation* inv, std::string* error) {
+bool loadCarrierPlan(Invocation* inv, const GlobalOptions* globals, std::string* error) {
     const Args& args = inv->args;
     if (args.mcc.empty() || args.mnc.empty()) {
         *error = "needs --mcc and --mnc";
@@ -1032,8 +984,12 @@ bool loadCarrierPlan(Invocation* inv, std::string* error) {
         return false;
     }
     auto selection = std::make_shared<CarrierSelection>();
-    const CarrierSelector selector{args.mcc, args.mnc, args.mvnoType, args.mvnoMatch};
+    CarrierSelector selector{args.mcc, args.mnc, args.mvnoType, args.mvnoMatch};
+    if (globals != nullptr && globals->timeoutGiven) {
+        selector.deadline = globals->started + std::chrono::milliseconds(globals->timeoutMs);
+    }
     if (!loadCarrier(args.positional.front(), selector, selection.get(), error)) {
+        inv->ranOut = selection->ranOut;
         return false;
     }
     inv->carrier = std::move(selection);
@@ -1054,7 +1010,7 @@ bool prepareInvocation(const CommandSpec& definition, const std::vector<std::str
         return false;
     }
     if (std::string(definition.name) == "carrier") {
-        return loadCarrierPlan(invocation, error);
+        return loadCarrierPlan(invocation, globals, error);
     }
     return true;
 }

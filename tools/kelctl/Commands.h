@@ -59,6 +59,7 @@ struct Invocation {
     Args args;
     std::shared_ptr<const CarrierSelection> carrier;  // carrier: the file, read and checked
     std::vector<std::string> notes;                   // what checking changed (values cut to fit)
+    bool ranOut = false;  // --timeout passed while the input was read: not a usage error
 };
 
 // What a command produced.
@@ -131,6 +132,8 @@ std::map<std::string, std::string> fieldMap(const ProfileRow& row);
 std::vector<SettingChange> settingChanges(const ProfileRow& before, const ProfileRow& after);
 // A changed value as kelctl prints it: "-" stays, secrets are masked.
 std::string shownChange(const std::string& setting, const std::string& value);
+// {"types": {"from": "default", "to": "default,mms"}}: an absent value is null, secrets masked.
+Json settingChangesJson(const std::vector<SettingChange>& changes);
 // "types: default -> default,mms; ip: v4 -> v4v6", secrets masked.
 std::string changesText(const std::vector<SettingChange>& changes);
 // {"types": {"from": "default", "to": "default,mms"}}: null for absent, secrets masked.

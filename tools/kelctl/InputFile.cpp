@@ -136,15 +136,19 @@ bool readInputFile(const std::string& path, std::string* text, std::string* erro
     return true;
 }
 
-std::string escapeText(const std::string& text) {
+namespace {
+
+// Layout keeps line breaks and tabs and leaves backslashes alone: a whole message, already
+// escaped where it quotes outside text, is passed once more so that nothing raw gets through.
+std::string escapeBytes(const std::string& text, bool layout) {
     std::string out;
     out.reserve(text.size());
     std::size_t at = 0;
     while (at < text.size()) {
         const auto c = static_cast<unsigned char>(text[at]);
-        if (c == '\\') {
+        if (c == '\\' && !layout) {
             out += "\\\\";
-        } else if (c >= 0x20 && c < 0x7F) {
+        } else if ((c >= 0x20 && c < 0x7F) || (layout && (c == '\n' || c == '\t'))) {
             out += static_cast<char>(c);
         } else if (const std::size_t length = c >= 0x80 ? utf8Length(text, at) : 0; length > 0) {
             out.append(text, at, length);
@@ -158,6 +162,16 @@ std::string escapeText(const std::string& text) {
         ++at;
     }
     return out;
+}
+
+}  // namespace
+
+std::string escapeText(const std::string& text) {
+    return escapeBytes(text, false);
+}
+
+std::string terminalText(const std::string& text) {
+    return escapeBytes(text, true);
 }
 
 }  // namespace kelctl

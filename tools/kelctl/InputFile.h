@@ -25,6 +25,9 @@ bool checkInputFile(const std::string& path, bool mayBeMissing, std::string* err
 // Text from a file (and a message quoting it), made safe to print: printable ASCII and well-formed
 // UTF-8 stay as they are, a backslash becomes "\\", every other byte "\xHH".
 std::string escapeText(const std::string& text);
+// What kelctl writes to a terminal: the same, except that line breaks and tabs stay and a
+// backslash stays single (the message's own escapes are kept as they are).
+std::string terminalText(const std::string& text);
 
 }  // namespace kelctl
 

@@ -17,6 +17,7 @@
 #include <mutex>
 #include <optional>
 
+#include "InputFile.h"
 #include "ModemLink.h"
 #include "Script.h"
 #include "kel/Manager.h"
@@ -320,7 +321,8 @@ class Printer {
   private:
     bool profileEvent(const kel::ModemEvent& event);
     bool text(std::chrono::system_clock::time_point when, const std::string& body) {
-        return write(timeText(when, false) + " " + body + "\n");
+        // Names and APNs are the modem's bytes: escaped, as every text line kelctl prints.
+        return write(timeText(when, false) + " " + terminalText(body) + "\n");
     }
     bool line(std::chrono::system_clock::time_point when, Json document) {
         Json stamped = {{"time", timeText(when, true)}};

@@ -107,7 +107,7 @@ bool setIp(const std::string& value, kel::ProfileParams& params, bool roaming, s
 const std::vector<OptionSpec>& optionTable() {
     static const std::vector<OptionSpec> table = {
         // Profile settings.
-        {"--apn", "NAME", kSettings, "APN name (at most 150 characters)",
+        {"--apn", "NAME", kSettings, "APN name (at most 150 bytes)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
              current(a).setApnName(v);
              return true;
@@ -140,12 +140,12 @@ const std::vector<OptionSpec>& optionTable() {
              current(a).setAuthType(*auth);
              return true;
          }},
-        {"--user", "NAME", kSettings, "user name (at most 127 characters)",
+        {"--user", "NAME", kSettings, "user name (at most 127 bytes)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
              current(a).setUserName(v);
              return true;
          }},
-        {"--password", "TEXT", kSettings, "password (at most 127 characters)",
+        {"--password", "TEXT", kSettings, "password (at most 127 bytes)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
              current(a).setPassword(v);
              return true;
@@ -282,9 +282,15 @@ const std::vector<OptionSpec>& optionTable() {
              a.mvnoMatch = v;
              return true;
          }},
-        {"--dry-run", nullptr, kCarrier, "print what would change on the modem; change nothing",
+        {"--dry-run", nullptr, kDryRun, "print what would change on the modem; change nothing",
          [](const std::string&, Args& a, GlobalOptions*, std::string*) {
              a.dryRun = true;
+             return true;
+         }},
+        {"--create", nullptr, kCarrier,
+         "create a persistent profile for each APN of the carrier that no profile carries",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.create = true;
              return true;
          }},
         {"--started", nullptr, kRefresh, "only report that a refresh started (closes the library)",
@@ -565,6 +571,19 @@ std::string optionsHelp(unsigned int groups) {
 
 std::string globalOptionsHelp() {
     return helpLines(kGlobal);
+}
+
+bool asksForJson(const std::vector<std::string>& words) {
+    static const std::string kJson = "--json";
+    for (const auto& word : words) {
+        if (word == "--") {
+            return false;
+        }
+        if (word == "-j" || (word.size() >= 3 && kJson.compare(0, word.size(), word) == 0)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace kelctl

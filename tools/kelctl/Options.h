@@ -6,6 +6,7 @@
 #ifndef KELCTL_OPTIONS_H
 #define KELCTL_OPTIONS_H
 
+#include <chrono>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -25,14 +26,15 @@ enum OptionGroup : unsigned int {
     kFilter = 1u << 4,       // --id, --criteria
     kKelFlag = 1u << 5,      // --kel
     kIaFlag = 1u << 6,       // --ia
-    kCarrier = 1u << 8,      // --mcc, --mnc, --mvno-type, --mvno-match, --dry-run
+    kCarrier = 1u << 8,      // --mcc, --mnc, --mvno-type, --mvno-match, --create
     kRefresh = 1u << 9,      // --started, --completed
     kEntries = 1u << 10,     // --and: several entries on one command line
     kEcho = 1u << 11,        // --echo
     kVerbose = 1u << 12,     // --verbose, where a script line may use it
+    kDryRun = 1u << 13,      // --dry-run
 };
 
-// The modem's text fields and the longest value each holds, in characters.
+// The modem's text fields and the longest value each holds, in bytes (UTF-8 counts each byte).
 constexpr std::size_t kApnLimit = 150;
 constexpr std::size_t kUserNameLimit = 127;
 constexpr std::size_t kPasswordLimit = 127;
@@ -56,6 +58,7 @@ struct Args {
     bool verbose = false;
     bool help = false;
     bool truncate = false;  // cut values longer than their modem field instead of refusing them
+    bool create = false;    // carrier: a persistent profile for each APN no profile carries
     std::optional<int> id;
     std::optional<bool> kel;
     std::optional<bool> ia;
@@ -88,6 +91,8 @@ struct GlobalOptions {
     // Run the library with every switch of kel::Options off, exactly as its reference behaviour;
     // by default kelctl turns them all on (kel::Options::safe()).
     bool reference = false;
+    // When the run began: --timeout counts from here, the reading of input files included.
+    std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
 };
 
 // Parses the words after a command name for a command that takes `groups`, the way getopt_long
@@ -102,6 +107,10 @@ bool parseArgs(unsigned int groups, const std::vector<std::string>& words, Args*
 // removes them. False with a reason.
 bool parseLeadingGlobals(std::vector<std::string>* words, GlobalOptions* globals,
                          std::string* error);
+
+// Whether words ask for --json (or -j, or a shortening of it) before "--": a command line
+// refused before it is parsed is then answered with a JSON document too.
+bool asksForJson(const std::vector<std::string>& words);
 
 // The option lines of a command's help, one per option, aligned.
 std::string optionsHelp(unsigned int groups);

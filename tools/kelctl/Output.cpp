@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "InputFile.h"
 #include "ValueNames.h"
 
 namespace kelctl {
@@ -132,7 +133,7 @@ std::string settingsLine(const kel::ProfileParams& params) {
         line += line.empty() ? "" : " ";
         const std::string value = shownValue(key, raw);
         const bool quote = value.empty() || value.find_first_of(" \t\"'") != std::string::npos;
-        line += key + "=" + (quote ? jsonString(value) : value);
+        line += key + "=" + (quote ? jsonString(value) : escapeText(value));
     }
     return line;
 }
@@ -172,8 +173,8 @@ std::string profileTable(const std::vector<ProfileRow>& rows) {
             orDash(row.token),
             techName(row.tech),
             std::to_string(row.id),
-            orDash(row.name),
-            p.hasApnName() ? orDash(p.getApnName()) : "-",
+            orDash(escapeText(row.name)),
+            p.hasApnName() ? orDash(escapeText(p.getApnName())) : "-",
             p.hasHomeIPType() ? ipName(p.getHomeIPType()) : "-",
             p.hasRoamIPType() ? ipName(p.getRoamIPType()) : "-",
             p.hasApnTypesMask() ? typesNames(p.getApnTypesMask()) : "-",
@@ -282,7 +283,26 @@ Json profilesJson(const std::vector<ProfileRow>& rows) {
 }
 
 std::string jsonText(const Json& document) {
-    return document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+    const std::string text = document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+    // The dump leaves DEL and the C1 controls raw; outside strings a document has neither, so
+    // each becomes its \u escape and the document stays the same.
+    std::string safe;
+    safe.reserve(text.size());
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const auto c = static_cast<unsigned char>(text[at]);
+        const bool c1 = c == 0xC2 && at + 1 < text.size() &&
+                        static_cast<unsigned char>(text[at + 1]) >= 0x80 &&
+                        static_cast<unsigned char>(text[at + 1]) <= 0x9F;
+        if (c == 0x7F || c1) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof(escaped), "\\u%04x",
+                          c1 ? static_cast<unsigned char>(text[++at]) : c);
+            safe += escaped;
+        } else {
+            safe += static_cast<char>(c);
+        }
+    }
+    return safe;
 }
 
 RunDeadline::~RunDeadline() {
@@ -300,6 +320,11 @@ void RunDeadline::arm(std::chrono::milliseconds limit, int errorFd, const std::s
 void RunDeadline::setLine(const std::string& line) {
     std::lock_guard<std::mutex> guard(lock);
     message = line;
+}
+
+std::string RunDeadline::line() const {
+    std::lock_guard<std::mutex> guard(lock);
+    return message;
 }
 
 void RunDeadline::setCleanup(const std::string& directory) {
@@ -359,7 +384,10 @@ bool Channel::claimStandardOutput(bool verbose, bool maskSecrets, std::string* e
     }
     UniqueFd filterInput;
     UniqueFd elsewhere;
-    if (verbose && maskSecrets) {
+    // The library's log passes through the filter whenever it is shown: it may quote a profile's
+    // bytes, which are escaped there.
+    if (verbose) {
+        maskLog = maskSecrets;
         int ends[2];
         if (::pipe2(ends, O_CLOEXEC) != 0) {
             *error = std::string("cannot make a pipe for the log: ") + std::strerror(errno);
@@ -399,22 +427,28 @@ void Channel::filterLog(UniqueFd input) const {
         std::size_t start = 0;
         for (std::size_t end = pending.find('\n'); end != std::string::npos;
              end = pending.find('\n', start)) {
-            deadline.write(err.get(), maskedLibraryText(pending.substr(start, end - start)) + "\n");
+            const std::string line = pending.substr(start, end - start);
+            deadline.write(err.get(),
+                           terminalText(maskLog ? maskedLibraryText(line) : line) + "\n");
             start = end + 1;
         }
         pending.erase(0, start);
     }
     if (!pending.empty()) {
-        deadline.write(err.get(), maskedLibraryText(pending));
+        deadline.write(err.get(), terminalText(maskLog ? maskedLibraryText(pending) : pending));
     }
 }
 
+// Whatever a profile, a seed, a state file or a carrier file holds, no control character and no
+// invalid UTF-8 reaches the terminal raw.
 void Channel::print(const std::string& text) const {
-    deadline.write(out ? out.get() : STDOUT_FILENO, text);
+    printed = printed || !text.empty();
+    deadline.write(out ? out.get() : STDOUT_FILENO, terminalText(text));
 }
 
 void Channel::error(const std::string& text) const {
-    deadline.write(errorFd(), text);
+    errorText = text;
+    deadline.write(errorFd(), terminalText(text));
 }
 
 }  // namespace kelctl

@@ -76,6 +76,7 @@ class RunDeadline {
     void arm(std::chrono::milliseconds limit, int errorFd, const std::string& line);
     // What the line says from now on, e.g. what the run is waiting for.
     void setLine(const std::string& line);
+    std::string line() const;
     // A directory to remove before exiting (the embedded modem's).
     void setCleanup(const std::string& directory);
     void disarm();
@@ -106,8 +107,9 @@ class Channel {
     Channel(const Channel&) = delete;
     Channel& operator=(const Channel&) = delete;
 
-    // False with a reason when the descriptors cannot be rearranged. With verbose and
-    // maskSecrets, the library's log passes through a filter thread that masks passwords.
+    // False with a reason when the descriptors cannot be rearranged. With verbose, the library's
+    // log passes through a filter thread that escapes what a terminal would act on and, with
+    // maskSecrets, masks passwords.
     bool claimStandardOutput(bool verbose, bool maskSecrets, std::string* error);
     void print(const std::string& text) const;
     // Standard error: errors and notes.
@@ -116,15 +118,23 @@ class Channel {
     int errorFd() const { return err ? err.get() : 2; }
     // The real standard output, for a command that writes as events come (monitor).
     int outputFd() const { return out ? out.get() : 1; }
+    // What a run printed so far: whether anything went to standard output, and the last text
+    // that went to standard error.
+    bool printedOutput() const { return printed; }
+    const std::string& lastError() const { return errorText; }
 
     // Every line kelctl prints goes through the deadline, so none follows its last line.
-    RunDeadline deadline;
+    // Mutable: what the deadline's line says follows the run's step, whoever holds the channel.
+    mutable RunDeadline deadline;
 
   private:
     void filterLog(UniqueFd input) const;
 
-    UniqueFd out;  // the real standard output once claimed
-    UniqueFd err;  // the real standard error once claimed
+    UniqueFd out;                  // the real standard output once claimed
+    UniqueFd err;                  // the real standard error once claimed
+    bool maskLog = false;          // set before the filter thread starts, read only by it
+    mutable bool printed = false;  // main thread only, like print and error
+    mutable std::string errorText;
     std::thread logFilter;
 };
 

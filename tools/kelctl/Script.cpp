@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "InputFile.h"
+#include "StateLock.h"
 #include "Truth.h"
 #include "ValueNames.h"
 
@@ -119,9 +120,21 @@ bool openLink(const GlobalOptions& globals, Channel& channel, ModemLink* link,
         channel.error("kelctl: " + error + "\n");
         return false;
     }
+    // Before the embedded modem reads its state: the wait counts against --timeout.
+    if (!globals.stateFile.empty() &&
+        !lockStateFile(globals.stateFile,
+                       globals.started + std::chrono::milliseconds(globals.timeoutMs), &error)) {
+        channel.error("kelctl: " + escapeText(error) + "\n");
+        return false;
+    }
     const std::string limit = secondsText(globals.timeoutMs);
     if (globals.timeoutGiven) {
-        channel.deadline.arm(std::chrono::milliseconds(globals.timeoutMs), channel.errorFd(),
+        // What reading the input took already counts.
+        const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now() - globals.started);
+        channel.deadline.arm(std::max(std::chrono::milliseconds(1),
+                                      std::chrono::milliseconds(globals.timeoutMs) - spent),
+                             channel.errorFd(),
                              globals.modemDir.empty()
                                  ? "kelctl: the library did not connect to the embedded modem "
                                    "within " +
@@ -460,8 +473,16 @@ int runCommandLine(const CommandSpec& definition, const std::vector<std::string>
     Invocation invocation;
     invocation.args.truncate = globals.truncate;
     std::string error;
-    if (!prepareInvocation(definition, words, &globals, nullptr, &invocation, &error) ||
-        !settleGlobals(&globals, &error)) {
+    const bool prepared =
+        prepareInvocation(definition, words, &globals, nullptr, &invocation, &error);
+    if (!prepared && invocation.ranOut) {
+        channel.error(name + escapeText(error) + "; nothing was sent to the modem\n");
+        if (globals.json) {
+            channel.print(jsonText({{"error", error + "; nothing was sent to the modem"}}));
+        }
+        return kExitFailed;
+    }
+    if (!prepared || !settleGlobals(&globals, &error)) {
         // Input files are quoted in errors: escaped, never raw bytes.
         channel.error(name + escapeText(error) + "\n");
         return kExitUsage;

@@ -62,9 +62,9 @@ _kelctl() {
         data-call) options="$settings --tech --allow-update" ;;
         emergency) options="$settings" ;;
         attach | match-attach-id) options="$settings --allow-update" ;;
-        apply-classes) options="$settings --tech --and" ;;
-        apply-types) options="$settings --allow-update --and" ;;
-        carrier) options="--mcc --mnc --mvno-type --mvno-match --dry-run --allow-update" ;;
+        apply-classes) options="$settings --tech --and --dry-run" ;;
+        apply-types) options="$settings --allow-update --and --dry-run" ;;
+        carrier) options="--mcc --mnc --mvno-type --mvno-match --dry-run --allow-update --create" ;;
         run | shell) options="--echo" ;;
         status) options="" ;;
         monitor) options="--count --no-initial" ;;

@@ -9,10 +9,11 @@
 #include "Output.h"
 #include "Script.h"
 
-int main(int argc, char** argv) {
-    using namespace kelctl;
-    Channel channel;
-    std::vector<std::string> words(argv + 1, argv + argc);
+namespace {
+
+using namespace kelctl;
+
+int runKelctl(std::vector<std::string> words, Channel& channel) {
     GlobalOptions globals;
     std::string error;
     if (!parseLeadingGlobals(&words, &globals, &error)) {
@@ -64,4 +65,25 @@ int main(int argc, char** argv) {
         return kExitUsage;
     }
     return runCommandLine(*definition, rest, globals, channel);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Channel channel;
+    const std::vector<std::string> words(argv + 1, argv + argc);
+    const int status = runKelctl(words, channel);
+    // Under --json a refused command line is answered with one document as well, on standard
+    // output, which it has not used yet.
+    if (status == kExitUsage && asksForJson(words) && !channel.printedOutput()) {
+        std::string reason = channel.lastError();
+        if (reason.rfind("kelctl: ", 0) == 0) {
+            reason.erase(0, 8);
+        }
+        while (!reason.empty() && reason.back() == '\n') {
+            reason.pop_back();
+        }
+        channel.print(jsonText({{"error", reason}}));
+    }
+    return status;
 }

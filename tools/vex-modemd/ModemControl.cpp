@@ -27,8 +27,14 @@ const char* const kHelp =
     "ind-malformed [SUB]                 send a profile-changed indication that cannot decode\n"
     "ind-burst COUNT [SUB]               send COUNT modify events back to back\n";
 
+// A command line the daemon does not take.
 Reply fail(const std::string& reason) {
-    return Reply{false, reason};
+    return Reply{false, reason, true};
+}
+
+// A command the modem, as it is now, does not carry out.
+Reply refuse(const std::string& reason) {
+    return Reply{false, reason, false};
 }
 
 bool parseUnsigned(const std::string& text, unsigned long max, unsigned long* value) {
@@ -196,7 +202,7 @@ Reply ModemControl::change(const std::string& command, const std::vector<std::st
         auto index = modem.createProfile(profile.subscription, profile.type, profile.settings,
                                          profile.persistent);
         if (!index) {
-            return fail("create: the modem refused (down, table full or bad settings)");
+            return refuse("create: the modem refused (down, table full or bad settings)");
         }
         profile.index = *index;
         return Reply{true, "created " + describe(profile) + "\n"};
@@ -209,7 +215,7 @@ Reply ModemControl::change(const std::string& command, const std::vector<std::st
             return fail("delete takes only the type, sub=N and index=N");
         }
         if (!modem.deleteProfile(profile.subscription, profile.type, profile.index)) {
-            return fail("delete: no such profile: " + describe(profile));
+            return refuse("delete: no such profile: " + describe(profile));
         }
         return Reply{true, "deleted " + describe(profile) + "\n"};
     }
@@ -217,7 +223,7 @@ Reply ModemControl::change(const std::string& command, const std::vector<std::st
         return fail("modify: persistence cannot be changed");
     }
     if (!modem.modifyProfile(profile.subscription, profile.type, profile.index, profile.settings)) {
-        return fail("modify: no such profile: " + describe(profile));
+        return refuse("modify: no such profile: " + describe(profile));
     }
     return Reply{true, "modified " + describe(profile) + "\n"};
 }
@@ -253,7 +259,7 @@ Reply ModemControl::faults(const std::string& command, const std::vector<std::st
             return fail("usage: drop CLIENT");
         }
         if (!modem.dropClient(static_cast<int>(a))) {
-            return fail("no client " + args[0]);
+            return refuse("no client " + args[0]);
         }
         return Reply{true, "dropped client " + args[0] + "\n"};
     }
@@ -320,7 +326,7 @@ Reply ModemControl::power(const std::string& command) {
     if (command == "up" || command == "restart") {
         std::string why;
         if (!modem.start(&why)) {
-            return fail("cannot come up: " + why);
+            return refuse("cannot come up: " + why);
         }
     }
     return Reply{true, std::string(modem.isUp() ? "up" : "down") + "\n"};
@@ -332,7 +338,7 @@ std::string encodeReply(const Reply& reply) {
         for (char& ch : reason) {
             ch = ch == '\n' ? ' ' : ch;
         }
-        return "error: " + reason + "\n";
+        return (reply.wrong ? kWrongPrefix : "error: ") + reason + "\n";
     }
     return "ok\n" + reply.text;
 }

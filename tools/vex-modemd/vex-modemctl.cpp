@@ -1,4 +1,5 @@
 // vex-modemctl: tells a running vex-modemd what to do, and prints what it answers.
+#include <getopt.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -25,7 +26,85 @@ const char* const kUsage =
     "  --dir DIR         service directory of the daemon (default: $VEX_SERVICE_DIR, else\n"
     "                    $XDG_RUNTIME_DIR/vex-services, else /tmp/vex-services-UID)\n"
     "  --wait SECONDS    wait up to SECONDS (at most 60) for a daemon that is starting\n"
+    "  -h, --help        show this and exit\n"
+    "  -V, --version     show the version and exit\n"
     "Run 'vex-modemctl help' for the commands.\n";
+
+int usageError(const std::string& reason) {
+    std::fprintf(stderr, "vex-modemctl: %s (vex-modemctl --help lists the options)\n",
+                 reason.c_str());
+    return 2;
+}
+
+struct Options {
+    std::string dir = vexwire::serviceDirectory();
+    int waitSeconds = 0;
+    int command = 0;  // argv index of the command
+};
+
+// As getopt_long reads them, up to the command: what follows it is the command's own. Returns 0
+// to go on, or the exit status plus one.
+int parseOptions(int argc, char** argv, Options* options) {
+    enum { kDir = 256, kWait };
+    static const option kOptions[] = {
+        {"dir", required_argument, nullptr, kDir},
+        {"wait", required_argument, nullptr, kWait},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
+        {nullptr, 0, nullptr, 0},
+    };
+    opterr = 0;  // its messages are written here, in the tool's own words
+    for (;;) {
+        const int previous = optind;
+        // "+": options end at the command, whose arguments may look like options.
+        const int code = ::getopt_long(argc, argv, "+:hV", kOptions, nullptr);
+        if (code == -1) {
+            break;
+        }
+        const std::string word = previous < argc ? argv[previous] : "";
+        const std::string name = word.substr(0, word.find('='));
+        switch (code) {
+            case 'h':
+                std::fputs(kUsage, stdout);
+                return 1;
+            case 'V':
+                std::printf("vex-modemctl %s\n", VEX_TOOLS_VERSION);
+                return 1;
+            case kDir:
+                options->dir = optarg;
+                break;
+            case kWait: {
+                char* end = nullptr;
+                const long seconds = std::strtol(optarg, &end, 10);
+                if (*optarg == '\0' || *end != '\0' || seconds < 0 ||
+                    seconds > kLongestWaitSeconds) {
+                    std::fprintf(stderr,
+                                 "vex-modemctl: --wait: \"%s\" is not a number of seconds "
+                                 "from 0 to %d\n",
+                                 optarg, kLongestWaitSeconds);
+                    return 3;
+                }
+                options->waitSeconds = static_cast<int>(seconds);
+                break;
+            }
+            case ':':
+                return usageError(name + " needs a value") + 1;
+            default:
+                return usageError(optopt != 0 ? "unknown option -" + std::string(1, optopt)
+                                              : "unknown or ambiguous option " + name) +
+                       1;
+        }
+    }
+    if (optind >= argc) {
+        std::fputs(
+            "vex-modemctl: no command given (vex-modemctl --help shows the options, "
+            "'vex-modemctl help' the commands)\n",
+            stderr);
+        return 3;
+    }
+    options->command = optind;
+    return 0;
+}
 
 // Connects to the control socket, retrying until waitUntil while no daemon listens yet. A
 // directory that is missing only means no daemon (yet); one that is not this user's is refused.
@@ -75,32 +154,13 @@ bool readReply(int fd, vexwire::Clock::time_point deadline, std::string* reply) 
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string dir = vexwire::serviceDirectory();
-    int waitSeconds = 0;
-    int first = 1;
-    while (first + 1 < argc &&
-           (std::strcmp(argv[first], "--dir") == 0 || std::strcmp(argv[first], "--wait") == 0)) {
-        if (std::strcmp(argv[first], "--dir") == 0) {
-            dir = argv[first + 1];
-        } else {
-            char* end = nullptr;
-            const long seconds = std::strtol(argv[first + 1], &end, 10);
-            if (*argv[first + 1] == '\0' || *end != '\0' || seconds < 0 ||
-                seconds > kLongestWaitSeconds) {
-                std::fprintf(stderr,
-                             "vex-modemctl: --wait: \"%s\" is not a number of seconds "
-                             "from 0 to %d\n",
-                             argv[first + 1], kLongestWaitSeconds);
-                return 2;
-            }
-            waitSeconds = static_cast<int>(seconds);
-        }
-        first += 2;
+    Options options;
+    if (const int status = parseOptions(argc, argv, &options); status != 0) {
+        return status - 1;
     }
-    if (first >= argc || std::strcmp(argv[first], "--help") == 0) {
-        std::fputs(kUsage, first >= argc ? stderr : stdout);
-        return first >= argc ? 2 : 0;
-    }
+    const std::string& dir = options.dir;
+    const int waitSeconds = options.waitSeconds;
+    const int first = options.command;
     std::string path = dir + "/" + vexmodemd::kControlSocketName;
     vexwire::ConnectOutcome outcome;
     std::string refusal;
@@ -139,9 +199,13 @@ int main(int argc, char** argv) {
     std::string status = reply.substr(0, eol);
     std::string output = eol == std::string::npos ? "" : reply.substr(eol + 1);
     if (status != "ok") {
-        std::fprintf(stderr, "vex-modemctl: %s\n",
-                     status.rfind("error: ", 0) == 0 ? status.c_str() + 7 : status.c_str());
-        return 1;
+        // A command the daemon does not know, or wrong arguments, is a wrong command line.
+        const bool wrong = status.rfind(vexmodemd::kWrongPrefix, 0) == 0;
+        const std::size_t skip = wrong ? std::strlen(vexmodemd::kWrongPrefix)
+                                 : status.rfind("error: ", 0) == 0 ? 7
+                                                                   : 0;
+        std::fprintf(stderr, "vex-modemctl: %s\n", status.c_str() + skip);
+        return wrong ? 2 : 1;
     }
     std::fputs(output.c_str(), stdout);
     return 0;

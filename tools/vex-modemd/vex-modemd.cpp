@@ -1,5 +1,6 @@
 // vex-modemd: the simulated modem as a foreground daemon, with a control socket for
 // vex-modemctl. Stops cleanly on SIGINT or SIGTERM.
+#include <getopt.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -30,14 +31,16 @@ constexpr int kMaxControlConnections = 16;
 
 const char* const kUsage =
     "usage: vex-modemd [options]\n"
-    "  --seed FILE           initial profiles (see docs/platform.md); none when absent\n"
-    "  --state FILE          keep persistent profiles here across restarts\n"
-    "  --dir DIR             service directory (default: $VEX_SERVICE_DIR, else\n"
-    "                        $XDG_RUNTIME_DIR/vex-services, else /tmp/vex-services-UID)\n"
-    "  --subscriptions N     number of subscriptions (default 2)\n"
-    "  --capacity-3gpp N     3GPP profiles per subscription (default 24)\n"
-    "  --capacity-3gpp2 N    3GPP2 profiles per subscription (default 8)\n"
-    "  --no-ready-on-register  do not send profiles-ready to newly registered clients\n";
+    "  --seed FILE             initial profiles (see docs/platform.md); none when absent\n"
+    "  --state FILE            keep persistent profiles here across restarts\n"
+    "  --dir DIR               service directory (default: $VEX_SERVICE_DIR, else\n"
+    "                          $XDG_RUNTIME_DIR/vex-services, else /tmp/vex-services-UID)\n"
+    "  --subscriptions N       number of subscriptions (default 2)\n"
+    "  --capacity-3gpp N       3GPP profiles per subscription (default 24)\n"
+    "  --capacity-3gpp2 N      3GPP2 profiles per subscription (default 8)\n"
+    "  --no-ready-on-register  do not send profiles-ready to newly registered clients\n"
+    "  -h, --help              show this and exit\n"
+    "  -V, --version           show the version and exit\n";
 
 bool parseCount(const char* text, int max, int* value) {
     char* end = nullptr;
@@ -49,44 +52,88 @@ bool parseCount(const char* text, int max, int* value) {
     return true;
 }
 
-// Returns 0 to go on, or the exit status.
+int usageError(const std::string& reason) {
+    std::fprintf(stderr, "vex-modemd: %s (vex-modemd --help lists the options)\n", reason.c_str());
+    return 2;
+}
+
+enum LongOnly {
+    kSeed = 256,
+    kState,
+    kDir,
+    kSubscriptions,
+    kCapacity3gpp,
+    kCapacity3gpp2,
+    kNoReady
+};
+
+// As getopt_long reads them: long options may be shortened while unambiguous, "--opt=value"
+// and "--opt value" both work. Returns 0 to go on, or the exit status plus one (so that --help
+// and --version, which exit 0, are told apart from going on).
 int parseOptions(int argc, char** argv, vexsim::Config* config) {
-    for (int i = 1; i < argc; ++i) {
-        std::string option = argv[i];
-        if (option == "--help" || option == "-h") {
-            std::fputs(kUsage, stdout);
-            return -1;
+    static const option kOptions[] = {
+        {"seed", required_argument, nullptr, kSeed},
+        {"state", required_argument, nullptr, kState},
+        {"dir", required_argument, nullptr, kDir},
+        {"subscriptions", required_argument, nullptr, kSubscriptions},
+        {"capacity-3gpp", required_argument, nullptr, kCapacity3gpp},
+        {"capacity-3gpp2", required_argument, nullptr, kCapacity3gpp2},
+        {"no-ready-on-register", no_argument, nullptr, kNoReady},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
+        {nullptr, 0, nullptr, 0},
+    };
+    opterr = 0;  // its messages are written here, in the tool's own words
+    for (;;) {
+        const int previous = optind;
+        const int code = ::getopt_long(argc, argv, ":hV", kOptions, nullptr);
+        if (code == -1) {
+            break;
         }
-        if (option == "--no-ready-on-register") {
-            config->profilesReadyOnRegister = false;
-            continue;
-        }
-        if (i + 1 >= argc) {
-            std::fprintf(stderr, "vex-modemd: %s needs a value\n%s", option.c_str(), kUsage);
-            return 2;
-        }
-        const char* value = argv[++i];
+        const std::string word = previous < argc ? argv[previous] : "";
+        const std::string name = word.substr(0, word.find('='));
         bool ok = true;
-        if (option == "--seed") {
-            config->seedFile = value;
-        } else if (option == "--state") {
-            config->stateFile = value;
-        } else if (option == "--dir") {
-            config->serviceDir = value;
-        } else if (option == "--subscriptions") {
-            ok = parseCount(value, 16, &config->subscriptions);
-        } else if (option == "--capacity-3gpp") {
-            ok = parseCount(value, 255, &config->capacity3gpp);
-        } else if (option == "--capacity-3gpp2") {
-            ok = parseCount(value, 255, &config->capacity3gpp2);
-        } else {
-            std::fprintf(stderr, "vex-modemd: unknown option %s\n%s", option.c_str(), kUsage);
-            return 2;
+        switch (code) {
+            case 'h':
+                std::fputs(kUsage, stdout);
+                return 1;
+            case 'V':
+                std::printf("vex-modemd %s\n", VEX_TOOLS_VERSION);
+                return 1;
+            case kSeed:
+                config->seedFile = optarg;
+                break;
+            case kState:
+                config->stateFile = optarg;
+                break;
+            case kDir:
+                config->serviceDir = optarg;
+                break;
+            case kSubscriptions:
+                ok = parseCount(optarg, 16, &config->subscriptions);
+                break;
+            case kCapacity3gpp:
+                ok = parseCount(optarg, 255, &config->capacity3gpp);
+                break;
+            case kCapacity3gpp2:
+                ok = parseCount(optarg, 255, &config->capacity3gpp2);
+                break;
+            case kNoReady:
+                config->profilesReadyOnRegister = false;
+                break;
+            case ':':
+                return usageError(name + " needs a value") + 1;
+            default:
+                return usageError((optopt != 0 ? "unknown option -" + std::string(1, optopt)
+                                               : "unknown or ambiguous option " + name)) +
+                       1;
         }
         if (!ok) {
-            std::fprintf(stderr, "vex-modemd: bad value for %s: %s\n", option.c_str(), value);
-            return 2;
+            return usageError("bad value for " + name + ": " + optarg) + 1;
         }
+    }
+    if (optind < argc) {
+        return usageError(std::string("takes no operands, not \"") + argv[optind] + "\"") + 1;
     }
     return 0;
 }
@@ -254,9 +301,8 @@ class ControlServer {
 
 int main(int argc, char** argv) {
     vexsim::Config config;
-    int status = parseOptions(argc, argv, &config);
-    if (status != 0) {
-        return status < 0 ? 0 : status;
+    if (const int status = parseOptions(argc, argv, &config); status != 0) {
+        return status - 1;
     }
     // Blocked before any thread starts, so that only sigwait below receives them.
     sigset_t signals;

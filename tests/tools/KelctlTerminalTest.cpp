@@ -1,0 +1,103 @@
+// kelctl as a process: hostile bytes from the modem, a seed, a state file or a carrier file never
+// reach the terminal raw, in any text output; JSON stays valid; field limits count bytes.
+#include "tools/KelctlHarness.h"
+
+namespace {
+
+using namespace kelctltest;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+// A terminal title escape, a bell, an invalid byte, a C1 control (CSI) and DEL.
+const char* const kHostileSeed =
+    "profile 3gpp sub=0 index=1 name=\"evil\\x1b]0;owned\\x07\" apn=\"bad\\xff.example\" "
+    "pdp=ipv4v6 user=\"csi\\xc2\\x9b2J\" password=\"del\\x7f\" types=default\n";
+
+const char* const kHostileCarrier =
+    "<apns version=\"8\">\n"
+    "  <apn carrier=\"Evil&#27;[2J\xff\" mcc=\"262\" mnc=\"93\" apn=\"bad\xff.example\" "
+    "type=\"default,\x1b[31mia\" protocol=\"IPV4V6\" user=\"u&#7;\" />\n"
+    "</apns>\n";
+
+// Nothing a terminal would act on, and nothing that is not UTF-8.
+void expectTerminalSafe(const std::string& text, const std::string& what) {
+    for (const unsigned char c : text) {
+        EXPECT_TRUE(c == '\n' || c == '\t' || (c >= 0x20 && c != 0x7F))
+            << what << ": raw byte " << static_cast<int>(c) << " in " << text;
+    }
+    EXPECT_EQ(text.find("\xc2\x9b"), std::string::npos) << what;
+    EXPECT_EQ(text.find('\xff'), std::string::npos) << what;
+}
+
+struct OutputPath {
+    const char* name;
+    std::vector<std::string> args;
+    const char* shown;  // what the escaped text shows in the output, text only
+};
+
+class KelctlTerminalTest : public KelctlTest, public ::testing::WithParamInterface<OutputPath> {
+  protected:
+    const std::string hostileSeed = script("hostile.conf", kHostileSeed);
+    const std::string hostileCarrier = script("hostile.xml", kHostileCarrier);
+};
+
+TEST_P(KelctlTerminalTest, ShowsHostileBytesEscapedAndJsonStaysValid) {
+    std::vector<std::string> args = {"--seed", hostileSeed, "--show-secrets"};
+    for (const auto& arg : GetParam().args) {
+        args.push_back(arg == "FILE" ? hostileCarrier : arg);
+    }
+    const Outcome text = kelctl(args);
+    EXPECT_EQ(text.status, 0) << text.err;
+    expectTerminalSafe(text.out, "stdout");
+    expectTerminalSafe(text.err, "stderr");
+    EXPECT_THAT(text.out + text.err, HasSubstr(GetParam().shown));
+
+    args.push_back("--json");
+    const Outcome json = kelctl(args);
+    EXPECT_EQ(json.status, 0) << json.err;
+    expectTerminalSafe(json.out, "json");
+    expectTerminalSafe(json.err, "json stderr");
+    EXPECT_FALSE(parsed(json.out).is_discarded());
+}
+
+const OutputPath kPaths[] = {
+    {"List", {"list"}, "evil\\x1B]0;owned\\x07"},
+    {"Get", {"get", "3gpp:1"}, "del\\x7F"},
+    {"Dump", {"dump"}, "csi\\xC2\\x9B2J"},
+    {"Filter", {"filter", "--apn", "bad\xff.example"}, "bad\\xFF.example"},
+    {"CarrierPlan",
+     {"carrier", "FILE", "--mcc", "262", "--mnc", "93", "--dry-run", "--verbose"},
+     "Evil\\x1B[2J\\xFF"},
+    {"Verbose", {"--verbose", "list"}, "\\x1B]0;owned"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Paths, KelctlTerminalTest, ::testing::ValuesIn(kPaths),
+                         [](const auto& testCase) { return std::string(testCase.param.name); });
+
+// monitor writes its lines as events come, past the output channel: its initial picture too.
+TEST_F(KelctlTest, MonitorShowsHostileBytesEscaped) {
+    const std::string hostile = script("hostile.conf", kHostileSeed);
+    const Outcome watched =
+        kelctl({"--seed", hostile, "monitor", "--count", "1", "--timeout", "1"});
+    EXPECT_EQ(watched.status, 1) << "no event came within the timeout: " << watched.err;
+    expectTerminalSafe(watched.out, "stdout");
+    EXPECT_THAT(watched.out, HasSubstr("name=evil\\x1B]0;owned\\x07 apn=bad\\xFF.example"));
+}
+
+// The modem counts bytes: a value of two-byte characters is cut at a character's start.
+TEST_F(KelctlTest, TruncateCutsBytesAndNeverSplitsACharacter) {
+    std::string apn = std::string(149, 'a') + "\xc3\xa9";  // 151 bytes, the last character é
+    const Outcome refused = seeded({"add", "--apn", apn});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_THAT(refused.err, HasSubstr("--apn: 151 bytes, but the modem holds at most 150"));
+
+    const Outcome cut = seeded({"add", "--apn", apn, "--truncate", "--json"});
+    EXPECT_EQ(cut.status, 0) << cut.err;
+    EXPECT_THAT(cut.err, HasSubstr("--apn cut to its first 149 bytes (a character would have "
+                                   "been split at 150)"));
+    const nlohmann::json added = parsed(cut.out);
+    EXPECT_EQ(added.dump().find("\\ufffd"), std::string::npos) << added.dump();
+    EXPECT_THAT(added.dump(), HasSubstr(std::string(149, 'a') + "\""));
+}
+
+}  // namespace

@@ -194,7 +194,7 @@ TEST_P(RefreshGiveUpTest, AModemAnsweringEveryReadLateHoldsTheRefreshOnlyForTheB
     if (GetParam().on) {
         EXPECT_EQ(sent, 2u + 2u) << "the two lists and two reads";
         EXPECT_TRUE(
-            error("VexWdsProxy: 2 reads in a row got no answer, the refresh reads no more"));
+            inHistory("VexWdsProxy: 2 reads in a row got no answer, the refresh reads no more"));
     } else {
         EXPECT_EQ(sent, 2u + modem->profiles(0).size());
     }
@@ -260,7 +260,7 @@ TEST_P(MalformedIndicationTest, TheChangeBehindAMalformedIndicationLandsInTheSam
         sync();
         EXPECT_EQ(watch.count(handled), seen);
     }
-    EXPECT_TRUE(error("Unable to decode the nr status ind message"));
+    EXPECT_TRUE(inHistory("Unable to decode the nr status ind message"));
     EXPECT_EQ(manager.filter(byApn("behind.test")).size(), GetParam().on ? 1u : 0u);
 }
 

@@ -131,7 +131,7 @@ TEST_F(WorkerSafetySimModemTest, ThrowingListenerIsLoggedAndTheOthersStillRun) {
     ASSERT_TRUE(after.waitFor(1));
     EXPECT_EQ(before.count(), 1);
     sync();
-    EXPECT_TRUE(error("ModemProfile: expiration listener threw: listener failed"));
+    EXPECT_TRUE(inHistory("ModemProfile: expiration listener threw: listener failed"));
     EXPECT_NE(manager.addProfile(addParams("next.test")), nullptr);
     EXPECT_TRUE(manager.lastOutcome().ok());
 }
@@ -158,7 +158,7 @@ TEST_F(WorkerSafetySimModemTest, ExceptionWhileServingFailsThatRequestAndTheWork
     change.setApnName("never.test");
     EXPECT_FALSE(manager.modifyProfile(change, std::make_shared<ThrowingKey>()));
     EXPECT_EQ(manager.lastOutcome().kind, Outcome::Kind::Failed);
-    EXPECT_TRUE(error("kel::ClientRequestManager: serving request failed: client key failed"));
+    EXPECT_TRUE(inHistory("kel::ClientRequestManager: serving request failed: client key failed"));
     auto next = manager.addProfile(addParams("after.test"));
     EXPECT_NE(next, nullptr);
     EXPECT_TRUE(manager.lastOutcome().ok());

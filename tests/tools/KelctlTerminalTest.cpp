@@ -61,14 +61,14 @@ TEST_P(KelctlTerminalTest, ShowsHostileBytesEscapedAndJsonStaysValid) {
 }
 
 const OutputPath kPaths[] = {
-    {"List", {"list"}, "evil\\x1B]0;owned\\x07"},
-    {"Get", {"get", "3gpp:1"}, "del\\x7F"},
-    {"Dump", {"dump"}, "csi\\xC2\\x9B2J"},
-    {"Filter", {"filter", "--apn", "bad\xff.example"}, "bad\\xFF.example"},
+    {"List", {"list"}, "evil\\x1b]0;owned\\x07"},
+    {"Get", {"get", "3gpp:1"}, "del\\x7f"},
+    {"Dump", {"dump"}, "csi\\xc2\\x9b2J"},
+    {"Filter", {"filter", "--apn", "bad\xff.example"}, "bad\\xff.example"},
     {"CarrierPlan",
      {"carrier", "FILE", "--mcc", "262", "--mnc", "93", "--dry-run", "--verbose"},
-     "Evil\\x1B[2J\\xFF"},
-    {"Verbose", {"--verbose", "list"}, "\\x1B]0;owned"},
+     "Evil\\x1b[2J\\xff"},
+    {"Verbose", {"--verbose", "list"}, "\\x1b]0;owned"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Paths, KelctlTerminalTest, ::testing::ValuesIn(kPaths),
@@ -81,7 +81,7 @@ TEST_F(KelctlTest, MonitorShowsHostileBytesEscaped) {
         kelctl({"--seed", hostile, "monitor", "--count", "1", "--timeout", "1"});
     EXPECT_EQ(watched.status, 1) << "no event came within the timeout: " << watched.err;
     expectTerminalSafe(watched.out, "stdout");
-    EXPECT_THAT(watched.out, HasSubstr("name=evil\\x1B]0;owned\\x07 apn=bad\\xFF.example"));
+    EXPECT_THAT(watched.out, HasSubstr("name=evil\\x1b]0;owned\\x07 apn=bad\\xff.example"));
 }
 
 // The modem counts bytes: a value of two-byte characters is cut at a character's start.

@@ -916,7 +916,7 @@ TEST_F(KelctlTest, CarrierValueKelctlCannotMapCostsOnlyThatSetting) {
                                                "from 0 to 65535; the entry is applied without "
                                                "it\n"));
     // Bytes that are not text reach the terminal escaped.
-    EXPECT_THAT(outcome.err, HasSubstr(where + ":4: warning: carrier_enabled=\"maybe\\xFE\" is "
+    EXPECT_THAT(outcome.err, HasSubstr(where + ":4: warning: carrier_enabled=\"maybe\\xfe\" is "
                                                "not true or false"));
 }
 
@@ -1013,7 +1013,7 @@ TEST_F(KelctlTest, ScriptTextInAnErrorIsEscaped) {
     const Outcome outcome = seeded({"--state", state, "run", path});
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(outcome.err,
-              path + ":2: unknown command \"lst\\xFF\\x1B[2J\" (help lists the commands)\n");
+              path + ":2: unknown command \"lst\\xff\\x1b[2J\" (help lists the commands)\n");
     EXPECT_FALSE(exists(state));
 }
 

@@ -156,7 +156,7 @@ std::string escapeBytes(const std::string& text, bool layout) {
             continue;
         } else {
             char escaped[8];
-            std::snprintf(escaped, sizeof(escaped), "\\x%02X", c);
+            std::snprintf(escaped, sizeof(escaped), "\\x%02x", c);
             out += escaped;
         }
         ++at;

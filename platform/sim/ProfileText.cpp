@@ -6,8 +6,10 @@
 #include <cstring>
 #include <set>
 #include <sstream>
+#include <string_view>
 #include <tuple>
 
+#include "NumberText.h"
 #include "ProfileText.h"
 #include "vexsim/SimModem.h"
 
@@ -60,18 +62,7 @@ const char* nameOf(const Named (&table)[N], int value) {
 }
 
 bool parseNumber(const std::string& text, uint64_t max, uint64_t* value) {
-    // strtoull would skip blanks, take a sign and wrap it, and stop at an embedded NUL.
-    if (text.empty() || text[0] < '0' || text[0] > '9' || text.find('\0') != std::string::npos) {
-        return false;
-    }
-    char* end = nullptr;
-    errno = 0;
-    unsigned long long parsed = std::strtoull(text.c_str(), &end, 0);
-    if (errno != 0 || end == nullptr || *end != '\0' || parsed > max) {
-        return false;
-    }
-    *value = parsed;
-    return true;
+    return vexwire::parseUnsignedC(text, max, value);
 }
 
 bool parseBool(const std::string& text, uint8_t* value) {
@@ -176,7 +167,9 @@ bool splitWords(const std::string& line, std::vector<std::string>* words, std::s
             } else if (e == 'x' && i + 2 < line.size() &&
                        std::isxdigit(static_cast<unsigned char>(line[i + 1])) &&
                        std::isxdigit(static_cast<unsigned char>(line[i + 2]))) {
-                word += static_cast<char>(std::stoi(line.substr(i + 1, 2), nullptr, 16));
+                unsigned int byte = 0;
+                vexwire::parseWhole(std::string_view(line).substr(i + 1, 2), 16, &byte);
+                word += static_cast<char>(byte);
                 i += 2;
             } else if (e == '"' || e == '\\') {
                 word += e;

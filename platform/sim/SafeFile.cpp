@@ -10,12 +10,14 @@
 #include <cstring>
 #include <random>
 
+#include "BoundedRead.h"
 #include "UniqueFd.h"
 #include "VexWire.h"
 
 namespace vexsim {
 namespace {
 
+using vexwire::ReadEnd;
 using vexwire::UniqueFd;
 
 std::string failure(const std::string& path, const std::string& what) {
@@ -63,41 +65,24 @@ bool readRegularFile(const std::string& path, bool followLink, size_t maxBytes, 
                                                : failure(path, "cannot open it");
         return false;
     }
-    struct stat info;
-    if (::fstat(fd.get(), &info) != 0) {
-        *error = failure(path, "cannot read it");
-        return false;
-    }
-    if (!S_ISREG(info.st_mode)) {
-        *error = path + ": not a regular file";
-        return false;
-    }
-    if (static_cast<unsigned long long>(info.st_size) > maxBytes) {
-        *error = path + ": larger than " + std::to_string(maxBytes) + " bytes";
-        return false;
-    }
-    std::string out;
-    char chunk[64 * 1024];
-    for (;;) {
-        ssize_t n = ::read(fd.get(), chunk, sizeof chunk);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            *error = failure(path, "cannot read it");
+    int errorNumber = 0;
+    mode_t mode = 0;
+    switch (vexwire::readBounded(fd.get(), maxBytes, text, &errorNumber, &mode)) {
+        case ReadEnd::kRead:
+            return true;
+        case ReadEnd::kNotRegular:
+            *error = path + ": not a regular file";
             return false;
-        }
-        if (n == 0) {
-            break;
-        }
-        out.append(chunk, static_cast<size_t>(n));
-        if (out.size() > maxBytes) {  // grew while being read
+        case ReadEnd::kTooLarge:
             *error = path + ": larger than " + std::to_string(maxBytes) + " bytes";
             return false;
-        }
+        case ReadEnd::kCannotStat:
+        case ReadEnd::kCannotRead:
+            break;
     }
-    *text = std::move(out);
-    return true;
+    errno = errorNumber;
+    *error = failure(path, "cannot read it");
+    return false;
 }
 
 bool replaceFile(const std::string& path, const std::string& text, std::string* error) {

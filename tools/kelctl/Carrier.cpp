@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "InputFile.h"
+#include "NumberText.h"  // the platform's number parsing (platform/vex)
 #include "Output.h"
 #include "ValueNames.h"
 
@@ -281,7 +282,8 @@ std::optional<int> codeValue(const std::string& text) {
         text.find_first_not_of("0123456789") != std::string::npos) {
         return std::nullopt;
     }
-    return std::stoi(text);
+    int value = 0;
+    return vexwire::parseWhole(text, 10, &value) ? std::optional<int>(value) : std::nullopt;
 }
 
 bool sameCode(const std::string& written, const std::string& wanted) {

@@ -9,6 +9,7 @@
 #include "CarrierApply.h"
 #include "InputFile.h"
 #include "Monitor.h"
+#include "NumberText.h"  // the platform's number parsing (platform/vex)
 #include "PolicyApply.h"
 #include "Truth.h"
 #include "ValueNames.h"
@@ -41,8 +42,8 @@ std::optional<int> profileIndex(const std::string& text) {
         })) {
         return std::nullopt;
     }
-    const int id = std::stoi(text);
-    return id <= 255 ? std::optional<int>(id) : std::nullopt;
+    int id = 0;
+    return vexwire::parseWhole(text, 10, &id) && id <= 255 ? std::optional<int>(id) : std::nullopt;
 }
 
 std::optional<ProfileRef> parseProfileRef(const std::string& text,

@@ -8,7 +8,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "UniqueFd.h"  // the platform's descriptor holder (platform/vex)
+#include "BoundedRead.h"  // the platform's bounded reader (platform/vex)
+#include "UniqueFd.h"     // the platform's descriptor holder (platform/vex)
 
 namespace kelctl {
 namespace {
@@ -45,20 +46,23 @@ UniqueFd openChecked(const std::string& path, bool* missing, std::string* error)
         *error = shown + ": cannot read: " + std::strerror(errno);
         return UniqueFd(-1);
     }
-    struct stat info {};
-    if (::fstat(fd.get(), &info) != 0) {
-        *error = shown + ": cannot read: " + std::strerror(errno);
-        return UniqueFd(-1);
+    int errorNumber = 0;
+    mode_t mode = 0;
+    switch (vexwire::readBounded(fd.get(), kMaxInputFileBytes, nullptr, &errorNumber, &mode)) {
+        case vexwire::ReadEnd::kRead:
+            return fd;
+        case vexwire::ReadEnd::kNotRegular:
+            *error = shown + ": " + kindOf(mode) + ", not a regular file";
+            break;
+        case vexwire::ReadEnd::kTooLarge:
+            *error = shown + ": larger than " + sizeLimitText();
+            break;
+        case vexwire::ReadEnd::kCannotStat:
+        case vexwire::ReadEnd::kCannotRead:
+            *error = shown + ": cannot read: " + std::strerror(errorNumber);
+            break;
     }
-    if (!S_ISREG(info.st_mode)) {
-        *error = shown + ": " + kindOf(info.st_mode) + ", not a regular file";
-        return UniqueFd(-1);
-    }
-    if (static_cast<std::uint64_t>(info.st_size) > kMaxInputFileBytes) {
-        *error = shown + ": larger than " + sizeLimitText();
-        return UniqueFd(-1);
-    }
-    return fd;
+    return UniqueFd(-1);
 }
 
 // The length of the well-formed UTF-8 sequence at text[at] (a multi-byte one, without C1
@@ -111,29 +115,18 @@ bool readInputFile(const std::string& path, std::string* text, std::string* erro
     if (!fd) {
         return false;
     }
-    std::string content;
-    char chunk[65536];
-    for (;;) {
-        const ssize_t n = ::read(fd.get(), chunk, sizeof(chunk));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            *error = path + ": cannot read: " + std::strerror(errno);
-            return false;
-        }
-        if (n == 0) {
-            break;
-        }
-        // The file may have grown since it was checked.
-        if (content.size() + static_cast<std::size_t>(n) > kMaxInputFileBytes) {
+    int errorNumber = 0;
+    mode_t mode = 0;
+    switch (vexwire::readBounded(fd.get(), kMaxInputFileBytes, text, &errorNumber, &mode)) {
+        case vexwire::ReadEnd::kRead:
+            return true;
+        case vexwire::ReadEnd::kTooLarge:
             *error = path + ": larger than " + sizeLimitText();
             return false;
-        }
-        content.append(chunk, static_cast<std::size_t>(n));
+        default:
+            *error = path + ": cannot read: " + std::strerror(errorNumber);
+            return false;
     }
-    *text = std::move(content);
-    return true;
 }
 
 namespace {

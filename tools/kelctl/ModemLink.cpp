@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "InputFile.h"
+#include "NumberText.h"  // the platform's number parsing (platform/vex)
 #include "kel/ProfileParams.h"
 #ifndef KELCTL_NO_EMBEDDED_MODEM
 #include "VexWire.h"
@@ -273,13 +274,15 @@ void ModemLink::readNamesFromLibrary() {
         const auto tech = dumpField(line, "TechType=");
         const auto id = dumpField(line, "ProfileId=");
         const auto name = dumpField(line, "ProfileName=");
-        if (!tech || !id || !name || id->empty() || id->size() > 3 ||
-            id->find_first_not_of("0123456789") != std::string::npos) {
+        int number = 0;
+        if (!tech || !id || !name || id->size() > 3 ||
+            id->find_first_not_of("0123456789") != std::string::npos ||
+            !vexwire::parseWhole(*id, 10, &number)) {
             continue;
         }
         const kel::TechType techType =
             *tech == "3GPP2" ? kel::TechType::TYPE_3GPP2 : kel::TechType::TYPE_3GPP;
-        startupNames[{techType, std::stoi(*id)}] =
+        startupNames[{techType, number}] =
             NamedApn{*name, dumpField(line, "ApnName=").value_or("")};
     }
 }

@@ -612,28 +612,42 @@ struct ScriptRun {
     std::string failure;
 };
 
-}  // namespace
-
-int runScriptFile(const std::vector<std::string>& words, GlobalOptions globals, Channel& channel) {
-    Args args;
-    std::string error;
+// The prologue both runners share: help anywhere before "--" wins over any
+// option error, then the options themselves. Returns -1 when the runner
+// goes on, otherwise the exit status already reported.
+int scriptPrologue(const std::vector<std::string>& words, bool file, GlobalOptions* globals,
+                   Args* args, Channel& channel) {
     for (const auto& word : words) {
         if (word == "--") {
             break;
         }
         if (isHelpWord(word)) {
-            channel.print(scriptHelp(true));
+            channel.print(scriptHelp(file));
             return kExitOk;
         }
     }
-    if (!parseScriptOptions(words, 1, &globals, &args, &error)) {
-        channel.error("kelctl: run: " + escapeText(error) + "\n");
+    std::string error;
+    if (!parseScriptOptions(words, file ? 1 : 0, globals, args, &error)) {
+        channel.error(std::string(file ? "kelctl: run: " : "kelctl: shell: ") + escapeText(error) +
+                      "\n");
         return kExitUsage;
     }
-    if (args.help || globals.help || globals.version) {
-        channel.print(globals.version ? versionText(globals.json) : scriptHelp(true));
+    if (args->help || globals->help || globals->version) {
+        channel.print(globals->version ? versionText(globals->json) : scriptHelp(file));
         return kExitOk;
     }
+    return -1;
+}
+
+}  // namespace
+
+int runScriptFile(const std::vector<std::string>& words, GlobalOptions globals, Channel& channel) {
+    Args args;
+    const int early = scriptPrologue(words, true, &globals, &args, channel);
+    if (early >= 0) {
+        return early;
+    }
+    std::string error;
     const std::string& file = args.positional.front();
     std::string content;
     if (!readInputFile(file, &content, &error)) {
@@ -692,24 +706,11 @@ int runScriptFile(const std::vector<std::string>& words, GlobalOptions globals, 
 
 int runShell(const std::vector<std::string>& words, GlobalOptions globals, Channel& channel) {
     Args args;
+    const int early = scriptPrologue(words, false, &globals, &args, channel);
+    if (early >= 0) {
+        return early;
+    }
     std::string error;
-    for (const auto& word : words) {
-        if (word == "--") {
-            break;
-        }
-        if (isHelpWord(word)) {
-            channel.print(scriptHelp(false));
-            return kExitOk;
-        }
-    }
-    if (!parseScriptOptions(words, 0, &globals, &args, &error)) {
-        channel.error("kelctl: shell: " + escapeText(error) + "\n");
-        return kExitUsage;
-    }
-    if (args.help || globals.help || globals.version) {
-        channel.print(globals.version ? versionText(globals.json) : scriptHelp(false));
-        return kExitOk;
-    }
     showSecrets(globals.showSecrets);
     ScriptRun run(globals, channel);
     run.echoLines = args.echo;

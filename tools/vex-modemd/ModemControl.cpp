@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "NumberText.h"
 #include "ProfileText.h"
 
 namespace vexmodemd {
@@ -38,18 +39,7 @@ Reply refuse(const std::string& reason) {
 }
 
 bool parseUnsigned(const std::string& text, unsigned long max, unsigned long* value) {
-    // strtoul would skip blanks, take a sign and wrap it, and stop at an embedded NUL.
-    if (text.empty() || text[0] < '0' || text[0] > '9' || text.find('\0') != std::string::npos) {
-        return false;
-    }
-    char* end = nullptr;
-    errno = 0;
-    unsigned long parsed = std::strtoul(text.c_str(), &end, 0);
-    if (errno != 0 || *end != '\0' || parsed > max) {
-        return false;
-    }
-    *value = parsed;
-    return true;
+    return vexwire::parseUnsignedC(text, max, value);
 }
 
 std::string hex(unsigned int value) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "LocalLogBuffer.h"
+#include "UniqueFd.h"
 #include "hostlog/LogCapture.h"
 #include "support/LogObservation.h"
 #include "support/TestSupport.h"
@@ -22,29 +23,8 @@
 namespace kel {
 namespace {
 
-// Owns a descriptor for the test; release() hands it over when the loop closes it itself.
-class TestFd {
-  public:
-    explicit TestFd(int owned = -1) : fd(owned) {}
-    ~TestFd() {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-    TestFd(const TestFd&) = delete;
-    TestFd& operator=(const TestFd&) = delete;
-    TestFd(TestFd&& other) noexcept : fd(other.release()) {}
-
-    int get() const { return fd; }
-    int release() {
-        int released = fd;
-        fd = -1;
-        return released;
-    }
-
-  private:
-    int fd;
-};
+// release() hands a descriptor over when the loop closes it itself.
+using TestFd = vexwire::UniqueFd;
 
 TestFd makeEventFd() {
     return TestFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
@@ -310,11 +290,14 @@ TEST_F(EventManagerTest, RemovingUnknownFdChangesNothing) {
     manager.removeEventHandler(fd.get());
 
     EXPECT_TRUE(logged("Cannot remove event handler"));
-    EXPECT_TRUE(capture.androidContaining("handlers.erase").empty());
     EXPECT_TRUE(isOpen(fd.get()));
     EXPECT_FALSE(EventManager::isApprovedFd(fd.get()));
+    // No handler is left behind: the descriptor can be added afresh and is served once.
     Probe probe;
     EXPECT_TRUE(manager.addEventHandler(fd.get(), countEvent, &probe, countClose, EPOLLIN));
+    signal(fd.get());
+    manager.processEvents();
+    EXPECT_EQ(probe.events, 1);
     manager.removeEventHandler(fd.get());
     EXPECT_EQ(probe.closes, 1);
 }

@@ -243,6 +243,16 @@ struct SimModem::Impl {
     void handleRequest(Connection& conn, const Frame& frame);
     std::vector<uint8_t> answer(Connection& conn, unsigned int msgId,
                                 const std::vector<uint8_t>& payload);
+    // One per message: the link's own messages change conn, the profile messages the tables.
+    std::vector<uint8_t> answerBind(Connection& conn, const std::vector<uint8_t>& payload);
+    std::vector<uint8_t> answerIndicationRegister(Connection& conn,
+                                                  const std::vector<uint8_t>& payload);
+    std::vector<uint8_t> answerEventList(Connection& conn, const std::vector<uint8_t>& payload);
+    std::vector<uint8_t> answerCreate(int sub, const std::vector<uint8_t>& payload);
+    std::vector<uint8_t> answerModify(int sub, const std::vector<uint8_t>& payload);
+    std::vector<uint8_t> answerDelete(int sub, const std::vector<uint8_t>& payload);
+    std::vector<uint8_t> answerProfileList(int sub, const std::vector<uint8_t>& payload);
+    std::vector<uint8_t> answerSettings(int sub, const std::vector<uint8_t>& payload);
     void releaseDueResponses();
     void flush(Connection& conn);
     int pollTimeoutMs() const;
@@ -668,125 +678,153 @@ void SimModem::Impl::handleRequest(Connection& conn, const Frame& frame) {
 
 std::vector<uint8_t> SimModem::Impl::answer(Connection& conn, unsigned int msgId,
                                             const std::vector<uint8_t>& payload) {
-    ClientInfo& info = conn.info;
-    int sub = subscriptionOf(conn);
     switch (msgId) {
-        case VEX_WDS_BIND_SUBSCRIPTION_REQ_V01: {
-            auto req = recordFrom<wds_bind_subscription_req_msg_v01>(payload);
-            if (!validSubscription(req.subscription)) {
-                return resultResponse(sizeof(wds_bind_subscription_resp_msg_v01),
-                                      VEX_ERR_INVALID_ARG_V01);
-            }
-            info.bound = true;
-            info.subscription = req.subscription;
-            checkRegistration(conn);
-            return resultResponse(sizeof(wds_bind_subscription_resp_msg_v01), VEX_ERR_NONE_V01);
-        }
-        case VEX_WDS_INDICATION_REGISTER_REQ_V01: {
-            auto req = recordFrom<wds_indication_register_req_msg_v01>(payload);
-            if (req.report_profile_changed_events_valid) {
-                info.indicationsRegistered = req.report_profile_changed_events != 0;
-            }
-            checkRegistration(conn);
-            return resultResponse(sizeof(wds_indication_register_resp_msg_v01), VEX_ERR_NONE_V01);
-        }
-        case VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01: {
-            auto req = std::make_unique<wds_configure_profile_event_list_req_msg_v01>(
-                recordFrom<wds_configure_profile_event_list_req_msg_v01>(payload));
-            constexpr size_t respLen = sizeof(wds_configure_profile_event_list_resp_msg_v01);
-            if (req->profile_event_register_valid) {
-                if (req->profile_event_register_len > WDS_PROFILE_EVENT_LIST_MAX_V01) {
-                    return resultResponse(respLen, VEX_ERR_MALFORMED_MSG_V01);
-                }
-                conn.events.clear();
-                for (uint32_t i = 0; i < req->profile_event_register_len; ++i) {
-                    conn.events.push_back({req->profile_event_register[i].profile_type,
-                                           req->profile_event_register[i].profile_index});
-                }
-                info.eventListConfigured = !conn.events.empty();
-            }
-            if (req->report_profile_events_valid) {
-                conn.reportEvents = req->report_profile_events != 0;
-            }
-            checkRegistration(conn);
-            return resultResponse(respLen, VEX_ERR_NONE_V01);
-        }
-        case VEX_WDS_CREATE_PROFILE_REQ_V01: {
-            auto req = std::make_unique<wds_create_profile_req_msg_v01>(
-                recordFrom<wds_create_profile_req_msg_v01>(payload));
-            wds_create_profile_resp_msg_v01 resp{};
-            int family = familyOf(req->profile_type);
-            uint8_t index = 0;
-            bool persistent = !req->settings.persistent_valid || req->settings.persistent != 0;
-            int error = family < 0 ? VEX_ERR_INVALID_PROFILE_TYPE_V01
-                                   : create(sub, family, req->settings, persistent, &index);
-            resp.resp = {error == VEX_ERR_NONE_V01 ? 0 : 1, error};
-            if (error == VEX_ERR_NONE_V01) {
-                resp.profile.profile_type = req->profile_type;
-                resp.profile.profile_index = index;
-            }
-            return bytesOf(resp);
-        }
-        case VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01: {
-            auto req = std::make_unique<wds_modify_profile_settings_req_msg_v01>(
-                recordFrom<wds_modify_profile_settings_req_msg_v01>(payload));
-            int family = familyOf(req->profile.profile_type);
-            int error = family < 0 ? VEX_ERR_INVALID_PROFILE_TYPE_V01
-                                   : modify(sub, family, req->profile.profile_index, req->settings);
-            return resultResponse(sizeof(wds_modify_profile_settings_resp_msg_v01), error);
-        }
-        case VEX_WDS_DELETE_PROFILE_REQ_V01: {
-            auto req = recordFrom<wds_delete_profile_req_msg_v01>(payload);
-            int family = familyOf(req.profile.profile_type);
-            int error = family < 0 ? VEX_ERR_INVALID_PROFILE_TYPE_V01
-                                   : remove(sub, family, req.profile.profile_index);
-            return resultResponse(sizeof(wds_delete_profile_resp_msg_v01), error);
-        }
-        case VEX_WDS_GET_PROFILE_LIST_REQ_V01: {
-            auto req = recordFrom<wds_get_profile_list_req_msg_v01>(payload);
-            auto resp = std::make_unique<wds_get_profile_list_resp_msg_v01>();
-            int only = req.profile_type_valid ? familyOf(req.profile_type) : -1;
-            if (req.profile_type_valid && only < 0) {
-                return resultResponse(sizeof *resp, VEX_ERR_INVALID_PROFILE_TYPE_V01);
-            }
-            for (int family = 0; family < 2; ++family) {
-                if (only >= 0 && family != only) {
-                    continue;
-                }
-                for (const auto& entry : table(sub, family)) {
-                    if (resp->profile_list_len >= WDS_PROFILE_LIST_MAX_V01) {
-                        break;
-                    }
-                    wds_profile_info_type_v01& item = resp->profile_list[resp->profile_list_len++];
-                    item.profile_type = typeOf(family);
-                    item.profile_index = entry.first;
-                    if (family == 0 && entry.second.settings.profile_name_valid) {
-                        std::memcpy(item.profile_name, entry.second.settings.profile_name,
-                                    sizeof item.profile_name);
-                    }
-                }
-            }
-            return bytesOf(*resp);
-        }
-        case VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01: {
-            auto req = recordFrom<wds_get_profile_settings_req_msg_v01>(payload);
-            auto resp = std::make_unique<wds_get_profile_settings_resp_msg_v01>();
-            int family = familyOf(req.profile.profile_type);
-            if (family < 0) {
-                return resultResponse(sizeof *resp, VEX_ERR_INVALID_PROFILE_TYPE_V01);
-            }
-            const Table& t = table(sub, family);
-            auto it = t.find(req.profile.profile_index);
-            if (it == t.end()) {
-                return resultResponse(sizeof *resp, VEX_ERR_INVALID_PROFILE_V01);
-            }
-            resp->settings = reportedSettings(it->second);
-            return bytesOf(*resp);
-        }
+        case VEX_WDS_BIND_SUBSCRIPTION_REQ_V01:
+            return answerBind(conn, payload);
+        case VEX_WDS_INDICATION_REGISTER_REQ_V01:
+            return answerIndicationRegister(conn, payload);
+        case VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01:
+            return answerEventList(conn, payload);
+        case VEX_WDS_CREATE_PROFILE_REQ_V01:
+            return answerCreate(subscriptionOf(conn), payload);
+        case VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01:
+            return answerModify(subscriptionOf(conn), payload);
+        case VEX_WDS_DELETE_PROFILE_REQ_V01:
+            return answerDelete(subscriptionOf(conn), payload);
+        case VEX_WDS_GET_PROFILE_LIST_REQ_V01:
+            return answerProfileList(subscriptionOf(conn), payload);
+        case VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01:
+            return answerSettings(subscriptionOf(conn), payload);
         default:
             // Every message of the service's table is answered above.
             return resultResponse(sizeof(vex_response_type_v01), VEX_ERR_NOT_SUPPORTED_V01);
     }
+}
+
+std::vector<uint8_t> SimModem::Impl::answerBind(Connection& conn,
+                                                const std::vector<uint8_t>& payload) {
+    ClientInfo& info = conn.info;
+    auto req = recordFrom<wds_bind_subscription_req_msg_v01>(payload);
+    if (!validSubscription(req.subscription)) {
+        return resultResponse(sizeof(wds_bind_subscription_resp_msg_v01), VEX_ERR_INVALID_ARG_V01);
+    }
+    info.bound = true;
+    info.subscription = req.subscription;
+    checkRegistration(conn);
+    return resultResponse(sizeof(wds_bind_subscription_resp_msg_v01), VEX_ERR_NONE_V01);
+}
+
+std::vector<uint8_t> SimModem::Impl::answerIndicationRegister(Connection& conn,
+                                                              const std::vector<uint8_t>& payload) {
+    ClientInfo& info = conn.info;
+    auto req = recordFrom<wds_indication_register_req_msg_v01>(payload);
+    if (req.report_profile_changed_events_valid) {
+        info.indicationsRegistered = req.report_profile_changed_events != 0;
+    }
+    checkRegistration(conn);
+    return resultResponse(sizeof(wds_indication_register_resp_msg_v01), VEX_ERR_NONE_V01);
+}
+
+std::vector<uint8_t> SimModem::Impl::answerEventList(Connection& conn,
+                                                     const std::vector<uint8_t>& payload) {
+    ClientInfo& info = conn.info;
+    auto req = std::make_unique<wds_configure_profile_event_list_req_msg_v01>(
+        recordFrom<wds_configure_profile_event_list_req_msg_v01>(payload));
+    constexpr size_t respLen = sizeof(wds_configure_profile_event_list_resp_msg_v01);
+    if (req->profile_event_register_valid) {
+        if (req->profile_event_register_len > WDS_PROFILE_EVENT_LIST_MAX_V01) {
+            return resultResponse(respLen, VEX_ERR_MALFORMED_MSG_V01);
+        }
+        conn.events.clear();
+        for (uint32_t i = 0; i < req->profile_event_register_len; ++i) {
+            conn.events.push_back({req->profile_event_register[i].profile_type,
+                                   req->profile_event_register[i].profile_index});
+        }
+        info.eventListConfigured = !conn.events.empty();
+    }
+    if (req->report_profile_events_valid) {
+        conn.reportEvents = req->report_profile_events != 0;
+    }
+    checkRegistration(conn);
+    return resultResponse(respLen, VEX_ERR_NONE_V01);
+}
+
+std::vector<uint8_t> SimModem::Impl::answerCreate(int sub, const std::vector<uint8_t>& payload) {
+    auto req = std::make_unique<wds_create_profile_req_msg_v01>(
+        recordFrom<wds_create_profile_req_msg_v01>(payload));
+    wds_create_profile_resp_msg_v01 resp{};
+    int family = familyOf(req->profile_type);
+    uint8_t index = 0;
+    bool persistent = !req->settings.persistent_valid || req->settings.persistent != 0;
+    int error = family < 0 ? VEX_ERR_INVALID_PROFILE_TYPE_V01
+                           : create(sub, family, req->settings, persistent, &index);
+    resp.resp = {error == VEX_ERR_NONE_V01 ? 0 : 1, error};
+    if (error == VEX_ERR_NONE_V01) {
+        resp.profile.profile_type = req->profile_type;
+        resp.profile.profile_index = index;
+    }
+    return bytesOf(resp);
+}
+
+std::vector<uint8_t> SimModem::Impl::answerModify(int sub, const std::vector<uint8_t>& payload) {
+    auto req = std::make_unique<wds_modify_profile_settings_req_msg_v01>(
+        recordFrom<wds_modify_profile_settings_req_msg_v01>(payload));
+    int family = familyOf(req->profile.profile_type);
+    int error = family < 0 ? VEX_ERR_INVALID_PROFILE_TYPE_V01
+                           : modify(sub, family, req->profile.profile_index, req->settings);
+    return resultResponse(sizeof(wds_modify_profile_settings_resp_msg_v01), error);
+}
+
+std::vector<uint8_t> SimModem::Impl::answerDelete(int sub, const std::vector<uint8_t>& payload) {
+    auto req = recordFrom<wds_delete_profile_req_msg_v01>(payload);
+    int family = familyOf(req.profile.profile_type);
+    int error = family < 0 ? VEX_ERR_INVALID_PROFILE_TYPE_V01
+                           : remove(sub, family, req.profile.profile_index);
+    return resultResponse(sizeof(wds_delete_profile_resp_msg_v01), error);
+}
+
+std::vector<uint8_t> SimModem::Impl::answerProfileList(int sub,
+                                                       const std::vector<uint8_t>& payload) {
+    auto req = recordFrom<wds_get_profile_list_req_msg_v01>(payload);
+    auto resp = std::make_unique<wds_get_profile_list_resp_msg_v01>();
+    int only = req.profile_type_valid ? familyOf(req.profile_type) : -1;
+    if (req.profile_type_valid && only < 0) {
+        return resultResponse(sizeof *resp, VEX_ERR_INVALID_PROFILE_TYPE_V01);
+    }
+    for (int family = 0; family < 2; ++family) {
+        if (only >= 0 && family != only) {
+            continue;
+        }
+        for (const auto& entry : table(sub, family)) {
+            if (resp->profile_list_len >= WDS_PROFILE_LIST_MAX_V01) {
+                break;
+            }
+            wds_profile_info_type_v01& item = resp->profile_list[resp->profile_list_len++];
+            item.profile_type = typeOf(family);
+            item.profile_index = entry.first;
+            if (family == 0 && entry.second.settings.profile_name_valid) {
+                std::memcpy(item.profile_name, entry.second.settings.profile_name,
+                            sizeof item.profile_name);
+            }
+        }
+    }
+    return bytesOf(*resp);
+}
+
+std::vector<uint8_t> SimModem::Impl::answerSettings(int sub, const std::vector<uint8_t>& payload) {
+    auto req = recordFrom<wds_get_profile_settings_req_msg_v01>(payload);
+    auto resp = std::make_unique<wds_get_profile_settings_resp_msg_v01>();
+    int family = familyOf(req.profile.profile_type);
+    if (family < 0) {
+        return resultResponse(sizeof *resp, VEX_ERR_INVALID_PROFILE_TYPE_V01);
+    }
+    const Table& t = table(sub, family);
+    auto it = t.find(req.profile.profile_index);
+    if (it == t.end()) {
+        return resultResponse(sizeof *resp, VEX_ERR_INVALID_PROFILE_V01);
+    }
+    resp->settings = reportedSettings(it->second);
+    return bytesOf(*resp);
 }
 
 void SimModem::Impl::releaseDueResponses() {

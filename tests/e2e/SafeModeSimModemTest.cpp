@@ -308,7 +308,7 @@ class ClientCreationTest : public SafeModeSimModemTest {
 };
 
 TEST_P(ClientCreationTest, AFailedClientCreationRecoversAtTheNextServiceUp) {
-    ASSERT_EQ(setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1), 0);
+    serviceDir.emplace("VEX_SERVICE_DIR", dir.path().c_str());
     const std::string path = dir.file("wds");
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;

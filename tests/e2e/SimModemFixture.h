@@ -179,7 +179,7 @@ class SimModemFixture : public ::testing::Test {
         modem = std::make_unique<vexsim::SimModem>(withSentinel);
         std::string error;
         ASSERT_TRUE(modem->start(&error)) << error;
-        ASSERT_EQ(setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1), 0);
+        serviceDir.emplace("VEX_SERVICE_DIR", dir.path().c_str());
         for (const vexsim::Profile& profile : modem->profiles(0)) {
             if (profile.type == k3gpp2 &&
                 kSentinelApn == std::string(profile.settings.apn_string)) {
@@ -330,6 +330,7 @@ class SimModemFixture : public ::testing::Test {
     static constexpr const char* kSentinelApn = "sentinel.test";
 
     testsupport::TempDir dir;
+    std::optional<testsupport::ScopedEnv> serviceDir;  // names dir while the test runs
     hostlog::LogCapture capture;
     vexsim::Config config;
     std::unique_ptr<vexsim::SimModem> modem;

@@ -430,7 +430,7 @@ TEST(VexWdsProxyOverclaimingModemTest, ListCountBeyondTheRecordReadsNoFurtherTha
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     testsupport::TempDir dir;
     hostlog::LogCapture capture;
-    ASSERT_EQ(setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1), 0);
+    testsupport::ScopedEnv serviceDir("VEX_SERVICE_DIR", dir.path().c_str());
     OverclaimingModem modem(dir.path(), 100000);
     kel::Manager manager;
     manager.init(0, true);

@@ -22,7 +22,7 @@ using Clock = std::chrono::steady_clock;
 
 TEST(VexWdsProxyStuckServiceTest, FullAcceptQueueHoldsNoFacadeCallPastTheConnectBound) {
     testsupport::TempDir dir;
-    ASSERT_EQ(setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1), 0);
+    testsupport::ScopedEnv serviceDir("VEX_SERVICE_DIR", dir.path().c_str());
     // Room for one queued connection: the notifier's watch connection takes it, so the service
     // looks up, and the worker's own connect then finds the queue full.
     sockaddr_un addr{};

@@ -1,7 +1,9 @@
 // vex-modemd and vex-modemctl as real processes: the daemon from the build tree with the shipped
 // seed, driven from the control command while a vex client talks to it.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -42,7 +44,7 @@ Result modemctl(const std::string& dir, const std::string& args) {
 class VexModemdTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ::setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1);
+        serviceDir.emplace("VEX_SERVICE_DIR", dir.path().c_str());
         ASSERT_TRUE(daemon.start({"--seed", testsupport::sourceDir() + "/data/modem-seed.conf",
                                   "--state", dir.file("state.conf"), "--dir", dir.path()}));
         std::string banner = daemon.readLine();
@@ -52,6 +54,7 @@ class VexModemdTest : public ::testing::Test {
     Result ctl(const std::string& args) { return modemctl(dir.path(), args); }
 
     testsupport::TempDir dir;
+    std::optional<testsupport::ScopedEnv> serviceDir;
     Daemon daemon;
 };
 
@@ -121,17 +124,50 @@ TEST_F(VexModemdTest, BadCommandsFailWithOneLineAndChangeNothing) {
     EXPECT_NE(unreachable.output.find("no vex-modemd answers"), std::string::npos);
 }
 
+// Whether pid sleeps in a system call. Started, vex-modemctl --wait sleeps only between two
+// attempts to connect, so this tells that it found no daemon and is waiting.
+bool asleep(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    const size_t end = text.rfind(')');
+    return end != std::string::npos && text.compare(end + 1, 3, " S ") == 0;
+}
+
 TEST_F(VexModemdTest, ControlWaitsForADaemonThatIsStillStarting) {
     const std::string later = dir.file("later");
-    Result answered{-1, ""};
-    std::thread waiting([&] { answered = modemctl(later, "--wait 30 clients"); });
-    // The command is already waiting when the daemon comes up.
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    int fds[2];
+    ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+    vexwire::UniqueFd output(fds[0]);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+    std::string args[] = {VEX_MODEMCTL_PATH, "--dir", later, "--wait", "30", "clients"};
+    char* argv[] = {args[0].data(), args[1].data(), args[2].data(), args[3].data(),
+                    args[4].data(), args[5].data(), nullptr};
+    pid_t pid = -1;
+    const int spawned = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(fds[1]);
+    ASSERT_EQ(spawned, 0);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!asleep(pid) && std::chrono::steady_clock::now() < deadline) {
+        ::poll(nullptr, 0, 1);
+    }
+    EXPECT_TRUE(asleep(pid)) << "vex-modemctl never waited for the daemon";
     Daemon second;
     ASSERT_TRUE(second.start({"--dir", later}));
-    waiting.join();
-    EXPECT_EQ(answered.status, 0) << answered.output;
-    EXPECT_EQ(answered.output, "no clients\n");
+    std::string answered;
+    char buffer[256];
+    pollfd pfd{output.get(), POLLIN, 0};
+    for (ssize_t n = 1; n > 0 && ::poll(&pfd, 1, 30000) == 1;) {
+        n = ::read(output.get(), buffer, sizeof buffer);
+        answered.append(buffer, static_cast<size_t>(std::max<ssize_t>(n, 0)));
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << answered;
+    EXPECT_EQ(answered, "no clients\n");
 
     const Result nobody = modemctl(dir.file("nowhere"), "--wait 1 clients");
     EXPECT_EQ(nobody.status, 1);

@@ -120,24 +120,7 @@ std::vector<uint8_t> helloAndListRequest() {
     return bytes;
 }
 
-// Sets or clears an environment variable for one test.
-class ScopedEnv {
-  public:
-    ScopedEnv(const char* variable, const char* value) : name(variable) {
-        const char* old = std::getenv(variable);
-        if (old != nullptr) {
-            saved = old;
-        }
-        value != nullptr ? ::setenv(variable, value, 1) : ::unsetenv(variable);
-    }
-    ~ScopedEnv() { saved ? ::setenv(name, saved->c_str(), 1) : ::unsetenv(name); }
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-  private:
-    const char* name;
-    std::optional<std::string> saved;
-};
+using testsupport::ScopedEnv;
 
 // Tests whose attacker is another local user.
 class OtherUserTest : public ::testing::Test {

@@ -40,7 +40,7 @@ struct ModemHarness {
         if (config.seedFile.empty() && config.seedText.empty()) {
             config.seedText = seed;
         }
-        ::setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1);
+        serviceDir.emplace("VEX_SERVICE_DIR", dir.path().c_str());
         modem = std::make_unique<vexsim::SimModem>(config);
     }
     bool start() { return modem->start(&error); }
@@ -62,6 +62,7 @@ struct ModemHarness {
     }
 
     testsupport::TempDir dir;
+    std::optional<testsupport::ScopedEnv> serviceDir;  // names dir for the clients
     std::unique_ptr<vexsim::SimModem> modem;
     std::string error;
 };

@@ -44,4 +44,15 @@ std::string sourceDir() {
     return KELR_SOURCE_DIR;
 }
 
+ScopedEnv::ScopedEnv(const char* variable, const char* value) : name(variable) {
+    if (const char* old = std::getenv(variable)) {
+        saved = old;
+    }
+    value != nullptr ? ::setenv(variable, value, 1) : ::unsetenv(variable);
+}
+
+ScopedEnv::~ScopedEnv() {
+    saved ? ::setenv(name, saved->c_str(), 1) : ::unsetenv(name);
+}
+
 }  // namespace testsupport

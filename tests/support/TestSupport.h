@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -40,6 +41,19 @@ class Watchdog {
     std::condition_variable finished;
     bool done = false;
     std::thread thread;
+};
+
+// Sets (or, given nullptr, clears) an environment variable, and restores it when it goes.
+class ScopedEnv {
+  public:
+    ScopedEnv(const char* variable, const char* value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+  private:
+    const char* name;
+    std::optional<std::string> saved;
 };
 
 // The repository's source directory (for shipped seed and carrier files).

@@ -32,18 +32,6 @@ class LateAnswerSimModemTest : public SimModemFixture {
         modem->setResponseDelay(std::chrono::milliseconds(0));
         ASSERT_TRUE(settle());
     }
-    // A handle to 3GPP profile 1, the seed's internet profile.
-    std::shared_ptr<kel::IProfileKey> first3gpp() {
-        kel::FilterProfileParams filter;
-        filter.setFilterByTechType(kel::TechType::TYPE_3GPP);
-        filter.setFilterByProfileId(1);
-        auto keys = manager.filter(filter);
-        return keys.size() == 1 ? keys.front() : nullptr;
-    }
-    std::shared_ptr<kel::IProfileKey> only(const std::string& apn) {
-        auto keys = manager.filter(byApn(apn));
-        return keys.size() == 1 ? keys.front() : nullptr;
-    }
 };
 
 TEST_F(LateAnswerSimModemTest, ALateCreateLandsInTheCache) {
@@ -63,7 +51,7 @@ TEST_F(LateAnswerSimModemTest, ALateCreateLandsInTheCache) {
 }
 
 TEST_F(LateAnswerSimModemTest, ALateModifyLandsInTheCache) {
-    std::shared_ptr<kel::IProfileKey> key = first3gpp();
+    std::shared_ptr<kel::IProfileKey> key = profile3gpp1();
     ASSERT_TRUE(key);
     const auto before = onModem(k3gpp, key->getProfileId())->settings.apn_type_mask;
     kel::ModifyProfileParams change;
@@ -105,7 +93,7 @@ TEST_F(LateAnswerSimModemTest, WithEchoExpiryALostLinksChangesDoNotSwallowALater
         kTimeout));
     sync();
     manager.refresh(kel::PDCRefreshStatus::Completed);
-    std::shared_ptr<kel::IProfileKey> key = first3gpp();
+    std::shared_ptr<kel::IProfileKey> key = profile3gpp1();
     ASSERT_TRUE(key);
     kel::ModifyProfileParams change;
     change.setApnTypesMask(0x5);
@@ -122,7 +110,7 @@ TEST_F(LateAnswerSimModemTest, WithEchoExpiryALostLinksChangesDoNotSwallowALater
     ASSERT_TRUE(modem->modifyProfile(0, k3gpp, key->getProfileId(), other));
     ASSERT_TRUE(settle());
 
-    key = first3gpp();
+    key = profile3gpp1();
     ASSERT_TRUE(key);
     EXPECT_EQ(manager.getProfile(key)->getApnClass(), static_cast<kel::ApnClass>(7))
         << "another client's change reached the cache";

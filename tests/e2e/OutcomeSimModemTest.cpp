@@ -31,18 +31,6 @@ class OutcomeSimModemTest : public SimModemFixture {
         EXPECT_TRUE(now);
         return now.value_or(ModemStatus());
     }
-    // A handle to 3GPP profile 1, the seed's internet profile.
-    std::shared_ptr<kel::IProfileKey> first3gpp() {
-        kel::FilterProfileParams filter;
-        filter.setFilterByTechType(kel::TechType::TYPE_3GPP);
-        filter.setFilterByProfileId(1);
-        auto keys = manager.filter(filter);
-        return keys.size() == 1 ? keys.front() : nullptr;
-    }
-    std::shared_ptr<kel::IProfileKey> only(const std::string& apn) {
-        auto keys = manager.filter(byApn(apn));
-        return keys.size() == 1 ? keys.front() : nullptr;
-    }
 };
 
 // One profile operation, its facade result in words ("empty", "true", "false").
@@ -141,7 +129,7 @@ TEST_F(OutcomeSimModemTest, ARefreshInProgressRefusesAndACompletedOneIsDone) {
 }
 
 TEST_F(OutcomeSimModemTest, BadHandlesAreInvalidArguments) {
-    std::shared_ptr<kel::IProfileKey> old = first3gpp();
+    std::shared_ptr<kel::IProfileKey> old = profile3gpp1();
     ASSERT_TRUE(old);
     manager.refresh(kel::PDCRefreshStatus::Completed);  // every handle expires
     kel::ModifyProfileParams change;
@@ -180,7 +168,7 @@ TEST_F(OutcomeSimModemTest, WithoutAPipelineEveryCallIsNotInitialised) {
 }
 
 TEST_F(OutcomeSimModemTest, AStoppedModemIsNoLink) {
-    std::shared_ptr<kel::IProfileKey> key = first3gpp();
+    std::shared_ptr<kel::IProfileKey> key = profile3gpp1();
     ASSERT_TRUE(key);
     modem->stop();
 

@@ -268,6 +268,19 @@ class SimModemFixture : public ::testing::Test {
     // the worker was doing (a refresh, an indication) is finished.
     static void sync(kel::Manager& target) { target.getProfile(nullptr); }
     void sync() { sync(manager); }
+    // A handle to 3GPP profile 1, the seed's internet profile; empty unless exactly one.
+    std::shared_ptr<kel::IProfileKey> profile3gpp1() {
+        kel::FilterProfileParams filter;
+        filter.setFilterByTechType(kel::TechType::TYPE_3GPP);
+        filter.setFilterByProfileId(1);
+        auto keys = manager.filter(filter);
+        return keys.size() == 1 ? keys.front() : nullptr;
+    }
+    // The one profile with apn; empty unless exactly one.
+    std::shared_ptr<kel::IProfileKey> only(const std::string& apn) {
+        auto keys = manager.filter(byApn(apn));
+        return keys.size() == 1 ? keys.front() : nullptr;
+    }
 
     // Waits until the library has handled every indication the modem sent so far: the modem
     // changes a profile that no test holds, as another client would, and the library reads it

@@ -2,7 +2,8 @@
 // each record to standard error as one line "tag P MM-DD HH:MM:SS pid tid message" (a multi-line
 // message goes on as written, ended by one newline), dropping Verbose and Debug unless the minimum
 // priority is lowered. While a capture runs, standard error goes into a private file and the
-// records are read back from it.
+// records are read back from it. The file keeps no write boundaries: a line another writer puts
+// after a record reads as that record's next line.
 //
 // Threads: any; the capture's state is guarded by its own mutex.
 #ifndef HOSTLOG_STDERR_CAPTURE_H

@@ -336,6 +336,22 @@ std::string standardErrorOf(const std::function<void()>& call) {
     return text;
 }
 
+// Whatever a capture's lifetime wrote to standard error still reaches it, log or not.
+TEST(LogCaptureTest, LeavesWhatWasWrittenOnStandardError) {
+    hostlog::setEcho(true);
+    const std::string printed = standardErrorOf([] {
+        hostlog::LogCapture capture;
+        // Before the record: standard error keeps no write boundaries, so another writer's line
+        // after a record reads as the record's next line.
+        std::fprintf(stderr, "not a record\n");
+        __android_log_print(ANDROID_LOG_WARN, "KEL", "handed %s", "back");
+        EXPECT_TRUE(capture.hasAndroidMessage("handed back"));
+    });
+    EXPECT_NE(printed.find(" handed back\n"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("not a record\n"), std::string::npos) << printed;
+    restoreDefaultEcho();
+}
+
 #ifndef KELR_SYSTEM_LIBLOG
 TEST(AndroidStandInTest, PrintsLogcatThreadtimeLinePerMessageLine) {
     hostlog::setEcho(true);

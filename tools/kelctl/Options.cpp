@@ -3,11 +3,11 @@
 #include <getopt.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <utility>
 
+#include "NumberText.h"  // the platform's number parsing (platform/vex)
 #include "ValueNames.h"
 
 namespace kelctl {
@@ -35,17 +35,13 @@ kel::ProfileParams& current(Args& args) {
     return args.entries.back().settings;
 }
 
-std::optional<long> parseNumber(const std::string& text, long min, long max) {
-    if (text.empty() || text.size() > 12) {
+// Digits only: none of these numbers may be negative, so a sign is refused like any other letter.
+std::optional<long> parseNumber(const std::string& text, unsigned long min, unsigned long max) {
+    unsigned long value = 0;
+    if (!vexwire::parseWhole(text, 10, &value) || value < min || value > max) {
         return std::nullopt;
     }
-    char* end = nullptr;
-    errno = 0;
-    const long value = std::strtol(text.c_str(), &end, 10);
-    if (errno != 0 || *end != '\0' || value < min || value > max) {
-        return std::nullopt;
-    }
-    return value;
+    return static_cast<long>(value);
 }
 
 bool isDigits(const std::string& text, std::size_t minLength, std::size_t maxLength) {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "ModemControl.h"
+#include "NumberText.h"
 #include "VexWire.h"
 
 namespace {
@@ -74,10 +75,9 @@ int parseOptions(int argc, char** argv, Options* options) {
                 options->dir = optarg;
                 break;
             case kWait: {
-                char* end = nullptr;
-                const long seconds = std::strtol(optarg, &end, 10);
-                if (*optarg == '\0' || *end != '\0' || seconds < 0 ||
-                    seconds > kLongestWaitSeconds) {
+                unsigned int seconds = 0;
+                if (!vexwire::parseWhole(optarg, 10, &seconds) ||
+                    seconds > static_cast<unsigned int>(kLongestWaitSeconds)) {
                     std::fprintf(stderr,
                                  "vex-modemctl: --wait: \"%s\" is not a number of seconds "
                                  "from 0 to %d\n",

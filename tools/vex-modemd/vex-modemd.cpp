@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "ModemControl.h"
+#include "NumberText.h"
 #include "VexWire.h"
 #include "vexsim/SimModem.h"
 
@@ -43,9 +44,9 @@ const char* const kUsage =
     "  -V, --version           show the version and exit\n";
 
 bool parseCount(const char* text, int max, int* value) {
-    char* end = nullptr;
-    long parsed = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || parsed < 1 || parsed > max) {
+    unsigned int parsed = 0;
+    if (!vexwire::parseWhole(text, 10, &parsed) || parsed < 1 ||
+        parsed > static_cast<unsigned int>(max)) {
         return false;
     }
     *value = static_cast<int>(parsed);

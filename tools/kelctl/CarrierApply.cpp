@@ -749,7 +749,70 @@ Json entryJson(const EntryAccount& account) {
     return json;
 }
 
+bool isDigits(const std::string& text, std::size_t minLength, std::size_t maxLength) {
+    if (text.size() < minLength || text.size() > maxLength) {
+        return false;
+    }
+    for (char c : text) {
+        if (c < '0' || c > '9') {
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
+
+// --dry-run is also apply-classes' and apply-types'; it stands here for the order of carrier's
+// help.
+const std::vector<OptionSpec>& carrierOptions() {
+    static const std::vector<OptionSpec> table = {
+        {"--mcc", "MCC", kCarrier, "mobile country code (up to 3 digits)",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             if (!isDigits(v, 1, 3)) {
+                 *why = quoted(v) + " is not a mobile country code of up to 3 digits";
+                 return false;
+             }
+             a.mcc = v;
+             return true;
+         }},
+        {"--mnc", "MNC", kCarrier, "mobile network code (up to 3 digits)",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             if (!isDigits(v, 1, 3)) {
+                 *why = quoted(v) + " is not a mobile network code of up to 3 digits";
+                 return false;
+             }
+             a.mnc = v;
+             return true;
+         }},
+        {"--mvno-type", "spn|imsi|gid|iccid", kCarrier, "select a virtual operator's entries",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             const std::string type = lower(v);
+             if (type != "spn" && type != "imsi" && type != "gid" && type != "iccid") {
+                 return notOneOf(v, "spn, imsi, gid, iccid", why);
+             }
+             a.mvnoType = type;
+             return true;
+         }},
+        {"--mvno-match", "DATA", kCarrier, "the virtual operator's match data",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
+             a.mvnoMatch = v;
+             return true;
+         }},
+        {"--dry-run", nullptr, kDryRun, "print what would change on the modem; change nothing",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.dryRun = true;
+             return true;
+         }},
+        {"--create", nullptr, kCarrier,
+         "create a persistent profile for each APN of the carrier that no profile carries",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.create = true;
+             return true;
+         }},
+    };
+    return table;
+}
 
 bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) {
     const CarrierSelection& selection = *inv.carrier;

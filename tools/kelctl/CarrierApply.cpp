@@ -800,16 +800,10 @@ const std::vector<OptionSpec>& carrierOptions() {
              return true;
          }},
         {"--dry-run", nullptr, kDryRun, "print what would change on the modem; change nothing",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
-             a.dryRun = true;
-             return true;
-         }},
+         setFlag<&Args::dryRun>},
         {"--create", nullptr, kCarrier,
          "create a persistent profile for each APN of the carrier that no profile carries",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
-             a.create = true;
-             return true;
-         }},
+         setFlag<&Args::create>},
     };
     return table;
 }

@@ -38,36 +38,37 @@ constexpr unsigned int kAlways = 1u << 31;
 // Where the help text of an option starts.
 constexpr std::size_t kHelpColumn = 34;
 
+template <bool GlobalOptions::*Flag>
+bool setRunFlag(const std::string&, Args&, GlobalOptions* globals, std::string*) {
+    globals->*Flag = true;
+    return true;
+}
+
+// A flag every command line takes: on the kelctl command line it holds for the whole run too.
+template <bool Args::*Line, bool GlobalOptions::*Run>
+bool setLineFlag(const std::string&, Args& args, GlobalOptions* globals, std::string*) {
+    args.*Line = true;
+    if (globals != nullptr) {
+        globals->*Run = true;
+    }
+    return true;
+}
+
 // The options of the whole run, declared once; json, truncate, verbose and help are also every
 // command line's.
 const std::vector<OptionSpec>& runOptions() {
     static const std::vector<OptionSpec> table = {
         {"--json", nullptr, kAlways | kGlobal, "print one JSON document",
-         [](const std::string&, Args& a, GlobalOptions* g, std::string*) {
-             a.json = true;
-             if (g != nullptr) {
-                 g->json = true;
-             }
-             return true;
-         }},
+         setLineFlag<&Args::json, &GlobalOptions::json>},
         {"--truncate", nullptr, kAlways | kGlobal, "cut values too long for their modem field",
-         [](const std::string&, Args& a, GlobalOptions* g, std::string*) {
-             a.truncate = true;
-             if (g != nullptr) {
-                 g->truncate = true;
-             }
-             return true;
-         }},
+         setLineFlag<&Args::truncate, &GlobalOptions::truncate>},
         {"--modem", "DIR", kGlobal, "use the running modem serving in DIR (default: embedded)",
          [](const std::string& v, Args&, GlobalOptions* g, std::string*) {
              g->modemDir = v;
              return true;
          }},
         {"--embedded", nullptr, kGlobal, "use the embedded modem even if VEX_SERVICE_DIR is set",
-         [](const std::string&, Args&, GlobalOptions* g, std::string*) {
-             g->embedded = true;
-             return true;
-         }},
+         setRunFlag<&GlobalOptions::embedded>},
         {"--seed", "FILE", kGlobal, "embedded modem: its initial profiles",
          [](const std::string& v, Args&, GlobalOptions* g, std::string*) {
              g->seedFile = v;
@@ -102,37 +103,16 @@ const std::vector<OptionSpec>& runOptions() {
              return true;
          }},
         {"--show-secrets", nullptr, kGlobal, "print passwords in clear (hidden by default)",
-         [](const std::string&, Args&, GlobalOptions* g, std::string*) {
-             g->showSecrets = true;
-             return true;
-         }},
+         setRunFlag<&GlobalOptions::showSecrets>},
         {"--reference", nullptr, kGlobal,
          "run the library with its safe-mode switches off, as it behaves by default",
-         [](const std::string&, Args&, GlobalOptions* g, std::string*) {
-             g->reference = true;
-             return true;
-         }},
+         setRunFlag<&GlobalOptions::reference>},
         {"--version", nullptr, kGlobal, "print kelctl's and the library's version",
-         [](const std::string&, Args&, GlobalOptions* g, std::string*) {
-             g->version = true;
-             return true;
-         }},
+         setRunFlag<&GlobalOptions::version>},
         {"--verbose", nullptr, kAlways | kGlobal, "show the library's log and more detail",
-         [](const std::string&, Args& a, GlobalOptions* g, std::string*) {
-             a.verbose = true;
-             if (g != nullptr) {
-                 g->verbose = true;
-             }
-             return true;
-         }},
+         setLineFlag<&Args::verbose, &GlobalOptions::verbose>},
         {"--help", nullptr, kAlways | kGlobal, "show this help",
-         [](const std::string&, Args& a, GlobalOptions* g, std::string*) {
-             a.help = true;
-             if (g != nullptr) {
-                 g->help = true;
-             }
-             return true;
-         }},
+         setLineFlag<&Args::help, &GlobalOptions::help>},
     };
     return table;
 }

@@ -121,6 +121,13 @@ std::string quoted(const std::string& value);
 // Sets *why to "\"VALUE\" is not one of ACCEPTED"; false.
 bool notOneOf(const std::string& value, const std::string& accepted, std::string* why);
 
+// The apply of a flag that concerns one command line.
+template <bool Args::*Flag>
+bool setFlag(const std::string&, Args& args, GlobalOptions*, std::string*) {
+    args.*Flag = true;
+    return true;
+}
+
 // Parses the words after a command name for a command that takes `groups`, the way getopt_long
 // does: long options with unique abbreviations, short forms of the common ones, options and
 // operands in any order, "--" ends the options. Options of the whole run are stored in *globals;

@@ -32,6 +32,17 @@ bool setYesNo(const std::string& value, Args& args, GlobalOptions*, std::string*
     return true;
 }
 
+// Sets --kel or --ia: which profiles a filter takes.
+template <std::optional<bool> Args::*Choice>
+bool setChoice(const std::string& value, Args& args, GlobalOptions*, std::string* why) {
+    const auto flag = yesNoFromName(value);
+    if (!flag) {
+        return notOneOf(value, "yes, no", why);
+    }
+    args.*Choice = *flag;
+    return true;
+}
+
 bool setIp(const std::string& value, kel::ProfileParams& params, bool roaming, std::string* why) {
     const auto ip = ipFromName(value);
     if (!ip) {
@@ -128,15 +139,9 @@ const std::vector<OptionSpec>& profileOptions() {
              return true;
          }},
         {"--persistent", nullptr, kPersistent, "keep the profile on the modem after kelctl exits",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
-             a.persistent = true;
-             return true;
-         }},
+         setFlag<&Args::persistent>},
         {"--allow-update", nullptr, kAllowUpdate, "a found profile may be changed to fit",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
-             a.allowUpdate = true;
-             return true;
-         }},
+         setFlag<&Args::allowUpdate>},
         {"--id", "N", kFilter, "modem profile index",
          [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
              const auto id = parseNumber(v, 0, 255);
@@ -159,23 +164,9 @@ const std::vector<OptionSpec>& profileOptions() {
              return true;
          }},
         {"--kel", "yes|no", kKelFlag, "only profiles kelctl's library made (or only others)",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             const auto flag = yesNoFromName(v);
-             if (!flag) {
-                 return notOneOf(v, "yes, no", why);
-             }
-             a.kel = *flag;
-             return true;
-         }},
+         setChoice<&Args::kel>},
         {"--ia", "yes|no", kIaFlag, "the initial-attach profile (kel_profile_ia)",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             const auto flag = yesNoFromName(v);
-             if (!flag) {
-                 return notOneOf(v, "yes, no", why);
-             }
-             a.ia = *flag;
-             return true;
-         }},
+         setChoice<&Args::ia>},
     };
     return table;
 }

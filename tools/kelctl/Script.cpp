@@ -416,10 +416,7 @@ std::string scriptHelp(bool file) {
 const std::vector<OptionSpec>& scriptOptions() {
     static const std::vector<OptionSpec> table = {
         {"--echo", nullptr, kEcho, "print each script line before running it",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
-             a.echo = true;
-             return true;
-         }},
+         setFlag<&Args::echo>},
     };
     return table;
 }

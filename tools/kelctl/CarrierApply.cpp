@@ -749,16 +749,10 @@ Json entryJson(const EntryAccount& account) {
     return json;
 }
 
-bool isDigits(const std::string& text, std::size_t minLength, std::size_t maxLength) {
-    if (text.size() < minLength || text.size() > maxLength) {
-        return false;
-    }
-    for (char c : text) {
-        if (c < '0' || c > '9') {
-            return false;
-        }
-    }
-    return true;
+// One to three decimal digits, as a network code is written.
+bool isNetworkCode(const std::string& text) {
+    return !text.empty() && text.size() <= 3 &&
+           text.find_first_not_of("0123456789") == std::string::npos;
 }
 
 }  // namespace
@@ -769,7 +763,7 @@ const std::vector<OptionSpec>& carrierOptions() {
     static const std::vector<OptionSpec> table = {
         {"--mcc", "MCC", kCarrier, "mobile country code (up to 3 digits)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             if (!isDigits(v, 1, 3)) {
+             if (!isNetworkCode(v)) {
                  *why = quoted(v) + " is not a mobile country code of up to 3 digits";
                  return false;
              }
@@ -778,7 +772,7 @@ const std::vector<OptionSpec>& carrierOptions() {
          }},
         {"--mnc", "MNC", kCarrier, "mobile network code (up to 3 digits)",
          [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             if (!isDigits(v, 1, 3)) {
+             if (!isNetworkCode(v)) {
                  *why = quoted(v) + " is not a mobile network code of up to 3 digits";
                  return false;
              }

@@ -41,7 +41,6 @@ int readToolOptions(int argc, char** argv, const ToolCommandLine& line, Apply ap
         }
         const std::string word = previous < argc ? argv[previous] : "";
         const std::string name = word.substr(0, word.find('='));
-        int status = 0;
         switch (code) {
             case 'h':
                 std::fputs(line.usage, stdout);
@@ -57,11 +56,9 @@ int readToolOptions(int argc, char** argv, const ToolCommandLine& line, Apply ap
                                                  : "unknown or ambiguous option " + name) +
                        1;
             default:
-                status = apply(code, name);
-                break;
-        }
-        if (status != 0) {
-            return status;
+                if (const int status = apply(code, name); status != 0) {
+                    return status;
+                }
         }
     }
 }

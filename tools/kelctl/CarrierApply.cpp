@@ -757,8 +757,7 @@ bool isNetworkCode(const std::string& text) {
 
 }  // namespace
 
-// --dry-run is also apply-classes' and apply-types'; it stands here for the order of carrier's
-// help.
+// --dry-run is apply-classes' and apply-types' too; here it keeps its place in carrier's help.
 const std::vector<OptionSpec>& carrierOptions() {
     static const std::vector<OptionSpec> table = {
         {"--mcc", "MCC", kCarrier, "mobile country code (up to 3 digits)",

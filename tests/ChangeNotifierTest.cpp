@@ -13,38 +13,15 @@
 #include <thread>
 #include <vector>
 
+#include "support/ObserverRecorder.h"
+
 namespace kel {
 namespace {
 
 constexpr std::chrono::seconds kTimeout{10};
 
-// Records every event (its kind and, as a sequence number, its profileId); onEvent runs first.
-class Recorder : public ModemObserver {
-  public:
-    void onModemEvent(const ModemEvent& event) override {
-        if (onEvent) {
-            onEvent(event);
-        }
-        std::lock_guard<std::mutex> lock(mutex);
-        events.push_back(event);
-        changed.notify_all();
-    }
-    bool waitForCount(std::size_t count) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, kTimeout, [&] { return events.size() >= count; });
-    }
-    std::vector<ModemEvent> taken() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return events;
-    }
-
-    std::function<void(const ModemEvent&)> onEvent;
-
-  private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<ModemEvent> events;
-};
+// Records every event; as a sequence number, each test event carries its profileId.
+using Recorder = testsupport::ObserverRecorder;
 
 // A one-shot gate one thread waits at until another opens it.
 class Gate {
@@ -102,7 +79,7 @@ TEST(ChangeNotifierTest, ASlowObserverLosesTheOverflowAndIsToldOnceHowMany) {
     releaseSecond.open();
     ASSERT_TRUE(recorder->waitForCount(7));
 
-    const std::vector<ModemEvent> events = recorder->taken();
+    const std::vector<ModemEvent> events = recorder->all();
     ASSERT_EQ(events.size(), 7u);
     for (int i = 0; i <= 4; ++i) {
         EXPECT_EQ(events[i].kind, ModemEvent::Kind::ProfileChanged);
@@ -165,9 +142,9 @@ TEST(ChangeNotifierTest, RemovalFromInsideTheObserverMakesItsCallTheLast) {
     }
     ASSERT_TRUE(staying->waitForCount(3));
 
-    EXPECT_EQ(leaving->taken().size(), 1u);
-    EXPECT_EQ(throwing->taken().size(), 0u);
-    EXPECT_EQ(staying->taken().back().profileId, 2);
+    EXPECT_EQ(leaving->all().size(), 1u);
+    EXPECT_EQ(throwing->all().size(), 0u);
+    EXPECT_EQ(staying->all().back().profileId, 2);
 }
 
 }  // namespace

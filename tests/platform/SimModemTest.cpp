@@ -5,9 +5,7 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <fstream>
 #include <set>
-#include <sstream>
 
 #include "VexWire.h"
 #include "platform/VexTestClient.h"
@@ -108,12 +106,11 @@ TEST(ProfileTextTest, ParseErrorsNameTheLineAndTheReasonAndKeepNothing) {
 }
 
 TEST(ProfileTextTest, ShippedSeedIsACarrierProvisionedModem) {
-    std::ifstream in(testsupport::sourceDir() + "/data/modem-seed.conf");
-    std::stringstream text;
-    text << in.rdbuf();
     std::vector<Profile> parsed;
     std::string error;
-    ASSERT_TRUE(vexsim::parseProfiles(text.str(), &parsed, &error)) << error;
+    ASSERT_TRUE(vexsim::parseProfiles(
+        testsupport::readFile(testsupport::sourceDir() + "/data/modem-seed.conf"), &parsed, &error))
+        << error;
     auto find = [&](int sub, const char* name) -> const Profile* {
         for (const Profile& p : parsed) {
             if (p.subscription == sub && std::string(p.settings.profile_name) == name) {

@@ -160,18 +160,6 @@ TEST(LogFormatTest, EveryMessageEqualsThePlainFormatting) {
     EXPECT_FORMATTED_ALIKE("ab%cde %d", 0, 7);
 }
 
-TEST_F(LoggingTest, MessageEndsAtItsFirstNul) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    KEL_LOG(Error, "ab%cde %d", 0, 7);
-
-    std::vector<hostlog::AndroidLogRecord> written = capture.android();
-    ASSERT_EQ(written.size(), 1u);
-    EXPECT_EQ(written[0].message, "ab");
-    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
-    ASSERT_EQ(history.size(), 1u);
-    EXPECT_TRUE(isHistoryLine(history[0], "KEL", "ab")) << history[0];
-}
-
 // A 600-character message whose 511th character is the last one kept, whichever level it has.
 TEST_F(LoggingTest, WriterAndHistoryGetTheSameCutMessage) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
@@ -188,21 +176,34 @@ TEST_F(LoggingTest, WriterAndHistoryGetTheSameCutMessage) {
     EXPECT_TRUE(isHistoryLine(history[0], "KEL", text.substr(0, 511))) << history[0];
 }
 
-TEST_F(LoggingTest, AdbWriterPassesMessageAsTextNotAsFormat) {
+// Each message in full, as the writer and the history get it.
+TEST_F(LoggingTest, AdbWriterAndHistoryGetTheFormattedTextUpToItsFirstNul) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    KEL_LOG(Info, "%s", "100%% sure %s %d %n");
-
-    std::vector<hostlog::AndroidLogRecord> written = capture.android();
-    ASSERT_EQ(written.size(), 1u);
-    EXPECT_EQ(written[0].tag, "KEL");
-    EXPECT_EQ(written[0].message, "100%% sure %s %d %n");
-}
-
-TEST_F(LoggingTest, FormatsArgumentsPrintfStyle) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    KEL_LOG(Debug, "Manager::init(%d) %s %llu", 1, "adb", 18446744073709551615ull);
-
-    EXPECT_TRUE(capture.hasAndroidMessage("Manager::init(1) adb 18446744073709551615"));
+    const struct {
+        const char* what;
+        void (*log)();
+        std::string expected;
+    } cases[] = {
+        {"printf style",
+         [] { KEL_LOG(Error, "Manager::init(%d) %s %llu", 1, "adb", 18446744073709551615ull); },
+         "Manager::init(1) adb 18446744073709551615"},
+        {"a message is text, not a format", [] { KEL_LOG(Error, "%s", "100%% sure %s %d %n"); },
+         "100%% sure %s %d %n"},
+        {"ends at its first NUL", [] { KEL_LOG(Error, "ab%cde %d", 0, 7); }, "ab"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        capture.clear();
+        LocalLogBuffer::getInstance()->flush();
+        c.log();
+        std::vector<hostlog::AndroidLogRecord> written = capture.android();
+        ASSERT_EQ(written.size(), 1u);
+        EXPECT_EQ(written[0].tag, "KEL");
+        EXPECT_EQ(written[0].message, c.expected);
+        std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
+        ASSERT_EQ(history.size(), 1u);
+        EXPECT_TRUE(isHistoryLine(history[0], "KEL", c.expected)) << history[0];
+    }
 }
 
 struct LevelCase {
@@ -441,7 +442,7 @@ TEST_P(HistoryBoundTest, KeepsAtMostMaxSizePlusOneNewestLines) {
 
 INSTANTIATE_TEST_SUITE_P(Bounds, HistoryBoundTest, ::testing::Values(-3, 0, 1, 5, 19, 20, 50));
 
-TEST_F(LoggingTest, HistoryOfTheLibraryHolds201Lines) {
+TEST_F(LoggingTest, HistoryOfTheLibraryHolds201LinesUntilFlushed) {
     for (int i = 0; i < 250; ++i) {
         KEL_LOG(Error, "error %d", i);
     }
@@ -451,11 +452,6 @@ TEST_F(LoggingTest, HistoryOfTheLibraryHolds201Lines) {
     EXPECT_TRUE(isHistoryLine(history.front(), "KEL", "error 49")) << history.front();
     EXPECT_TRUE(isHistoryLine(history.back(), "KEL", "error 249")) << history.back();
     EXPECT_EQ(LocalLogBuffer::getInstance()->getName(), "KEL");
-}
-
-TEST_F(LoggingTest, FlushEmptiesHistory) {
-    KEL_LOG(History, "Manager::dump > ");
-    ASSERT_EQ(LocalLogBuffer::getInstance()->getLogs().size(), 1u);
 
     LocalLogBuffer::getInstance()->flush();
     EXPECT_TRUE(LocalLogBuffer::getInstance()->getLogs().empty());

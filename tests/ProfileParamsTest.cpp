@@ -95,14 +95,6 @@ bool hasAnyField(const ProfileParams& p) {
            p.hasPdnReqWaitInterval() || p.hasIsApnDisabled() || p.hasIsEmergencySupported();
 }
 
-TEST(ProfileParamsTest, DefaultHasNoFieldAndDumpsEmpty) {
-    ProfileParams params;
-    EXPECT_FALSE(hasAnyField(params));
-    EXPECT_FALSE(params.getIsKelProfile());
-    EXPECT_FALSE(params.getIsIAProfile());
-    EXPECT_EQ(params.dump(), "");
-}
-
 TEST(ProfileParamsTest, DumpWritesPresentFieldsInFixedOrder) {
     ProfileParams params = everyField();
     EXPECT_EQ(params.dump(), kEveryFieldDump);
@@ -194,10 +186,12 @@ TEST(ProfileParamsCopyTest, AssigningAbsentFieldsOverPresentOnesLeavesThemAbsent
 
     params = ProfileParams();
     EXPECT_FALSE(hasAnyField(params));
+    EXPECT_FALSE(params.getIsKelProfile());
+    EXPECT_FALSE(params.getIsIAProfile());
     EXPECT_EQ(params.dump(), "");
 }
 
-TEST(AddProfileParamsTest, ConstructorMakesIAFlagPresent) {
+TEST(AddProfileParamsTest, ConstructorMakesIAFlagPresentAndDumpsTheTechByNameOrNumber) {
     AddProfileParams params(false, TechType::TYPE_3GPP, false);
     EXPECT_FALSE(params.getIsPersistent());
     EXPECT_EQ(params.getTechType(), TechType::TYPE_3GPP);
@@ -208,6 +202,8 @@ TEST(AddProfileParamsTest, ConstructorMakesIAFlagPresent) {
     AddProfileParams attach(true, TechType::TYPE_3GPP, true);
     EXPECT_TRUE(attach.getIsIAProfile());
     EXPECT_EQ(attach.dump(), "3GPP persist=true: IsIAProfile=true,");
+    EXPECT_EQ(AddProfileParams(false, static_cast<TechType>(5), true).dump(),
+              "5 persist=false: IsIAProfile=true,");
 }
 
 TEST(AddProfileParamsTest, CopiedParamsGetTheArgumentsIAFlag) {
@@ -224,11 +220,6 @@ TEST(AddProfileParamsTest, CopiedParamsGetTheArgumentsIAFlag) {
     EXPECT_EQ(params.getTechType(), TechType::TYPE_3GPP2);
     EXPECT_EQ(params.dump(),
               "3GPP2 persist=true: ApnName=ims,IsKelProfile=true,IsIAProfile=false,");
-}
-
-TEST(AddProfileParamsTest, UnnamedTechTypeDumpsAsNumber) {
-    AddProfileParams params(false, static_cast<TechType>(5), true);
-    EXPECT_EQ(params.dump(), "5 persist=false: IsIAProfile=true,");
 }
 
 TEST(FilterProfileParamsTest, DumpsCriteriaTechAndIdBeforeFields) {

@@ -66,37 +66,34 @@ TEST_F(VexClientTest, GetAnyServiceFindsTheModemOnlyWhileItIsUp) {
     EXPECT_EQ(client.handle, nullptr);
 }
 
-TEST_F(VexClientTest, NotifierReportsAtOnceWhenUpAndAgainAfterEveryRestart) {
-    NotifyCounter counter;
-    vex_client_type notifier = counter.startNotifier();
-    ASSERT_NE(notifier, nullptr);
-    ASSERT_TRUE(counter.waitForUps(1));
-    EXPECT_NE(counter.callbackThread(), std::this_thread::get_id());
+TEST_F(VexClientTest, NotifierReportsAtOnceWhenUpOrWhenTheModemComesUpAndAfterEveryRestart) {
+    NotifyCounter early;
+    vex_client_type earlyNotifier = early.startNotifier();
+    ASSERT_NE(earlyNotifier, nullptr);
+    ASSERT_TRUE(early.waitForUps(1));
+    EXPECT_NE(early.callbackThread(), std::this_thread::get_id());
 
-    for (int restart = 1; restart <= 2; ++restart) {
-        modem().stop();
-        ASSERT_TRUE(modem().start(&harness.error)) << harness.error;
-        ASSERT_TRUE(counter.waitForUps(1 + restart)) << "restart " << restart;
-    }
-    EXPECT_EQ(vex_client_release(notifier), VEX_NO_ERR);
-    EXPECT_EQ(counter.count(), 3);
-}
-
-TEST_F(VexClientTest, NotifierRegisteredWhileDownReportsWhenTheModemComesUp) {
     modem().stop();
-    NotifyCounter counter;
-    vex_client_type notifier = counter.startNotifier();
-    ASSERT_NE(notifier, nullptr);
-    ASSERT_TRUE(modem().start(&harness.error)) << harness.error;
-    ASSERT_TRUE(counter.waitForUps(1));
-    // The notifier's watch connection is not a WDS client.
-    ASSERT_TRUE(modem().waitUntil(
-        [&] {
-            auto clients = modem().clients();
-            return clients.size() == 1 && clients[0].notifierOnly;
-        },
-        kWait));
-    EXPECT_EQ(vex_client_release(notifier), VEX_NO_ERR);
+    NotifyCounter late;
+    vex_client_type lateNotifier = late.startNotifier();
+    ASSERT_NE(lateNotifier, nullptr);
+    for (int restart = 1; restart <= 2; ++restart) {
+        ASSERT_TRUE(modem().start(&harness.error)) << harness.error;
+        ASSERT_TRUE(early.waitForUps(1 + restart)) << "restart " << restart;
+        ASSERT_TRUE(late.waitForUps(restart)) << "restart " << restart;
+        // The notifiers' watch connections are not WDS clients.
+        ASSERT_TRUE(modem().waitUntil(
+            [&] {
+                auto clients = modem().clients();
+                return clients.size() == 2 && clients[0].notifierOnly && clients[1].notifierOnly;
+            },
+            kWait));
+        modem().stop();
+    }
+    EXPECT_EQ(vex_client_release(earlyNotifier), VEX_NO_ERR);
+    EXPECT_EQ(vex_client_release(lateNotifier), VEX_NO_ERR);
+    EXPECT_EQ(early.count(), 3);
+    EXPECT_EQ(late.count(), 2);
 }
 
 TEST_F(VexClientTest, InvalidHandlesAreRejectedByEveryCall) {
@@ -177,20 +174,6 @@ TEST_F(VexClientTest, TimedOutRequestLeavesZerosAndItsLateResponseReachesNoOther
     EXPECT_STREQ(resp.settings.profile_name, "mms");
 }
 
-TEST_F(VexClientTest, ModemErrorResultIsDeliveredAsAResponse) {
-    RecordingClient client;
-    ASSERT_EQ(client.connect(), VEX_NO_ERR);
-    modem().failNext(1, VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, VEX_ERR_INTERNAL_V01);
-    auto req = getRequest(1);
-    wds_get_profile_settings_resp_msg_v01 resp{};
-    ASSERT_EQ(client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, req, resp), VEX_NO_ERR);
-    EXPECT_EQ(resp.resp.result, VEX_RESULT_FAILURE_V01);
-    EXPECT_EQ(resp.resp.error, VEX_ERR_INTERNAL_V01);
-    ASSERT_EQ(client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, req, resp), VEX_NO_ERR);
-    EXPECT_EQ(resp.resp.result, VEX_RESULT_SUCCESS_V01);
-    EXPECT_STREQ(resp.settings.apn_name, "internet");
-}
-
 TEST_F(VexClientTest, DroppedConnectionReportsTheErrorOnceAndFailsLaterSends) {
     RecordingClient client;
     ASSERT_EQ(client.connect(), VEX_NO_ERR);
@@ -205,13 +188,21 @@ TEST_F(VexClientTest, DroppedConnectionReportsTheErrorOnceAndFailsLaterSends) {
     wds_get_profile_settings_resp_msg_v01 resp{};
     EXPECT_EQ(client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, req, resp),
               VEX_ERR_CONNECTION_LOST);
-    // Going down afterwards, or another modem event, does not report the loss again.
+    // Going down afterwards, or another modem event, does not report the loss again; every
+    // client still connected hears of the going down, once.
+    RecordingClient first, second;
+    ASSERT_EQ(first.connect(), VEX_NO_ERR);
+    ASSERT_EQ(second.connect(), VEX_NO_ERR);
     modem().stop();
+    ASSERT_TRUE(first.waitForErrors(1));
+    ASSERT_TRUE(second.waitForErrors(1));
     RecordingClient witness;
     ASSERT_TRUE(modem().start(&harness.error));
     ASSERT_EQ(witness.connect(), VEX_NO_ERR);
-    client.release();
-    EXPECT_EQ(client.errorCount(), 1);
+    for (RecordingClient* each : {&client, &first, &second}) {
+        each->release();
+        EXPECT_EQ(each->errorCount(), 1);
+    }
 }
 
 TEST_F(VexClientTest, ErrorCallbackRegisteredAfterTheLossRunsOnceOnTheLibraryThread) {
@@ -247,20 +238,6 @@ TEST_F(VexClientTest, ErrorCallbackRegisteredAfterTheLossRunsOnceOnTheLibraryThr
     EXPECT_NE(thread.get(), std::this_thread::get_id());
     EXPECT_EQ(vex_client_release(handle), VEX_NO_ERR);
     EXPECT_EQ(seen.calls.load(), 1);
-}
-
-TEST_F(VexClientTest, EveryClientHearsOnceThatTheModemWentDown) {
-    RecordingClient first, second;
-    ASSERT_EQ(first.connect(), VEX_NO_ERR);
-    ASSERT_EQ(second.connect(), VEX_NO_ERR);
-    modem().stop();
-    ASSERT_TRUE(first.waitForErrors(1));
-    ASSERT_TRUE(second.waitForErrors(1));
-    ASSERT_TRUE(modem().start(&harness.error));
-    first.release();
-    second.release();
-    EXPECT_EQ(first.errorCount(), 1);
-    EXPECT_EQ(second.errorCount(), 1);
 }
 
 TEST_F(VexClientTest, IndicationsArriveInOrderOnTheLibraryThread) {

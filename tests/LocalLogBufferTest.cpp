@@ -67,38 +67,31 @@ class LoggingTest : public ::testing::Test {
     hostlog::LogCapture capture;
 };
 
-struct CutCase {
-    size_t length;
-    size_t expected;
-};
-
-void PrintTo(const CutCase& c, std::ostream* os) {
-    *os << c.length << " characters";
-}
-
-class LogCutTest : public LoggingTest, public ::testing::WithParamInterface<CutCase> {};
-
-TEST_P(LogCutTest, MessageReachesWriterAndHistoryCutTo511Characters) {
+TEST_F(LoggingTest, MessageReachesWriterAndHistoryCutTo511Characters) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    std::string text;
-    for (size_t i = 0; i < GetParam().length; ++i) {
-        text += static_cast<char>('a' + i % 26);
+    const struct {
+        size_t length;
+        size_t expected;
+    } cases[] = {{0, 0}, {510, 510}, {511, 511}, {512, 511}, {600, 511}, {5000, 511}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.length) + " characters");
+        capture.clear();
+        LocalLogBuffer::getInstance()->flush();
+        std::string text;
+        for (size_t i = 0; i < c.length; ++i) {
+            text += static_cast<char>('a' + i % 26);
+        }
+        KEL_LOG(Error, "%s", text.c_str());
+
+        const std::string expected = text.substr(0, c.expected);
+        std::vector<hostlog::AndroidLogRecord> written = capture.android();
+        ASSERT_EQ(written.size(), 1u);
+        EXPECT_EQ(written[0].message, expected);
+        std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
+        ASSERT_EQ(history.size(), 1u);
+        EXPECT_TRUE(isHistoryLine(history[0], "KEL", expected)) << history[0];
     }
-    KEL_LOG(Error, "%s", text.c_str());
-
-    const std::string expected = text.substr(0, GetParam().expected);
-    std::vector<hostlog::AndroidLogRecord> written = capture.android();
-    ASSERT_EQ(written.size(), 1u);
-    EXPECT_EQ(written[0].message, expected);
-    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
-    ASSERT_EQ(history.size(), 1u);
-    EXPECT_TRUE(isHistoryLine(history[0], "KEL", expected)) << history[0];
 }
-
-INSTANTIATE_TEST_SUITE_P(Lengths, LogCutTest,
-                         ::testing::Values(CutCase{0, 0}, CutCase{510, 510}, CutCase{511, 511},
-                                           CutCase{512, 511}, CutCase{600, 511},
-                                           CutCase{5000, 511}));
 
 // The message as formatted by the plain algorithm: a zero-filled 513-byte buffer, vsnprintf
 // with a limit of 512, the text up to the first NUL.
@@ -206,49 +199,43 @@ TEST_F(LoggingTest, AdbWriterAndHistoryGetTheFormattedTextUpToItsFirstNul) {
     }
 }
 
-struct LevelCase {
-    int level;
-    int androidPriority;
-    int diagMask;
-    bool kept;
-};
-
-void PrintTo(const LevelCase& c, std::ostream* os) {
-    *os << "level " << c.level;
-}
-
-class LogLevelTest : public LoggingTest, public ::testing::WithParamInterface<LevelCase> {};
-
-TEST_P(LogLevelTest, LevelSelectsPriorityMaskAndHistory) {
+TEST_F(LoggingTest, LevelSelectsPriorityMaskAndHistory) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    const LogLevel level = static_cast<LogLevel>(GetParam().level);
-    const std::string text = "level " + std::to_string(GetParam().level);
-    LogWrapper::getInstance()->log(level, kLogTag, "%s", text.c_str());
+    const struct {
+        int level;
+        int androidPriority;
+        int diagMask;
+        bool kept;
+    } cases[] = {
+        {0, ANDROID_LOG_VERBOSE, MSG_LEGACY_LOW, false},
+        {1, ANDROID_LOG_DEBUG, MSG_LEGACY_LOW, false},
+        {2, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
+        {3, ANDROID_LOG_ERROR, MSG_LEGACY_HIGH, true},
+        {4, ANDROID_LOG_FATAL, MSG_LEGACY_FATAL, false},
+        {5, ANDROID_LOG_INFO, MSG_LEGACY_HIGH, true},
+        {6, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
+        {-1, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
+    };
+    for (const auto& c : cases) {
+        const std::string text = "level " + std::to_string(c.level);
+        SCOPED_TRACE(text);
+        capture.clear();
+        LocalLogBuffer::getInstance()->flush();
+        const LogLevel level = static_cast<LogLevel>(c.level);
+        LogWrapper::getInstance()->log(level, kLogTag, "%s", text.c_str());
 
-    std::vector<hostlog::AndroidLogRecord> written = capture.android();
-    ASSERT_EQ(written.size(), 1u);
-    EXPECT_EQ(written[0].priority, GetParam().androidPriority);
-    EXPECT_EQ(written[0].message, text);
-    EXPECT_EQ(DiagWriter().convertPrio(level), GetParam().diagMask);
-
-    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
-    if (GetParam().kept) {
-        ASSERT_EQ(history.size(), 1u);
-        EXPECT_TRUE(isHistoryLine(history[0], "KEL", text)) << history[0];
-    } else {
-        EXPECT_TRUE(history.empty());
+        std::vector<hostlog::AndroidLogRecord> written = capture.android();
+        ASSERT_EQ(written.size(), 1u);
+        EXPECT_EQ(written[0].priority, c.androidPriority);
+        EXPECT_EQ(written[0].message, text);
+        EXPECT_EQ(DiagWriter().convertPrio(level), c.diagMask);
+        std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
+        ASSERT_EQ(history.size(), c.kept ? 1u : 0u);
+        if (c.kept) {
+            EXPECT_TRUE(isHistoryLine(history[0], "KEL", text)) << history[0];
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Levels, LogLevelTest,
-                         ::testing::Values(LevelCase{0, ANDROID_LOG_VERBOSE, MSG_LEGACY_LOW, false},
-                                           LevelCase{1, ANDROID_LOG_DEBUG, MSG_LEGACY_LOW, false},
-                                           LevelCase{2, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
-                                           LevelCase{3, ANDROID_LOG_ERROR, MSG_LEGACY_HIGH, true},
-                                           LevelCase{4, ANDROID_LOG_FATAL, MSG_LEGACY_FATAL, false},
-                                           LevelCase{5, ANDROID_LOG_INFO, MSG_LEGACY_HIGH, true},
-                                           LevelCase{6, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
-                                           LevelCase{-1, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false}));
 
 TEST_F(LoggingTest, WithoutWriterErrorsAreStillKeptInHistory) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();

@@ -260,50 +260,29 @@ TEST_F(VexClientTest, IndicationsArriveInOrderOnTheLibraryThread) {
 }
 
 TEST_F(VexClientTest, ReleaseWaitsForTheCallbackInFlight) {
-    struct Gate {
-        std::promise<void> entered;
-        std::promise<void> go;
-        std::shared_future<void> goFuture = go.get_future().share();
-        std::atomic<bool> finished{false};
-        std::atomic<int> calls{0};
-    } gate;
-    vex_service_info info{};
-    ASSERT_EQ(vex_client_get_any_service(wds(), &info), VEX_NO_ERR);
-    vex_client_type handle = nullptr;
-    vex_client_os_params os{};
-    ASSERT_EQ(vex_client_init(
-                  &info, wds(),
-                  [](vex_client_type, unsigned int, void*, unsigned int, void* data) {
-                      auto* g = static_cast<Gate*>(data);
-                      if (g->calls.fetch_add(1) == 0) {
-                          g->entered.set_value();
-                          g->goFuture.wait();
-                          g->finished = true;
-                      }
-                  },
-                  &gate, &os, &handle),
-              VEX_NO_ERR);
+    std::promise<void> entered, go;
+    std::shared_future<void> goFuture = go.get_future().share();
+    std::atomic<bool> finished{false};
+    std::atomic<int> calls{0};
+    RecordingClient client;
+    client.beforeIndication = [&](unsigned int) {
+        if (calls.fetch_add(1) == 0) {
+            entered.set_value();
+            goFuture.wait();
+            finished = true;
+        }
+    };
     modem().setProfilesReadyOnRegister(false);
-    wds_bind_subscription_req_msg_v01 bind{};
-    wds_bind_subscription_resp_msg_v01 bindResp{};
-    ASSERT_EQ(vex_client_send_msg_sync(handle, VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, &bind,
-                                       sizeof bind, &bindResp, sizeof bindResp, 5000),
-              VEX_NO_ERR);
-    wds_indication_register_req_msg_v01 reg{};
-    reg.report_profile_changed_events_valid = 1;
-    reg.report_profile_changed_events = 1;
-    wds_indication_register_resp_msg_v01 regResp{};
-    ASSERT_EQ(vex_client_send_msg_sync(handle, VEX_WDS_INDICATION_REGISTER_REQ_V01, &reg,
-                                       sizeof reg, &regResp, sizeof regResp, 5000),
-              VEX_NO_ERR);
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    ASSERT_TRUE(client.registerAll(0));
     modem().sendUnknownIndication(0, 0x0777);
-    ASSERT_EQ(gate.entered.get_future().wait_for(kWait), std::future_status::ready);
+    ASSERT_EQ(entered.get_future().wait_for(kWait), std::future_status::ready);
 
     auto released = std::async(std::launch::async, [&] {
-        vex_client_error_type rc = vex_client_release(handle);
-        return std::make_pair(rc, gate.finished.load());
+        vex_client_error_type rc = client.release();
+        return std::make_pair(rc, finished.load());
     });
-    gate.go.set_value();
+    go.set_value();
     auto [rc, finishedBeforeReturn] = released.get();
     EXPECT_EQ(rc, VEX_NO_ERR);
     EXPECT_TRUE(finishedBeforeReturn);

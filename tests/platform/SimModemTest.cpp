@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <map>
 #include <set>
 
 #include "VexWire.h"
@@ -111,31 +112,22 @@ TEST(ProfileTextTest, ShippedSeedIsACarrierProvisionedModem) {
     ASSERT_TRUE(vexsim::parseProfiles(
         testsupport::readFile(testsupport::sourceDir() + "/data/modem-seed.conf"), &parsed, &error))
         << error;
-    auto find = [&](int sub, const char* name) -> const Profile* {
-        for (const Profile& p : parsed) {
-            if (p.subscription == sub && std::string(p.settings.profile_name) == name) {
-                return &p;
-            }
-        }
-        return nullptr;
-    };
-    const Profile* internet = find(0, "internet");
-    ASSERT_NE(internet, nullptr);
-    EXPECT_EQ(internet->settings.apn_type_mask,
-              WDS_APN_TYPE_MASK_DEFAULT_V01 | WDS_APN_TYPE_MASK_SUPL_V01);
-    EXPECT_EQ(internet->settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
-    const Profile* ims = find(0, "ims");
-    ASSERT_NE(ims, nullptr);
-    EXPECT_EQ(ims->settings.apn_class, 1);
-    const Profile* sos = find(0, "sos");
-    ASSERT_NE(sos, nullptr);
-    EXPECT_EQ(sos->settings.support_emergency_calls, 1);
-    EXPECT_NE(find(0, "mms"), nullptr);
+    std::map<std::string, wds_profile_settings_v01> first;  // by name, on subscription 0
     int cdma = 0, second = 0;
     for (const Profile& p : parsed) {
+        if (p.subscription == 0) {
+            first.emplace(p.settings.profile_name, p.settings);
+        }
         cdma += p.type == WDS_PROFILE_TYPE_3GPP2_V01;
         second += p.subscription == 1;
     }
+    ASSERT_EQ(first.count("internet") + first.count("ims") + first.count("sos"), 3u);
+    EXPECT_EQ(first["internet"].apn_type_mask,
+              WDS_APN_TYPE_MASK_DEFAULT_V01 | WDS_APN_TYPE_MASK_SUPL_V01);
+    EXPECT_EQ(first["internet"].pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
+    EXPECT_EQ(first["ims"].apn_class, 1);
+    EXPECT_EQ(first["sos"].support_emergency_calls, 1);
+    EXPECT_EQ(first.count("mms"), 1u);
     EXPECT_GE(cdma, 1);
     EXPECT_GE(second, 2);
 }

@@ -279,7 +279,7 @@ TEST_F(EventManagerTest, HandlerMayRemoveAnotherPendingDescriptor) {
     manager.removeEventHandler(winner.other == a.get() ? b.get() : a.get());
 }
 
-TEST_F(EventManagerTest, WakeFromAnotherThreadReturnsBlockedLoop) {
+TEST_F(EventManagerTest, WakeFromAnotherThreadReturnsBlockedLoopAndOneTurnDrainsSeveralWakes) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::future<void> loop = std::async(std::launch::async, [this] { manager.processEvents(); });
     manager.wake();
@@ -289,14 +289,10 @@ TEST_F(EventManagerTest, WakeFromAnotherThreadReturnsBlockedLoop) {
         FAIL() << "processEvents did not return after wake()";
     }
     EXPECT_TRUE(logged("EventManager::wake() EX"));
-}
 
-TEST_F(EventManagerTest, OneTurnDrainsSeveralWakes) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     manager.wake();
     manager.wake();
     manager.processEvents();
-
     // The loop's own wake descriptor is drained by its handler, or it would be pending again.
     TestFd fd = makeEventFd();
     Probe probe;

@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "LocalLogBuffer.h"
+#include "DebugLogFixture.h"
 #include "UniqueFd.h"
 #include "hostlog/LogCapture.h"
 #include "support/LogObservation.h"
@@ -69,16 +69,10 @@ void countClose(int fd, void* data) {
     probe->lastFd = fd;
 }
 
-class EventManagerTest : public ::testing::Test {
+class EventManagerTest : public DebugLogFixture {
   protected:
-    void SetUp() override {
-        LogWrapper::getInstance()->setLogWriter(std::make_unique<AdbWriter>());
-        capture.clear();
-    }
-
     bool logged(const std::string& text) const { return capture.hasAndroidMessage(text); }
 
-    hostlog::LogCapture capture;
     EventManager manager;
 };
 

@@ -5,11 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -18,29 +16,10 @@
 namespace kel {
 namespace {
 
-constexpr std::chrono::seconds kTimeout{10};
-
 // Records every event; as a sequence number, each test event carries its profileId.
 using Recorder = testsupport::ObserverRecorder;
 
-// A one-shot gate one thread waits at until another opens it.
-class Gate {
-  public:
-    void open() {
-        std::lock_guard<std::mutex> lock(mutex);
-        opened = true;
-        changed.notify_all();
-    }
-    bool wait() {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, kTimeout, [this] { return opened; });
-    }
-
-  private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool opened = false;
-};
+using testsupport::Gate;
 
 ModemEvent numbered(int sequence) {
     ModemEvent event = makeEvent(ModemEvent::Kind::ProfileChanged);
@@ -111,7 +90,7 @@ TEST(ChangeNotifierTest, RemovalReturnsOnlyOnceTheCallInProgressHasEnded) {
         endedWhenRemoved = callEnded;
     });
     // Released once the remover has unregistered the observer, and so waits for the call.
-    const auto deadline = std::chrono::steady_clock::now() + kTimeout;
+    const auto deadline = std::chrono::steady_clock::now() + Recorder::kTimeout;
     while (notifier.watched() && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::yield();
     }

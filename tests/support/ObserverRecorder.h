@@ -1,6 +1,5 @@
-// An observer that records every event it hears, for tests of the change notifier on its own and
-// through the Manager. Threads: the notifier's thread calls it, the test's thread reads it;
-// guarded by mutex.
+// An observer that records every event it hears, and a gate to hold it at, for tests of the change
+// notifier on its own and through the Manager.
 #ifndef KELR_TESTS_SUPPORT_OBSERVER_RECORDER_H
 #define KELR_TESTS_SUPPORT_OBSERVER_RECORDER_H
 
@@ -18,6 +17,7 @@
 
 namespace testsupport {
 
+// Threads: the notifier's thread calls it, the test's thread reads it; guarded by mutex.
 class ObserverRecorder : public kel::ModemObserver {
   public:
     static constexpr std::chrono::seconds kTimeout{10};
@@ -69,6 +69,26 @@ class ObserverRecorder : public kel::ModemObserver {
     std::mutex mutex;  // guards events
     std::condition_variable changed;
     std::vector<kel::ModemEvent> events;
+};
+
+// A one-shot gate: an observer waits at it (for at most the recorder's timeout) until the test
+// opens it. Threads: any; guarded by mutex.
+class Gate {
+  public:
+    void open() {
+        std::lock_guard<std::mutex> lock(mutex);
+        opened = true;
+        changed.notify_all();
+    }
+    bool wait() {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, ObserverRecorder::kTimeout, [this] { return opened; });
+    }
+
+  private:
+    std::mutex mutex;  // guards opened
+    std::condition_variable changed;
+    bool opened = false;
 };
 
 }  // namespace testsupport

@@ -58,6 +58,32 @@ inline kel::FilterProfileParams byApn(const std::string& apn) {
     return filter;
 }
 
+inline kel::ModifyProfileParams newApn(const std::string& apn) {
+    kel::ModifyProfileParams params;
+    params.setApnName(apn);
+    return params;
+}
+
+// Settings as another client of the modem would write them: an APN name and, if given, a name.
+inline wds_profile_settings_v01 apnSettings(const std::string& apn, const char* name = nullptr) {
+    wds_profile_settings_v01 settings{};
+    settings.apn_name_valid = 1;
+    std::snprintf(settings.apn_name, sizeof(settings.apn_name), "%s", apn.c_str());
+    if (name != nullptr) {
+        settings.profile_name_valid = 1;
+        std::snprintf(settings.profile_name, sizeof(settings.profile_name), "%s", name);
+    }
+    return settings;
+}
+
+// A change of the 3GPP APN class alone, as another client would make it.
+inline wds_profile_settings_v01 apnClassChange(int apnClass) {
+    wds_profile_settings_v01 change{};
+    change.apn_class_valid = 1;
+    change.apn_class = static_cast<std::uint8_t>(apnClass);
+    return change;
+}
+
 // Counts the calls of an expiration listener (made on the library's worker thread) and lets the
 // test wait for them.
 class Calls {
@@ -296,6 +322,12 @@ class SimModemFixture : public ::testing::Test {
         const bool read = waitUntilServed(before + 1);
         sync();
         return read;
+    }
+
+    kel::ModemStatus status() {
+        std::optional<kel::ModemStatus> now = manager.getModemStatus();
+        EXPECT_TRUE(now);
+        return now.value_or(kel::ModemStatus());
     }
 
     std::optional<vexsim::Profile> onModem(wds_profile_type_enum_v01 type, int index) const {

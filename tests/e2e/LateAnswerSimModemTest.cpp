@@ -7,7 +7,6 @@
 #include <chrono>
 #include <memory>
 #include <optional>
-#include <string>
 
 #include "SimModemFixture.h"
 
@@ -47,14 +46,13 @@ TEST_F(LateAnswerSimModemTest, ALateCreateLandsInTheCacheAndIsNotTakenForTheNext
     ASSERT_EQ(made.size(), 2u) << "the modem made both";
     std::shared_ptr<kel::IProfileKey> key = only("slow.example");
     ASSERT_TRUE(key) << "and the cache holds the late one";
-    std::optional<vexsim::Profile> slow = onModem(k3gpp, key->getProfileId());
-    ASSERT_TRUE(slow);
-    EXPECT_STREQ(slow->settings.apn_name, "slow.example");
-    EXPECT_TRUE(slow->persistent);
+    const vexsim::Profile slow = modemProfile(k3gpp, key->getProfileId());
+    EXPECT_STREQ(slow.settings.apn_name, "slow.example");
+    EXPECT_TRUE(slow.persistent);
 
     key.reset();
     ASSERT_TRUE(settle());
-    EXPECT_TRUE(onModem(k3gpp, slow->index)) << "a persistent profile stays";
+    EXPECT_TRUE(onModem(k3gpp, slow.index)) << "a persistent profile stays";
 }
 
 TEST_F(LateAnswerSimModemTest, ALateModifyLandsInTheCache) {

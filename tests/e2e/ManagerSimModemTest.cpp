@@ -5,7 +5,6 @@
 #include <pthread.h>
 #include <signal.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
@@ -356,24 +355,9 @@ TEST(ManagerAtExitTest, HandleReleasedAfterTheManagerIsDestroyedIsHarmless) {
     EXPECT_EXIT(
         {
             testsupport::TempDir dir;
-            vexsim::Config config;
-            config.serviceDir = dir.path();
-            config.seedText = kDefaultSeed;
-            auto modem = std::make_unique<vexsim::SimModem>(config);
-            if (!modem->start() || setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1) != 0) {
-                std::exit(2);
-            }
+            std::unique_ptr<vexsim::SimModem> modem = startChildModem(dir.path());
             Manager::getInstance().init(0, true);
-            modem->waitUntil(
-                [&] {
-                    for (const vexsim::ClientInfo& client : modem->clients()) {
-                        if (!client.notifierOnly && client.profilesReadySent) {
-                            return true;
-                        }
-                    }
-                    return false;
-                },
-                kTimeout);
+            Manager::getInstance().waitForModem(kTimeout);
             lateHandle = Manager::getInstance().addProfile(addParams("late"));
             if (!lateHandle) {
                 std::exit(3);

@@ -34,10 +34,9 @@ TEST_F(ProfileCacheSimModemTest, HoldsEveryModemProfileOnceTheModemAnnouncesThem
     ASSERT_EQ(keys.size(), modem->profiles(0).size());
     for (const std::shared_ptr<IProfileKey>& key : keys) {
         auto type = key->getTechType() == kel::TechType::TYPE_3GPP ? k3gpp : k3gpp2;
-        std::optional<vexsim::Profile> profile = onModem(type, key->getProfileId());
-        ASSERT_TRUE(profile) << key->dump();
+        const vexsim::Profile profile = modemProfile(type, key->getProfileId());
         EXPECT_EQ(apnOf(key),
-                  type == k3gpp ? profile->settings.apn_name : profile->settings.apn_string);
+                  type == k3gpp ? profile.settings.apn_name : profile.settings.apn_string);
     }
 }
 
@@ -125,10 +124,9 @@ TEST_F(ProfileCacheSimModemTest, AddsA3gpp2ProfileWithoutAName) {
     std::shared_ptr<IProfileKey> key =
         manager.addProfile(addParams("cdma.example", false, kel::TechType::TYPE_3GPP2));
     ASSERT_TRUE(key);
-    std::optional<vexsim::Profile> created = onModem(k3gpp2, key->getProfileId());
-    ASSERT_TRUE(created);
-    EXPECT_STREQ(created->settings.apn_string, "cdma.example");
-    EXPECT_FALSE(created->settings.profile_name_valid);
+    const vexsim::Profile created = modemProfile(k3gpp2, key->getProfileId());
+    EXPECT_STREQ(created.settings.apn_string, "cdma.example");
+    EXPECT_FALSE(created.settings.profile_name_valid);
 }
 
 TEST_F(ProfileCacheSimModemTest, AddOfAnUnknownTechnologyReachesNoModem) {

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <cstring>
 #include <list>
 #include <mutex>
@@ -35,6 +34,10 @@ struct Switch {
 
 std::string switchName(const ::testing::TestParamInfo<Switch>& info) {
     return std::string(info.param.name) + (info.param.on ? "On" : "Off");
+}
+
+auto onAndOff(const char* name) {
+    return ::testing::Values(Switch{name, true}, Switch{name, false});
 }
 
 class SafeModeSimModemTest : public SimModemFixture, public ::testing::WithParamInterface<Switch> {
@@ -126,9 +129,7 @@ TEST_P(ReclaimTest, NeverTouchesAnotherClientsProfileNorOneStillHeld) {
     EXPECT_EQ(onModem(k3gpp, held->getProfileId()).has_value(), !GetParam().on);
 }
 
-INSTANTIATE_TEST_SUITE_P(Switch, ReclaimTest,
-                         ::testing::Values(Switch{"Reclaim", true}, Switch{"Reclaim", false}),
-                         switchName);
+INSTANTIATE_TEST_SUITE_P(Switch, ReclaimTest, onAndOff("Reclaim"), switchName);
 
 class EchoExpiryTest : public SafeModeSimModemTest {};
 
@@ -154,9 +155,7 @@ TEST_P(EchoExpiryTest, AStaleEchoNoLongerHidesAForeignCreate) {
     EXPECT_EQ(manager.filter(byApn("foreign.test")).size(), GetParam().on ? 1u : 0u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Switch, EchoExpiryTest,
-                         ::testing::Values(Switch{"EchoExpiry", true}, Switch{"EchoExpiry", false}),
-                         switchName);
+INSTANTIATE_TEST_SUITE_P(Switch, EchoExpiryTest, onAndOff("EchoExpiry"), switchName);
 
 class RefreshGiveUpTest : public SafeModeSimModemTest {
   protected:
@@ -191,10 +190,7 @@ TEST_P(RefreshGiveUpTest, AModemAnsweringEveryReadLateHoldsTheRefreshOnlyForTheB
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Switch, RefreshGiveUpTest,
-                         ::testing::Values(Switch{"RefreshGiveUp", true},
-                                           Switch{"RefreshGiveUp", false}),
-                         switchName);
+INSTANTIATE_TEST_SUITE_P(Switch, RefreshGiveUpTest, onAndOff("RefreshGiveUp"), switchName);
 
 class MalformedIndicationTest : public SafeModeSimModemTest {};
 
@@ -253,9 +249,7 @@ TEST_P(MalformedIndicationTest, TheChangeBehindAMalformedIndicationLandsInTheSam
     EXPECT_EQ(manager.filter(byApn("behind.test")).size(), GetParam().on ? 1u : 0u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Switch, MalformedIndicationTest,
-                         ::testing::Values(Switch{"ContinueAfterMalformed", true},
-                                           Switch{"ContinueAfterMalformed", false}),
+INSTANTIATE_TEST_SUITE_P(Switch, MalformedIndicationTest, onAndOff("ContinueAfterMalformed"),
                          switchName);
 
 class UnboundTest : public SafeModeSimModemTest {};
@@ -285,10 +279,7 @@ TEST_P(UnboundTest, AnUnboundLinkFailsFastInsteadOfReachingTheDefaultSubscriptio
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Switch, UnboundTest,
-                         ::testing::Values(Switch{"FailFastWhileUnbound", true},
-                                           Switch{"FailFastWhileUnbound", false}),
-                         switchName);
+INSTANTIATE_TEST_SUITE_P(Switch, UnboundTest, onAndOff("FailFastWhileUnbound"), switchName);
 
 // A service whose accept queue is full once the library's notifier and service probe sit in it:
 // the service looks up, but the client cannot be created.
@@ -326,10 +317,7 @@ TEST_P(ClientCreationTest, AFailedClientCreationRecoversAtTheNextServiceUp) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Switch, ClientCreationTest,
-                         ::testing::Values(Switch{"RetryClientCreation", true},
-                                           Switch{"RetryClientCreation", false}),
-                         switchName);
+INSTANTIATE_TEST_SUITE_P(Switch, ClientCreationTest, onAndOff("RetryClientCreation"), switchName);
 
 TEST_F(SafeModeSimModemTest, TheSwitchesInForceShowInDumpAndStatusOnlyWhenOn) {
     connectWith(Options());

@@ -202,13 +202,12 @@ TEST_F(UtilSimModemTest, ApnClassMatchModifiesEveryProfileOfTheClassAndTechType)
     const wds_pdp_type_enum_v01 pdpTypes[] = {WDS_PDP_TYPE_PDP_IPV4_V01, WDS_PDP_TYPE_PDP_IPV6_V01,
                                               WDS_PDP_TYPE_PDP_IPV4V6_V01};
     for (int index = 2; index <= 4; ++index) {
-        std::optional<vexsim::Profile> ims = onModem(k3gpp, index);
-        ASSERT_TRUE(ims) << index;
-        EXPECT_STREQ(ims->settings.username, "imsuser") << index;
-        EXPECT_EQ(ims->settings.apn_type_mask,
+        const vexsim::Profile ims = modemProfile(k3gpp, index);
+        EXPECT_STREQ(ims.settings.username, "imsuser") << index;
+        EXPECT_EQ(ims.settings.apn_type_mask,
                   WDS_APN_TYPE_MASK_IMS_V01 | WDS_APN_TYPE_MASK_XCAP_V01)
             << index;
-        EXPECT_EQ(ims->settings.pdp_type, pdpTypes[index - 2]) << index;
+        EXPECT_EQ(ims.settings.pdp_type, pdpTypes[index - 2]) << index;
     }
     std::optional<vexsim::Profile> cdmaImsAfter = onModem(k3gpp2, 7);
     ASSERT_TRUE(cdmaIms && cdmaImsAfter);
@@ -230,9 +229,8 @@ TEST_F(UtilSimModemTest, ApnClassAddRefusedByModemIsLoggedAndTheRestGoesOn) {
     EXPECT_TRUE(error("Could not add profile by APN class"));
     EXPECT_TRUE(history("kel updateModemProfileByApnClass < OK"));
     EXPECT_EQ(modem->profiles(0).size(), before);
-    std::optional<vexsim::Profile> imsProfile = onModem(k3gpp, 2);
-    ASSERT_TRUE(imsProfile);
-    EXPECT_STREQ(imsProfile->settings.username, "imsuser");
+    const vexsim::Profile imsProfile = modemProfile(k3gpp, 2);
+    EXPECT_STREQ(imsProfile.settings.username, "imsuser");
 }
 
 // --- Updates by APN type ---
@@ -266,9 +264,8 @@ TEST_P(UtilApnTypeSimModemTest, ApnTypesAreDistributedOverTheProfilesOfTheApn) {
     }
     EXPECT_TRUE(history("kel updateAPNTypeBitmaskOnModemProfile < OK"));
     for (const ModemMask& want : GetParam().expected) {
-        std::optional<vexsim::Profile> profile = onModem(want.type, want.index);
-        ASSERT_TRUE(profile) << want.type << ":" << want.index;
-        EXPECT_EQ(profile->settings.apn_type_mask, want.mask) << want.type << ":" << want.index;
+        const vexsim::Profile profile = modemProfile(want.type, want.index);
+        EXPECT_EQ(profile.settings.apn_type_mask, want.mask) << want.type << ":" << want.index;
     }
 }
 
@@ -340,15 +337,13 @@ TEST_F(UtilSimModemTest, ApnTypeEntriesWithMissingFieldsAreDefaultedAndLogged) {
     EXPECT_TRUE(error("kel Home IP type not present, setting to v4v6"));
     EXPECT_TRUE(history("kel update APN type bitmask on modem profile for " + noMask.dump()));
     EXPECT_TRUE(debug("kel processing APN name mms, V4 mask:0x0, v6 mask0x0:, v4v6 mask:0x0"));
-    std::optional<vexsim::Profile> mms = onModem(k3gpp, 5);
-    ASSERT_TRUE(mms);
-    EXPECT_EQ(mms->settings.apn_type_mask, WDS_APN_TYPE_MASK_MMS_V01) << "a zero mask is no update";
+    const vexsim::Profile mms = modemProfile(k3gpp, 5);
+    EXPECT_EQ(mms.settings.apn_type_mask, WDS_APN_TYPE_MASK_MMS_V01) << "a zero mask is no update";
     // Without an IP type an entry counts as dual-stack: xcap has no dual-stack profile, so its
     // types spread over both single-stack ones.
     for (int index : {8, 9}) {
-        std::optional<vexsim::Profile> xcap = onModem(k3gpp, index);
-        ASSERT_TRUE(xcap);
-        EXPECT_EQ(xcap->settings.apn_type_mask, WDS_APN_TYPE_MASK_DUN_V01) << index;
+        const vexsim::Profile xcap = modemProfile(k3gpp, index);
+        EXPECT_EQ(xcap.settings.apn_type_mask, WDS_APN_TYPE_MASK_DUN_V01) << index;
     }
     EXPECT_THAT(capture.androidContaining("kel processing APN name"), ::testing::SizeIs(2))
         << "an entry without APN name takes part in no update";

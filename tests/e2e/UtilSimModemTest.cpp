@@ -130,6 +130,7 @@ TEST_F(UtilSimModemTest, SetupDataCallAdds3gpp2ProfileWhenNoUserNameMatches) {
     const vexsim::Profile added = modemProfile(k3gpp2, id);
     EXPECT_STREQ(added.settings.user_id, "stranger");
     EXPECT_STREQ(added.settings.apn_string, "internet");
+    EXPECT_FALSE(added.settings.profile_name_valid) << "a 3GPP2 profile has no name";
 
     key.reset();
     EXPECT_FALSE(onModem(k3gpp2, id));
@@ -237,12 +238,14 @@ TEST_F(UtilSimModemTest, AttachTakesExactModemMatchAndAppliesTheRequestedSetting
     EXPECT_TRUE(onModemNamed("kel_profile_ia").empty());
 }
 
-TEST_F(UtilSimModemTest, AttachNeverTakesOverADataCallProfileAndCreatesAPersistentIAProfile) {
+TEST_F(UtilSimModemTest, AttachPassesOverADataCallProfileLettingGoOfItAndCreatesAnIAProfile) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> dataCall = util.findOrCreateProfileForSetupDataCall(
         TechType::TYPE_3GPP, apnParams("corp.example", IPType::V4));
     ASSERT_TRUE(dataCall);
     const int dataCallId = dataCall->getProfileId();
+    const std::string release =
+        "ProfileCache: releaseProfile token=" + std::to_string(e2e::tokenOf(dataCall));
     clearLogs();
 
     std::shared_ptr<IProfileKey> attach =
@@ -253,49 +256,33 @@ TEST_F(UtilSimModemTest, AttachNeverTakesOverADataCallProfileAndCreatesAPersiste
     EXPECT_FALSE(history("kel Found an exact match modem or KEL IA profile for attach"));
     EXPECT_FALSE(history("kel Found a loose match profile for attach"));
     EXPECT_TRUE(history("kel KEL IA profile created for attach"));
-    const int attachId = attach->getProfileId();
-    const vexsim::Profile ia = modemProfile(k3gpp, attachId);
-    EXPECT_STREQ(ia.settings.profile_name, "kel_profile_ia");
-    EXPECT_STREQ(ia.settings.apn_name, "corp.example");
-    EXPECT_TRUE(ia.persistent);
-    const vexsim::Profile call = modemProfile(k3gpp, dataCallId);
-    EXPECT_STREQ(call.settings.profile_name, "kel_profile");
-
-    dataCall.reset();
-    attach.reset();
-    EXPECT_FALSE(onModem(k3gpp, dataCallId));
-    EXPECT_TRUE(onModem(k3gpp, attachId));
-}
-
-TEST_F(UtilSimModemTest, AttachLetsGoOfAPassedOverExactMatchBeforeSearchingOn) {
-    std::shared_ptr<IProfileKey> dataCall = util.findOrCreateProfileForSetupDataCall(
-        TechType::TYPE_3GPP, apnParams("corp.example", IPType::V4));
-    ASSERT_TRUE(dataCall);
-    const std::string release =
-        "ProfileCache: releaseProfile token=" + std::to_string(e2e::tokenOf(dataCall));
-    clearLogs();
-
-    util.findOrCreateProfileForLteAttach(apnParams("corp.example", IPType::V4));
-
-    // The history keeps both lines (History level), in order, after its time stamp.
+    // The history keeps the filters and releases (History level), in order, after a time stamp.
     std::vector<std::string> lines;
     for (const std::string& line : LocalLogBuffer::getInstance()->getLogs()) {
         lines.push_back(line.substr(line.find("[KEL]") + 5));
     }
-    const auto startsWith = [](const std::string& prefix) {
-        return [prefix](const std::string& line) { return line.rfind(prefix, 0) == 0; };
+    const auto isFilter = [](const std::string& line) {
+        return line.rfind("Manager::filter > ", 0) == 0;
     };
-    const auto exactFilter =
-        std::find_if(lines.begin(), lines.end(), startsWith("Manager::filter > "));
+    const auto exactFilter = std::find_if(lines.begin(), lines.end(), isFilter);
     ASSERT_NE(exactFilter, lines.end());
-    const auto looseFilter =
-        std::find_if(std::next(exactFilter), lines.end(), startsWith("Manager::filter > "));
+    const auto looseFilter = std::find_if(std::next(exactFilter), lines.end(), isFilter);
     ASSERT_NE(looseFilter, lines.end());
     // The data-call profile's handle from the exact search, and only that one, goes in between;
     // the test's own handle keeps the profile.
     EXPECT_EQ(std::count(exactFilter, looseFilter, release), 1);
     EXPECT_EQ(std::count(looseFilter, lines.end(), release), 0);
-    EXPECT_TRUE(onModem(k3gpp, dataCall->getProfileId()));
+    const int attachId = attach->getProfileId();
+    const vexsim::Profile ia = modemProfile(k3gpp, attachId);
+    EXPECT_STREQ(ia.settings.profile_name, "kel_profile_ia");
+    EXPECT_STREQ(ia.settings.apn_name, "corp.example");
+    EXPECT_TRUE(ia.persistent);
+    EXPECT_STREQ(modemProfile(k3gpp, dataCallId).settings.profile_name, "kel_profile");
+
+    dataCall.reset();
+    attach.reset();
+    EXPECT_FALSE(onModem(k3gpp, dataCallId));
+    EXPECT_TRUE(onModem(k3gpp, attachId));
 }
 
 struct LooseAttachCase {

@@ -187,11 +187,16 @@ TEST_P(ProfileCacheReleaseTest, LastHandleDeletesOnlyNonPersistentLibraryProfile
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> key =
         manager.addProfile(addParams("release.example", GetParam().persistent));
+    Keys found = manager.filter(byApn("release.example"));
     ASSERT_TRUE(key);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(tokenOf(found.front()), tokenOf(key)) << "two handles of one profile";
     const int id = key->getProfileId();
     const std::string expectedLog =
         std::string(GetParam().log) + (GetParam().deleted ? std::to_string(id) : "");
     key.reset();
+    EXPECT_TRUE(onModem(k3gpp, id)) << "the other handle keeps it";
+    found.clear();
 
     EXPECT_EQ(!onModem(k3gpp, id), GetParam().deleted);
     EXPECT_EQ(manager.filter(byApn("release.example")).empty(), GetParam().deleted);
@@ -207,20 +212,6 @@ INSTANTIATE_TEST_SUITE_P(
         return std::string(param.param.persistent ? "Persistent" : "NotPersistent");
     });
 
-TEST_F(ProfileCacheSimModemTest, TwoHandlesOfOneProfileKeepItUntilBothAreGone) {
-    std::shared_ptr<IProfileKey> added = manager.addProfile(addParams("shared.example"));
-    Keys found = manager.filter(byApn("shared.example"));
-    ASSERT_TRUE(added);
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(tokenOf(found.front()), tokenOf(added));
-    const int id = added->getProfileId();
-
-    added.reset();
-    EXPECT_TRUE(onModem(k3gpp, id));
-    found.clear();
-    EXPECT_FALSE(onModem(k3gpp, id));
-}
-
 // --- Expiration listeners ---
 
 struct Expiry {
@@ -232,18 +223,23 @@ struct Expiry {
 class ProfileCacheExpiryTest : public ProfileCacheSimModemTest,
                                public ::testing::WithParamInterface<Expiry> {};
 
-TEST_P(ProfileCacheExpiryTest, ListenerOfAHeldHandleFiresOnce) {
+TEST_P(ProfileCacheExpiryTest, ListenerOfAHeldHandleFiresOnceAndOfADroppedOneNever) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     Calls calls;
+    Calls dropped;
     std::shared_ptr<IProfileKey> added = manager.addProfile(addParams("watched.example", true));
     ASSERT_TRUE(added);
     std::shared_ptr<IProfileKey> watcher = manager.filter(byApn("watched.example")).front();
     watcher->registerExpirationListener(calls.callback());
+    manager.filter(byApn("watched.example"))
+        .front()
+        ->registerExpirationListener(dropped.callback());
 
     GetParam().cause(manager, *modem, added);
     EXPECT_TRUE(calls.waitFor(1));
     ASSERT_TRUE(settle());
     EXPECT_EQ(calls.count(), 1);
+    EXPECT_EQ(dropped.count(), 0);
     EXPECT_TRUE(debug("invoke callback"));
 }
 
@@ -269,16 +265,6 @@ INSTANTIATE_TEST_SUITE_P(
                    m.refresh(PDCRefreshStatus::Completed);
                }}),
     [](const ::testing::TestParamInfo<Expiry>& param) { return param.param.name; });
-
-TEST_F(ProfileCacheSimModemTest, ListenerOfADroppedHandleNeverFires) {
-    Calls calls;
-    std::shared_ptr<IProfileKey> added = manager.addProfile(addParams("dropped.example"));
-    std::shared_ptr<IProfileKey> watcher = manager.filter(byApn("dropped.example")).front();
-    watcher->registerExpirationListener(calls.callback());
-    watcher.reset();
-    EXPECT_TRUE(manager.deleteProfile(added));
-    EXPECT_EQ(calls.count(), 0);
-}
 
 // --- Dump ---
 

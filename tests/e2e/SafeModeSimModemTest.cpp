@@ -6,10 +6,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <list>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -18,6 +16,7 @@
 #include "SimModemFixture.h"
 #include "VexWire.h"
 #include "kel/Options.h"
+#include "support/ObserverRecorder.h"
 
 namespace e2e {
 namespace {
@@ -204,21 +203,14 @@ TEST_P(MalformedIndicationTest, TheChangeBehindAMalformedIndicationLandsInTheSam
     ASSERT_NE(key, nullptr);
     std::list<std::shared_ptr<kel::IProfileKey>> other = manager.filter(byApn("holder.test"));
     ASSERT_EQ(other.size(), 1u);
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool entered = false;
-    bool release = false;
+    testsupport::Gate entered;
+    testsupport::Gate release;
     other.front()->registerExpirationListener([&] {
-        std::unique_lock<std::mutex> lock(mutex);
-        entered = true;
-        changed.notify_all();
-        changed.wait_for(lock, kTimeout, [&] { return release; });
+        entered.open();
+        release.wait();
     });
     std::thread remover([&] { EXPECT_TRUE(manager.deleteProfile(key)); });
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        EXPECT_TRUE(changed.wait_for(lock, kTimeout, [&] { return entered; }));
-    }
+    EXPECT_TRUE(entered.wait());
     modem->sendMalformedIndication(0);
     const std::optional<std::uint8_t> created =
         modem->createProfile(0, k3gpp, apnSettings("behind.test"), true);
@@ -230,11 +222,7 @@ TEST_P(MalformedIndicationTest, TheChangeBehindAMalformedIndicationLandsInTheSam
     const std::string handled =
         "ProfileCache: onIndication < 3GPP:" + std::to_string(*created) + " Create";
     const int seen = watch.count(handled);
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        release = true;
-    }
-    changed.notify_all();
+    release.open();
     remover.join();
     if (GetParam().on) {
         // Handled in the turn that met the malformed one, whenever this thread gets to look.

@@ -65,27 +65,6 @@ TEST_F(UtilSimModemTest, SetupDataCallWithUpdatesAllowedTakesAnyIpTypeAndModifie
     EXPECT_EQ(mms.settings.apn_type_mask, WDS_APN_TYPE_MASK_MMS_V01);
 }
 
-TEST_F(UtilSimModemTest, SetupDataCallAddsNonPersistentProfileThatGoesWithItsHandle) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    ProfileParams request = apnParams("corp.example", IPType::V4);
-    request.setApnTypesMask(lib(ApnTypes::DEFAULT));
-
-    std::shared_ptr<IProfileKey> key =
-        util.findOrCreateProfileForSetupDataCall(TechType::TYPE_3GPP, request);
-
-    ASSERT_TRUE(key);
-    EXPECT_TRUE(history("setupDataCall profile added"));
-    const int id = key->getProfileId();
-    const vexsim::Profile added = modemProfile(k3gpp, id);
-    EXPECT_STREQ(added.settings.profile_name, "kel_profile");
-    EXPECT_STREQ(added.settings.apn_name, "corp.example");
-    EXPECT_EQ(added.settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4_V01);
-    EXPECT_FALSE(added.persistent);
-
-    key.reset();
-    EXPECT_FALSE(onModem(k3gpp, id)) << "the call's own profile leaves with its last handle";
-}
-
 struct UserNameCase {
     const char* name;
     TechType techType;
@@ -238,12 +217,19 @@ TEST_F(UtilSimModemTest, AttachTakesExactModemMatchAndAppliesTheRequestedSetting
     EXPECT_TRUE(onModemNamed("kel_profile_ia").empty());
 }
 
-TEST_F(UtilSimModemTest, AttachPassesOverADataCallProfileLettingGoOfItAndCreatesAnIAProfile) {
+// The data call's own profile is not persistent and leaves with its last handle.
+TEST_F(UtilSimModemTest, AttachPassesOverAnAddedDataCallProfileLettingGoOfItAndCreatesAnIAProfile) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> dataCall = util.findOrCreateProfileForSetupDataCall(
         TechType::TYPE_3GPP, apnParams("corp.example", IPType::V4));
     ASSERT_TRUE(dataCall);
+    EXPECT_TRUE(history("setupDataCall profile added"));
     const int dataCallId = dataCall->getProfileId();
+    const vexsim::Profile added = modemProfile(k3gpp, dataCallId);
+    EXPECT_STREQ(added.settings.profile_name, "kel_profile");
+    EXPECT_STREQ(added.settings.apn_name, "corp.example");
+    EXPECT_EQ(added.settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4_V01);
+    EXPECT_FALSE(added.persistent);
     const std::string release =
         "ProfileCache: releaseProfile token=" + std::to_string(e2e::tokenOf(dataCall));
     clearLogs();
@@ -277,7 +263,6 @@ TEST_F(UtilSimModemTest, AttachPassesOverADataCallProfileLettingGoOfItAndCreates
     EXPECT_STREQ(ia.settings.profile_name, "kel_profile_ia");
     EXPECT_STREQ(ia.settings.apn_name, "corp.example");
     EXPECT_TRUE(ia.persistent);
-    EXPECT_STREQ(modemProfile(k3gpp, dataCallId).settings.profile_name, "kel_profile");
 
     dataCall.reset();
     attach.reset();

@@ -55,36 +55,6 @@ TEST_F(LateAnswerSimModemTest, ALateCreateLandsInTheCacheAndIsNotTakenForTheNext
     EXPECT_TRUE(onModem(k3gpp, slow.index)) << "a persistent profile stays";
 }
 
-TEST_F(LateAnswerSimModemTest, ALateModifyLandsInTheCache) {
-    std::shared_ptr<kel::IProfileKey> key = profile3gpp1();
-    ASSERT_TRUE(key);
-    const auto before = onModem(k3gpp, key->getProfileId())->settings.apn_type_mask;
-    kel::ModifyProfileParams change;
-    change.setApnTypesMask(0x5);
-
-    late(VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01,
-         [&] { EXPECT_TRUE(manager.modifyProfile(change, key)); });
-
-    ASSERT_TRUE(onModem(k3gpp, key->getProfileId()));
-    EXPECT_NE(onModem(k3gpp, key->getProfileId())->settings.apn_type_mask, before)
-        << "the modem took it";
-    const std::optional<kel::ProfileParams> cached = manager.getProfile(key);
-    ASSERT_TRUE(cached) << "the handle stays valid";
-    EXPECT_EQ(cached->getApnTypesMask(), 0x5u);
-}
-
-TEST_F(LateAnswerSimModemTest, ALateDeleteLandsInTheCache) {
-    std::shared_ptr<kel::IProfileKey> key = only("ims");
-    ASSERT_TRUE(key);
-    const int id = key->getProfileId();
-
-    late(VEX_WDS_DELETE_PROFILE_REQ_V01, [&] { EXPECT_FALSE(manager.deleteProfile(key)); });
-
-    EXPECT_FALSE(onModem(k3gpp, id));
-    EXPECT_FALSE(manager.getProfile(key)) << "the handle has expired";
-    EXPECT_FALSE(only("ims"));
-}
-
 // A link that could not register hears no echoes, so with echoes expiring the changes made on it
 // expect none that a later link would then take for theirs.
 TEST_F(LateAnswerSimModemTest, WithEchoExpiryALostLinksChangesDoNotSwallowALaterOnesEchoes) {

@@ -119,6 +119,9 @@ TEST_F(ModemStatusSimModemTest, AFailedProfileListLeavesTheCacheUnloadedUntilARe
     EXPECT_NE(failed.dump().find("ListFailed=true"), std::string::npos) << failed.dump();
     EXPECT_FALSE(manager.waitForModem(std::chrono::milliseconds(50)));
     EXPECT_TRUE(manager.filter(kel::FilterProfileParams()).empty());
+    EXPECT_EQ(served(), kRegistrationRequests + 1)
+        << "the 3GPP2 list is not asked for once the 3GPP list failed";
+    EXPECT_TRUE(error("Unable send VEX_WDS_GET_PROFILE_LIST_REQ_V01 message"));
 
     manager.refresh(PDCRefreshStatus::Completed);
     EXPECT_TRUE(Manager::lastOutcome().ok());

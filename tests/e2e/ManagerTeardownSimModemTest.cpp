@@ -97,12 +97,7 @@ TEST_F(ManagerTeardownSimModemTest, DestroyingTheManagerAnswersEveryCallInsideAn
             testsupport::Watchdog watchdog("destroying the Manager", kWatchdog);
             library.reset();
         }
-        {
-            testsupport::Watchdog watchdog("the callers", kWatchdog);
-            for (std::thread& thread : threads) {
-                thread.join();
-            }
-        }
+        joinAll(threads);
         // Each call either was served or was refused as the pipeline closed.
         const int refused = watch.count(std::string(kClosingRefusal) + "Add ") +
                             watch.count(std::string(kClosingRefusal) + "Get ");
@@ -169,12 +164,7 @@ TEST_F(ManagerTeardownSimModemTest, InitAgainWhileCallsAreInsideAnswersEveryCall
         ASSERT_NO_FATAL_FAILURE(connect(manager, round % 2));
     }
     stop = true;
-    {
-        testsupport::Watchdog watchdog("the callers", kWatchdog);
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-    }
+    joinAll(threads);
     EXPECT_GT(served.load(), 0);
     EXPECT_EQ(served.load() + refused.load(), calls.load());
     modem->setResponseDelay(std::chrono::milliseconds(0));

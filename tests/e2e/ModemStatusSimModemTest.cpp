@@ -157,9 +157,7 @@ TEST_F(ModemStatusSimModemTest, ReadersOnManyThreadsSeeOnlyWholeSnapshots) {
     ASSERT_TRUE(waitUntilFilled(oldClient, 0));
     EXPECT_TRUE(manager.waitForModem(kTimeout));
     stop = true;
-    for (std::thread& reader : readers) {
-        reader.join();
-    }
+    joinAll(readers);
     EXPECT_GT(reads.load(), 0);
     EXPECT_EQ(torn.load(), 0);
     EXPECT_EQ(status().connections, 2u);

@@ -1,12 +1,10 @@
 // The switches of kel::Options against the simulated modem, each on and off: on, the hazard is
 // gone; off, the library keeps the behaviour it always had.
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <list>
 #include <optional>
 #include <string>
@@ -279,13 +277,10 @@ class ClientCreationTest : public SafeModeSimModemTest {
 TEST_P(ClientCreationTest, AFailedClientCreationRecoversAtTheNextServiceUp) {
     serviceDir.emplace("VEX_SERVICE_DIR", dir.path().c_str());
     const std::string path = dir.file("wds");
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
     {
-        vexwire::UniqueFd stuck(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        ASSERT_TRUE(stuck);
-        ASSERT_EQ(::bind(stuck.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr), 0);
+        std::string why;
+        vexwire::UniqueFd stuck = vexwire::listenUnix(path, &why);
+        ASSERT_TRUE(stuck) << why;
         ASSERT_EQ(::listen(stuck.get(), 1), 0);
         Options options;
         options.retryClientCreation = GetParam().on;

@@ -110,26 +110,6 @@ TEST_F(VexWdsProxySimModemTest, HandlesABurstOfIndicationsInArrivalOrderIgnoring
     EXPECT_TRUE(verbose("Unknown message ID 4660 received"));
 }
 
-TEST_F(VexWdsProxySimModemTest, DropsAMalformedIndicationAndHandlesLaterOnes) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    modem->sendMalformedIndication(0);
-    // An undecodable indication ends its turn: one that arrived with it waits for the next
-    // wake-up, so the sentinel is changed until the library has read it.
-    bool handled = false;
-    for (int attempt = 0; attempt < 5 && !handled; ++attempt) {
-        const std::uint64_t before = served();
-        wds_profile_settings_v01 change{};
-        change.apn_class_3gpp2_valid = 1;
-        change.apn_class_3gpp2 = static_cast<std::uint8_t>(100 + attempt);
-        auto sentinelIndex = manager.filter(byApn(kSentinelApn)).front()->getProfileId();
-        ASSERT_TRUE(
-            modem->modifyProfile(0, k3gpp2, static_cast<std::uint8_t>(sentinelIndex), change));
-        handled = modem->waitUntil([&] { return served() > before; }, std::chrono::seconds(1));
-    }
-    EXPECT_TRUE(handled);
-    EXPECT_TRUE(error("Unable to decode the nr status ind message"));
-}
-
 // --- A modem that claims more profiles than its list holds ---
 
 // Serves WDS on the real socket by script: registrations succeed, every profile read returns

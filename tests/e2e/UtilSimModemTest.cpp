@@ -65,11 +65,13 @@ TEST_F(UtilSimModemTest, SetupDataCallWithUpdatesAllowedTakesAnyIpTypeAndModifie
     EXPECT_EQ(mms.settings.apn_type_mask, WDS_APN_TYPE_MASK_MMS_V01);
 }
 
+// A 3GPP2 profile is taken only for its user; with none, one of that user is added, nameless, and
+// leaves with its handle.
 struct UserNameCase {
     const char* name;
     TechType techType;
     const char* userName;
-    int expectedId;
+    int expectedId;  // 0: added
 };
 
 class UtilUserNameSimModemTest : public UtilSimModemTest,
@@ -85,35 +87,28 @@ TEST_P(UtilUserNameSimModemTest, SetupDataCallFilters3gpp2ProfilesOnUserName) {
 
     ASSERT_TRUE(key);
     EXPECT_EQ(key->getTechType(), GetParam().techType);
-    EXPECT_EQ(key->getProfileId(), GetParam().expectedId);
-    EXPECT_TRUE(history("found existing setupDataCall profile"));
+    const bool added = GetParam().expectedId == 0;
+    EXPECT_EQ(history("found existing setupDataCall profile"), !added);
+    if (!added) {
+        EXPECT_EQ(key->getProfileId(), GetParam().expectedId);
+        return;
+    }
+    const int id = key->getProfileId();
+    const vexsim::Profile profile = modemProfile(k3gpp2, id);
+    EXPECT_STREQ(profile.settings.user_id, GetParam().userName);
+    EXPECT_STREQ(profile.settings.apn_string, "internet");
+    EXPECT_FALSE(profile.settings.profile_name_valid);
+    key.reset();
+    EXPECT_FALSE(onModem(k3gpp2, id));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, UtilUserNameSimModemTest,
     ::testing::Values(UserNameCase{"Cdma3gpp2User", TechType::TYPE_3GPP2, "cdmauser", 1},
                       UserNameCase{"Roam3gpp2User", TechType::TYPE_3GPP2, "roamuser", 2},
-                      UserNameCase{"UserIgnoredOn3gpp", TechType::TYPE_3GPP, "stranger", 1}),
+                      UserNameCase{"UserIgnoredOn3gpp", TechType::TYPE_3GPP, "stranger", 1},
+                      UserNameCase{"No3gpp2UserAdds", TechType::TYPE_3GPP2, "stranger", 0}),
     CaseName());
-
-TEST_F(UtilSimModemTest, SetupDataCallAdds3gpp2ProfileWhenNoUserNameMatches) {
-    ProfileParams request = apnParams("internet", IPType::V4V6);
-    request.setUserName("stranger");
-
-    std::shared_ptr<IProfileKey> key =
-        util.findOrCreateProfileForSetupDataCall(TechType::TYPE_3GPP2, request);
-
-    ASSERT_TRUE(key);
-    EXPECT_EQ(key->getTechType(), TechType::TYPE_3GPP2);
-    const int id = key->getProfileId();
-    const vexsim::Profile added = modemProfile(k3gpp2, id);
-    EXPECT_STREQ(added.settings.user_id, "stranger");
-    EXPECT_STREQ(added.settings.apn_string, "internet");
-    EXPECT_FALSE(added.settings.profile_name_valid) << "a 3GPP2 profile has no name";
-
-    key.reset();
-    EXPECT_FALSE(onModem(k3gpp2, id));
-}
 
 // --- Emergency data call ---
 

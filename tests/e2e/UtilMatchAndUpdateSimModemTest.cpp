@@ -291,7 +291,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(UtilSimModemTest, ApnTypeEntriesWithMissingFieldsAreDefaultedAndLogged) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     ProfileParams noMask = apnParams("mms", IPType::V4);
-    ProfileParams noIpType = withoutIpType("xcap", lib(ApnTypes::DUN));
+    ProfileParams noIpType = apnParams("xcap");
+    noIpType.setApnTypesMask(lib(ApnTypes::DUN));
     ProfileParams noApn;
     noApn.setApnTypesMask(lib(ApnTypes::FOTA));
     const std::list<ProfileParams> entries{noMask, noIpType, noApn};

@@ -72,17 +72,6 @@ INSTANTIATE_TEST_SUITE_P(
                                    [](vexsim::SimModem& m) { m.announceSubscriptionChange(0); }}),
     [](const ::testing::TestParamInfo<Announcement>& param) { return param.param.event; });
 
-class ProfileCacheWithoutAnnouncementTest : public ProfileCacheSimModemTest {
-  protected:
-    ProfileCacheWithoutAnnouncementTest() { config.profilesReadyOnRegister = false; }
-};
-
-TEST_F(ProfileCacheWithoutAnnouncementTest, StaysEmptyUntilARefreshCompletes) {
-    EXPECT_TRUE(all().empty());
-    manager.refresh(PDCRefreshStatus::Completed);
-    EXPECT_EQ(all().size(), modem->profiles(0).size());
-}
-
 // --- Adding and the modem's echoes ---
 
 // The library's profiles go with their last handle unless persistent.

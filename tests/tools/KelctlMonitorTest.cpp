@@ -1,10 +1,7 @@
 // kelctl status and kelctl monitor as processes against vex-modemd in its own process, changed
 // by vex-modemctl as another client: the picture, creates, modifies in order, a delete, a modem
 // restart and what follows it, a thousand changes, and the ways a monitor ends.
-#include <signal.h>
-
 #include <memory>
-#include <optional>
 
 #include "KelctlHarness.h"
 
@@ -12,94 +9,6 @@ namespace kelctltest {
 namespace {
 
 using ::testing::HasSubstr;
-
-// A kelctl run that goes on: its standard output read line by line as it comes.
-class LiveKelctl {
-  public:
-    explicit LiveKelctl(std::vector<std::string> args) {
-        args.insert(args.begin(), KELCTL_PATH);
-        RunOptions options;
-        options.env.emplace_back("VEX_SERVICE_DIR", std::nullopt);
-        std::vector<std::string> env = environmentWith(options);
-        std::vector<char*> argv = pointers(args);
-        std::vector<char*> envp = pointers(env);
-        int outPipe[2];
-        int errPipe[2];
-        if (::pipe2(outPipe, O_CLOEXEC) != 0 || ::pipe2(errPipe, O_CLOEXEC) != 0) {
-            ADD_FAILURE() << "pipe: " << std::strerror(errno);
-            return;
-        }
-        Fd outWrite(outPipe[1]);
-        Fd errWrite(errPipe[1]);
-        out = std::make_unique<Fd>(outPipe[0]);
-        err = std::make_unique<Fd>(errPipe[0]);
-        pid = ::fork();
-        if (pid == 0) {
-            ::dup2(outWrite.get(), STDOUT_FILENO);
-            ::dup2(errWrite.get(), STDERR_FILENO);
-            ::execve(argv[0], argv.data(), envp.data());
-            ::_exit(127);
-        }
-    }
-    ~LiveKelctl() {
-        if (pid > 0) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, nullptr, 0);
-        }
-    }
-
-    // The next line; empty once the output ended or nothing came within kChildLimit.
-    std::optional<std::string> line() {
-        const auto deadline = std::chrono::steady_clock::now() + kChildLimit;
-        while (pending.find('\n') == std::string::npos) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            pollfd fd{out->get(), POLLIN, 0};
-            if (left.count() <= 0 || ::poll(&fd, 1, static_cast<int>(left.count())) <= 0) {
-                ADD_FAILURE() << "no line from kelctl monitor in time; so far: " << pending;
-                return std::nullopt;
-            }
-            char chunk[4096];
-            const ssize_t n = ::read(out->get(), chunk, sizeof(chunk));
-            if (n <= 0) {
-                return std::nullopt;
-            }
-            pending.append(chunk, static_cast<std::size_t>(n));
-        }
-        const std::size_t end = pending.find('\n');
-        std::string text = pending.substr(0, end);
-        pending.erase(0, end + 1);
-        return text;
-    }
-    // The lines up to and including the first that contains text, without their time stamps.
-    std::vector<std::string> until(const std::string& text) {
-        std::vector<std::string> lines;
-        while (auto next = line()) {
-            lines.push_back(next->substr(next->find(' ') + 1));
-            if (next->find(text) != std::string::npos) {
-                return lines;
-            }
-        }
-        ADD_FAILURE() << "kelctl monitor never printed " << text;
-        return lines;
-    }
-    void signal(int number) const { ::kill(pid, number); }
-    void closeOutput() { out->reset(); }
-    // The exit status, with standard error.
-    Outcome finish() {
-        Fd nothing(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-        Outcome outcome =
-            collect(pid, out->get() >= 0 ? out->get() : nothing.get(), err->get(), kChildLimit);
-        pid = -1;
-        return outcome;
-    }
-
-  private:
-    pid_t pid = -1;
-    std::unique_ptr<Fd> out;
-    std::unique_ptr<Fd> err;
-    std::string pending;
-};
 
 class KelctlMonitorTest : public KelctlTest {
   protected:

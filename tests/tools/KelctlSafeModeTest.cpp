@@ -1,14 +1,6 @@
 // kelctl runs the library with every safe-mode switch on, and with --reference with all of them
 // off: the same cases against vex-modemd in its own process, counted while kelctl is still
 // connected (within one run or shell).
-#include <fcntl.h>
-#include <poll.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <chrono>
-#include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -26,92 +18,6 @@ int lastRefreshCount(const std::string& out) {
     const std::size_t at = out.rfind(marker);
     return at == std::string::npos ? -1 : std::stoi(out.substr(at + marker.size()));
 }
-
-// kelctl shell with its standard input held open, so that another process can change the modem
-// between two lines while kelctl stays connected and holds its handles. Every wait is bounded.
-class OpenShell {
-  public:
-    explicit OpenShell(std::vector<std::string> args) {
-        args.insert(args.begin(), KELCTL_PATH);
-        args.push_back("shell");
-        RunOptions options;
-        options.env.emplace_back("VEX_SERVICE_DIR", std::nullopt);
-        std::vector<std::string> env = environmentWith(options);
-        std::vector<char*> argv = pointers(args);
-        std::vector<char*> envp = pointers(env);
-        int in[2];
-        int out[2];
-        int err[2];
-        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 ||
-            ::pipe2(err, O_CLOEXEC) != 0) {
-            ADD_FAILURE() << "pipe: " << std::strerror(errno);
-            return;
-        }
-        Fd inRead(in[0]), outWrite(out[1]), errWrite(err[1]);
-        input = std::make_unique<Fd>(in[1]);
-        output = std::make_unique<Fd>(out[0]);
-        errors = std::make_unique<Fd>(err[0]);
-        pid = ::fork();
-        if (pid == 0) {
-            ::dup2(inRead.get(), STDIN_FILENO);
-            ::dup2(outWrite.get(), STDOUT_FILENO);
-            ::dup2(errWrite.get(), STDERR_FILENO);
-            ::execve(argv[0], argv.data(), envp.data());
-            ::_exit(127);
-        }
-    }
-    ~OpenShell() {
-        if (pid > 0) {
-            finish();
-        }
-    }
-
-    void send(const std::string& line) {
-        const std::string text = line + "\n";
-        EXPECT_EQ(::write(input->get(), text.data(), text.size()),
-                  static_cast<ssize_t>(text.size()));
-    }
-    // Reads standard output until text shows after what earlier waits consumed; what came up to
-    // and including it is returned, empty when it did not come within the limit.
-    std::string waitFor(const std::string& text) {
-        const auto deadline = std::chrono::steady_clock::now() + kChildLimit;
-        std::size_t at;
-        while ((at = pending.find(text)) == std::string::npos &&
-               std::chrono::steady_clock::now() < deadline) {
-            pollfd fd{output->get(), POLLIN, 0};
-            if (::poll(&fd, 1, 1000) <= 0) {
-                continue;
-            }
-            char chunk[4096];
-            const ssize_t n = ::read(output->get(), chunk, sizeof(chunk));
-            if (n <= 0) {
-                break;
-            }
-            pending.append(chunk, static_cast<std::size_t>(n));
-        }
-        if (at == std::string::npos) {
-            ADD_FAILURE() << "kelctl shell never printed \"" << text << "\" after: " << pending;
-            return "";
-        }
-        std::string seen = pending.substr(0, at + text.size());
-        pending.erase(0, at + text.size());
-        return seen;
-    }
-    // Ends the input and collects the rest.
-    Outcome finish() {
-        input->reset();
-        Outcome outcome = collect(pid, output->get(), errors->get(), kChildLimit);
-        pid = -1;
-        return outcome;
-    }
-
-  private:
-    pid_t pid = -1;
-    std::unique_ptr<Fd> input;
-    std::unique_ptr<Fd> output;
-    std::unique_ptr<Fd> errors;
-    std::string pending;  // read, not yet waited for
-};
 
 // One run of kelctl: safe by default, or with --reference.
 struct Mode {
@@ -194,7 +100,8 @@ TEST_P(KelctlSafeModeTest, AModemAnsweringEveryReadLateIsWaitedForOnlyUpToTheBou
 TEST_P(KelctlSafeModeTest, AForeignModifyThenTheLastReleaseLeavesNothing) {
     RunningModem modem(dir.path(), seed);
     ASSERT_TRUE(modem.isServing());
-    OpenShell shell(args({}));
+    // The shell stays connected, holding its handles, while another client changes the modem.
+    LiveKelctl shell(args({"shell"}));
     shell.send("h = add --apn foreign.test");
     ASSERT_FALSE(shell.waitFor("h = 3gpp:").empty());
     const std::string rest = shell.waitFor("\n");

@@ -44,7 +44,7 @@ TEST_F(KelctlTest, ConcurrentRunsOnOneStateFileKeepEveryAddedProfile) {
 TEST_F(KelctlTest, RunThatCannotLockTheStateFileNamesItsHolder) {
     // This test process holds the lock as another run would.
     const std::string lockPath = state + ".lock";
-    Fd lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    UniqueFd lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_TRUE(lock.get() >= 0);
     flock region{};
     region.l_type = F_WRLCK;

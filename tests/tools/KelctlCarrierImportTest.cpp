@@ -7,6 +7,7 @@ namespace {
 using namespace kelctltest;
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 // A network's internet APN written twice for other bearers, one entry with mms, the other with
 // ia: the modem keeps one profile for both.
@@ -313,6 +314,440 @@ TEST_P(KelctlNetworkConvergenceTest, SecondImportChangesNothing) {
 
 INSTANTIATE_TEST_SUITE_P(Networks, KelctlNetworkConvergenceTest,
                          ::testing::ValuesIn(kNetworkImports),
+                         [](const auto& testCase) { return std::string(testCase.param.name); });
+
+// ---------------------------------------------------------------------------------------------
+// Carrier APN configuration
+
+TEST_F(KelctlTest, CarrierVerboseDryRunMapsEveryQuirkAndChangesNothing) {
+    const std::string file = dataFile("apns-quirks.xml");
+    const Outcome before = seeded({"--state", state, "list"});
+    ASSERT_EQ(before.status, 0) << before.err;
+
+    const Outcome outcome = seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc",
+                                    "01", "--dry-run", "--verbose"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(outcome.out,
+              "carrier mcc 001 mnc 01: 6 of 8 entries in " + file +
+                  "\n"
+                  "  line 5 (Quirk & Co Internet): apn=Internet.Quirk ip=v4v6 roam-ip=v4 "
+                  "types=default,supl,ia\n"
+                  "  line 8 (Quirk MMS): apn=mms.quirk ip=v4 types=mms auth=pap_chap "
+                  "user=mms@quirk password=<hidden>\n"
+                  "  line 8 (Quirk MMS): ignored attributes: mmsc, mmsproxy, mmsport\n"
+                  "  line 11 (Quirk Attach): ip=v6 roam-ip=v4v6 types=ia\n"
+                  "  line 13 (Quirk IMS): apn=ims ip=v6 types=ims,xcap max-conns=8 "
+                  "max-conns-time=120 wait-time=5\n"
+                  "  line 13 (Quirk IMS): ignored APN type: bip\n"
+                  "  line 15 (Quirk All): apn=all.quirk "
+                  "types=default,mms,supl,dun,hipri,fota,ims,cbs,ia,emergency,mcx,xcap auth=none "
+                  "disabled=yes\n"
+                  "  line 17 (Quirk Untyped): apn=untyped.quirk "
+                  "types=default,mms,supl,dun,hipri,fota,ims,cbs,ia,emergency,mcx,xcap "
+                  "disabled=no\n"
+                  "would update 3gpp:2: types: ims -> ims,xcap\n"
+                  "attach: line 5 (Quirk & Co Internet): would create the attach profile: "
+                  "apn=internet.quirk ip=v4v6 roam-ip=v4 types=default,supl,ia\n"
+                  "line 5 (Quirk & Co Internet): would be applied to the new attach profile\n"
+                  "line 8 (Quirk MMS): would not be applied: no profile has APN \"mms.quirk\" "
+                  "with IP type v4\n"
+                  "line 11 (Quirk Attach): would not be applied: it has no APN name, and only "
+                  "the entry that sets up attach may go without one\n"
+                  "line 13 (Quirk IMS): would be applied to 3gpp:2\n"
+                  "line 15 (Quirk All): would not be applied: the carrier disabled it "
+                  "(carrier_enabled=\"false\")\n"
+                  "line 17 (Quirk Untyped): would not be applied: no profile has APN "
+                  "\"untyped.quirk\" with IP type v4v6\n"
+                  "summary: 6 entries: 2 would be applied, 0 merged, 4 would not be applied; 1 "
+                  "profile would be updated, 1 would be created\n"
+                  "dry run: nothing was sent to the modem\n");
+    EXPECT_EQ(seeded({"--state", state, "list"}).out, before.out);
+
+    const Outcome quiet = seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run"});
+    EXPECT_THAT(quiet.out, Not(HasSubstr("ignored")));
+    EXPECT_EQ(quiet.err, "");
+}
+
+TEST_F(KelctlTest, CarrierPlanOnTheShippedSeedShowsTheChangesAndChangesNothing) {
+    const std::string shippedSeed = testsupport::sourceDir() + "/data/modem-seed.conf";
+    const std::string file = testsupport::sourceDir() + "/data/carrier/apns-conf.xml";
+    RunningModem modem(dir.path(), shippedSeed);
+    ASSERT_TRUE(modem.isServing());
+    const std::string before = modem.control(dir.path(), {"profiles"});
+
+    const Outcome plan = kelctl(
+        {"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run"});
+    EXPECT_EQ(plan.status, 0) << plan.err;
+    EXPECT_EQ(plan.err, "");
+    EXPECT_EQ(plan.out, "carrier mcc 001 mnc 01: 5 of 8 entries in " + file +
+                            "\n"
+                            "would update 3gpp:1: max-conns: - -> 20; max-conns-time: - -> 300; "
+                            "types: default,supl -> default,supl,hipri,ia; wait-time: - -> 0\n"
+                            "would update 3gpp:2: types: ims -> ims,xcap\n"
+                            "attach: line 11 (Testnet Internet): would update 3gpp:1: max-conns: "
+                            "- -> 20; max-conns-time: - -> 300; wait-time: - -> 0\n"
+                            "line 11 (Testnet Internet): would be applied to 3gpp:1 (attach)\n"
+                            "line 20 (Testnet MMS): would be applied to 3gpp:3\n"
+                            "line 29 (Testnet IMS): would be applied to 3gpp:2\n"
+                            "line 36 (Testnet Emergency): would be applied to 3gpp:4\n"
+                            "line 43 (Testnet Tethering): would not be applied: the carrier "
+                            "disabled it (carrier_enabled=\"false\")\n"
+                            "summary: 5 entries: 4 would be applied, 0 merged, 1 would not be "
+                            "applied; 2 profiles would be updated, 0 would be created\n"
+                            "dry run: nothing was sent to the modem\n");
+    EXPECT_EQ(modem.control(dir.path(), {"profiles"}), before);
+
+    // The apply does what the plan said, and the modem took all of it.
+    const Outcome applied =
+        kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01"});
+    EXPECT_EQ(applied.status, 0) << applied.err;
+    EXPECT_THAT(applied.out, HasSubstr("updated 3gpp:1: max-conns: - -> 20; max-conns-time: - -> "
+                                       "300; types: default,supl -> default,supl,hipri,ia; "
+                                       "wait-time: - -> 0\nupdated 3gpp:2: types: ims -> "
+                                       "ims,xcap\nattach: updated 3gpp:1 name=internet"));
+    EXPECT_THAT(applied.out, Not(HasSubstr("\nnot applied: ")));
+    EXPECT_THAT(applied.out, HasSubstr("summary: 5 entries: 4 applied, 0 merged, 1 not applied; "
+                                       "2 profiles updated, 0 created\n"));
+}
+
+TEST_F(KelctlTest, CarrierSelectsAVirtualOperatorOnlyWhenAsked) {
+    const std::string file = dataFile("apns-quirks.xml");
+    const Outcome network =
+        seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run", "--verbose"});
+    EXPECT_THAT(network.out, Not(HasSubstr("budget.quirk")));
+
+    const Outcome virtualOperator =
+        seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--mvno-type", "GID",
+                "--mvno-match", "ba", "--dry-run", "--verbose"});
+    EXPECT_EQ(virtualOperator.status, 0) << virtualOperator.err;
+    EXPECT_THAT(virtualOperator.out, HasSubstr("1 of 8 entries"));
+    EXPECT_THAT(virtualOperator.out, HasSubstr("apn=budget.quirk ip=v4 types=default,mms\n"));
+
+    const Outcome nobody = seeded({"carrier", file, "--mcc", "998", "--mnc", "01", "--dry-run"});
+    EXPECT_EQ(nobody.status, 2);
+    EXPECT_EQ(nobody.err, "kelctl: carrier: " + file + ": no entry for mcc 998 mnc 01\n");
+}
+
+TEST_F(KelctlTest, CarrierImportSpreadsTypesAndSetsUpAttach) {
+    const std::string file = dataFile("apns-quirks.xml");
+    const Outcome outcome =
+        seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc", "01"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr("updated 3gpp:2: types: ims -> ims,xcap\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("attach: created 3gpp:5 name=kel_profile_ia "
+                                       "apn=internet.quirk ip=v4v6 roam-ip=v4 "
+                                       "types=default,supl,ia flags=kel,ia\n"));
+
+    const Outcome after = seeded({"--state", state, "get", "3gpp:5", "--json"});
+    const nlohmann::json profile = parsed(after.out);
+    EXPECT_EQ(profile.value("apn", ""), "internet.quirk");
+    EXPECT_EQ(profile.value("ia", false), true);
+}
+
+// The file's first network carries each quirk that once cost an import: an attach entry without
+// APN whose IP types are the IMS profile's, an unsupported roaming protocol, entries that differ
+// only by network type, and an APN repeated for other bearers.
+TEST_F(KelctlTest, CarrierImportLeavesImsAloneAndAppliesTheRestWithWarnings) {
+    const std::string file = dataFile("apns-networks.xml");
+    const Outcome outcome =
+        seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc", "01"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(outcome.out,
+              "carrier mcc 001 mnc 01: 6 of 13 entries in " + file +
+                  "\n"
+                  "updated 3gpp:1: types: default,supl -> default,supl,hipri\n"
+                  "updated 3gpp:2: types: ims -> ims,mcx,xcap\n"
+                  "attach: created 3gpp:5 name=kel_profile_ia apn=\"\" ip=v4v6 roam-ip=v4v6 "
+                  "types=ia flags=kel,ia\n"
+                  "attach: line 5 (Edge Attach) has no APN name (the network assigns it): "
+                  "profiles that carry an APN are left alone\n"
+                  "line 5 (Edge Attach): applied to 3gpp:5 (attach)\n"
+                  "line 7 (Edge Internet): applied to 3gpp:1\n"
+                  "line 9 (Edge IMS): applied to 3gpp:2\n"
+                  "line 11 (Edge MMS): applied to 3gpp:3\n"
+                  "line 13 (Edge MMS): merged into line 11\n"
+                  "line 15 (Edge IMS 3G): applied to 3gpp:2\n"
+                  "summary: 6 entries: 5 applied, 1 merged, 0 not applied; 2 profiles updated, "
+                  "1 created\n");
+    EXPECT_EQ(outcome.err,
+              "kelctl: carrier: " + file +
+                  ":7: warning: roaming_protocol=\"IPV4\" is not one of IP, IPV6, IPV4V6; the "
+                  "entry is applied without it\n"
+                  "kelctl: carrier: " +
+                  file +
+                  ":13: note: merged into line 11: the two differ only by bearer or network "
+                  "type\n"
+                  "kelctl: carrier: " +
+                  file +
+                  ":15: warning: APN \"ims\" (ip v4v6) is also at line 9 for other bearers; the "
+                  "modem keeps one profile for both: their APN types are joined, and only the "
+                  "first entry that names ia sets up attach\n");
+
+    const Outcome verbose =
+        seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run", "--verbose"});
+    EXPECT_THAT(verbose.out, HasSubstr("  line 11 (Edge MMS): apn=mms.test ip=v4 types=mms "
+                                       "(merged: line 13)\n"));
+
+    const Outcome ims = seeded({"--state", state, "get", "3gpp:2"});
+    EXPECT_THAT(ims.out, HasSubstr("types ims,mcx,xcap\n"));
+    const Outcome internet = seeded({"--state", state, "get", "3gpp:1"});
+    EXPECT_THAT(internet.out, HasSubstr("types default,supl,hipri\n"));
+}
+
+TEST_F(KelctlTest, CarrierKeepsEntriesThatDifferOnlyByTheirPassword) {
+    const std::string file = script("passwords.xml",
+                                    "<apns version=\"8\">\n"
+                                    "<apn carrier=\"A\" mcc=\"006\" mnc=\"01\" apn=\"vpn.test\" "
+                                    "type=\"default\" user=\"u\" password=\"one\" />\n"
+                                    "<apn carrier=\"B\" mcc=\"006\" mnc=\"01\" apn=\"vpn.test\" "
+                                    "type=\"default\" user=\"u\" password=\"two\" />\n"
+                                    "</apns>\n");
+    const Outcome plan =
+        seeded({"carrier", file, "--mcc", "006", "--mnc", "01", "--dry-run", "--verbose"});
+    EXPECT_EQ(plan.status, 0) << plan.err;
+    EXPECT_THAT(plan.out, HasSubstr("line 2 (A): "));
+    EXPECT_THAT(plan.out, HasSubstr("line 3 (B): "));
+    EXPECT_THAT(plan.err, Not(HasSubstr("merged"))) << "hidden passwords are not the same";
+}
+
+struct NetworkCase {
+    const char* name;
+    std::vector<std::string> selector;
+    int status;
+    std::string expected;  // in standard output (status 0) or standard error
+};
+
+const NetworkCase kNetworkCases[] = {
+    {"OneDigitMncAsWritten", {"--mcc", "002", "--mnc", "0"}, 0, "apn=single.test"},
+    {"OneDigitMncAsTwoDigits", {"--mcc", "002", "--mnc", "00"}, 0, "apn=single.test"},
+    {"CodesAsNumbers", {"--mcc", "2", "--mnc", "000"}, 0, "apn=single.test"},
+    {"TwoDigitSpelling", {"--mcc", "004", "--mnc", "07"}, 0, "apn=a.test"},
+    {"ThreeDigitSpelling", {"--mcc", "004", "--mnc", "007"}, 0, "apn=b.test"},
+    {"SpelledNeitherWay",
+     {"--mcc", "004", "--mnc", "7"},
+     2,
+     "mcc 004 mnc 7 is written several ways (004/007, 004/07); give MCC and MNC as the file "
+     "writes them\n"},
+    {"OnlyVirtualOperators",
+     {"--mcc", "003", "--mnc", "30"},
+     2,
+     "mcc 003 mnc 30 has only virtual-operator entries; choose one with --mvno-type spn "
+     "--mvno-match \"One\", --mvno-type gid --mvno-match \"2A\"\n"},
+    {"OneVirtualOperator",
+     {"--mcc", "003", "--mnc", "30", "--mvno-type", "gid", "--mvno-match", "2a"},
+     0,
+     "apn=two.test"},
+    {"UnknownVirtualOperator",
+     {"--mcc", "003", "--mnc", "30", "--mvno-type", "spn", "--mvno-match", "Three"},
+     2,
+     "no entry for mcc 003 mnc 30 spn \"Three\"; its virtual operators: --mvno-type spn "
+     "--mvno-match \"One\", --mvno-type gid --mvno-match \"2A\"\n"},
+};
+
+void PrintTo(const NetworkCase& network, std::ostream* os) {
+    *os << network.name;
+}
+
+class KelctlCarrierNetworkTest : public KelctlTest,
+                                 public ::testing::WithParamInterface<NetworkCase> {};
+
+TEST_P(KelctlCarrierNetworkTest, IsSelectedOrNamesWhatToChoose) {
+    const NetworkCase& network = GetParam();
+    const std::string file = dataFile("apns-networks.xml");
+    std::vector<std::string> args = {"carrier", file};
+    args.insert(args.end(), network.selector.begin(), network.selector.end());
+    args.insert(args.end(), {"--dry-run", "--verbose"});
+    const Outcome outcome = seeded(args);
+    EXPECT_EQ(outcome.status, network.status) << outcome.err;
+    if (network.status == 0) {
+        EXPECT_THAT(outcome.out, HasSubstr("1 of 13 entries"));
+        EXPECT_THAT(outcome.out, HasSubstr(network.expected));
+    } else {
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_EQ(outcome.err, "kelctl: carrier: " + file + ": " + network.expected);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Networks, KelctlCarrierNetworkTest, ::testing::ValuesIn(kNetworkCases),
+                         [](const auto& testCase) { return std::string(testCase.param.name); });
+
+TEST_F(KelctlTest, CarrierNamesWhatAnEarlierImportLeftOnTheAttachProfile) {
+    const std::string file = dataFile("apns-networks.xml");
+    const Outcome first =
+        seeded({"--state", state, "carrier", file, "--mcc", "005", "--mnc", "01"});
+    ASSERT_EQ(first.status, 0) << first.err;
+    EXPECT_THAT(first.out, HasSubstr("attach: created 3gpp:5 name=kel_profile_ia apn=lte.first"));
+
+    const Outcome second =
+        seeded({"--state", state, "carrier", file, "--mcc", "005", "--mnc", "02"});
+    EXPECT_EQ(second.status, 0) << second.err;
+    EXPECT_THAT(second.out, HasSubstr("updated 3gpp:5: apn: lte.first -> lte.second\n"));
+    EXPECT_THAT(second.out, HasSubstr("attach: 3gpp:5 keeps max-conns=8, max-conns-time=120 from "
+                                      "before; line 34 (Second Attach) does not set them\n"));
+    EXPECT_EQ(second.err, "kelctl: carrier: " + file +
+                              ":34: note: profile_id=4: 3gpp:4 holds APN \"sos\"; kelctl chooses "
+                              "profiles by APN name and IP type\n");
+}
+
+TEST_F(KelctlTest, CarrierPlansAndReportsHidePasswordsUnlessAsked) {
+    const std::string file =
+        script("secret.xml",
+               "<apns version=\"8\">\n"
+               "  <apn carrier=\"Secret Attach\" mcc=\"005\" mnc=\"01\" "
+               "apn=\"lte.first\" type=\"default,ia\" protocol=\"IPV4V6\" "
+               "user=\"spy\" password=\"hunter2\" authtype=\"1\" />\n"
+               "  <apn carrier=\"Open Attach\" mcc=\"005\" mnc=\"02\" "
+               "apn=\"lte.second\" type=\"default,ia\" protocol=\"IPV4V6\" />\n"
+               "</apns>\n");
+    const std::vector<std::string> first = {"--state", state, "carrier", file,
+                                            "--mcc",   "005", "--mnc",   "01"};
+    const std::vector<std::string> second = {"--state", state, "carrier", file,
+                                             "--mcc",   "005", "--mnc",   "02"};
+    const auto with = [](std::vector<std::string> args, std::initializer_list<const char*> more) {
+        args.insert(args.end(), more.begin(), more.end());
+        return args;
+    };
+    const auto noSecret = [](const Outcome& outcome) {
+        EXPECT_THAT(outcome.out, Not(HasSubstr("hunter2")));
+        EXPECT_THAT(outcome.err, Not(HasSubstr("hunter2")));
+    };
+
+    // The plan of a new attach profile: its settings line and its JSON changes.
+    const Outcome plan = seeded(with(first, {"--dry-run"}));
+    EXPECT_EQ(plan.status, 0) << plan.err;
+    EXPECT_THAT(plan.out, HasSubstr("would create the attach profile: apn=lte.first ip=v4v6 "
+                                    "types=default,ia auth=pap user=spy password=<hidden>\n"));
+    noSecret(plan);
+    const Outcome planJson = seeded(with(first, {"--dry-run", "--json"}));
+    EXPECT_EQ(planJson.status, 0) << planJson.err;
+    const nlohmann::json planned = parsed(planJson.out);  // one document, nothing beside it
+    EXPECT_EQ(planned["dry_run"], true);
+    EXPECT_THAT(planned["attach"]["changes"].dump(),
+                HasSubstr(R"({"from":"-","setting":"password","to":"<hidden>"})"));
+    noSecret(planJson);
+    EXPECT_THAT(seeded(with(first, {"--dry-run", "--show-secrets"})).out,
+                HasSubstr("user=spy password=hunter2\n"));
+
+    // Applied: the attach summary; then a second network's entry keeps the password.
+    const Outcome applied = seeded(first);
+    EXPECT_EQ(applied.status, 0) << applied.err;
+    EXPECT_THAT(applied.out, HasSubstr("attach: created 3gpp:5 name=kel_profile_ia apn=lte.first "
+                                       "ip=v4v6 types=default,ia auth=pap user=spy "
+                                       "password=<hidden> flags=kel,ia\n"));
+    noSecret(applied);
+    const Outcome kept = seeded(with(second, {"--json"}));
+    EXPECT_EQ(kept.status, 0) << kept.err;
+    EXPECT_EQ(parsed(kept.out)["attach"]["kept"],
+              nlohmann::json({"user=spy", "password=<hidden>", "auth=pap"}));
+    noSecret(kept);
+    const Outcome shown = seeded(with(second, {"--show-secrets"}));
+    EXPECT_THAT(shown.out, HasSubstr("attach: 3gpp:5 keeps user=spy, password=hunter2, auth=pap "
+                                     "from before; line 3 (Open Attach) does not set them\n"));
+}
+
+TEST_F(KelctlTest, CarrierImportNamesWhatTheModemDidNotTake) {
+    const std::string file = dataFile("apns-quirks.xml");
+    RunningModem modem(dir.path(), seed);
+    ASSERT_TRUE(modem.isServing());
+    // Every modify is refused; creating the attach profile still works.
+    ASSERT_THAT(modem.control(dir.path(), {"fail-next", "50", "0x28"}),
+                HasSubstr("failing the next 50 requests"));
+
+    const Outcome outcome =
+        kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01", "--json"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err,
+              "kelctl: carrier: 1 setting was not applied (the \"not applied\" "
+              "lines name them)\n");
+    const auto json = nlohmann::json::parse(outcome.out, nullptr, false);
+    ASSERT_FALSE(json.is_discarded()) << outcome.out;
+    EXPECT_EQ(json["not_applied"],
+              nlohmann::json::parse(R"([{"profile":"3gpp:2","setting":"types","wanted":"ims,xcap",
+                                         "got":"ims"}])"));
+    EXPECT_EQ(json["updates"], nlohmann::json::array());
+    EXPECT_EQ(json["attach"]["action"], "created");
+    // The report stands under --json although the run failed, with the error beside it.
+    EXPECT_EQ(json.value("error", ""),
+              "1 setting was not applied (the \"not applied\" lines name them)");
+
+    ASSERT_THAT(modem.control(dir.path(), {"fail-next", "50", "0x28"}),
+                HasSubstr("failing the next 50 requests"));
+    const Outcome text =
+        kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01"});
+    EXPECT_EQ(text.status, 1);
+    EXPECT_THAT(text.out, HasSubstr("no profile changed\n"));
+    EXPECT_THAT(text.out, HasSubstr("not applied: 3gpp:2 types: asked for ims,xcap, the modem has "
+                                    "ims\n"));
+    EXPECT_THAT(modem.control(dir.path(), {"profiles", "0"}),
+                HasSubstr("index=2 persistent=yes name=ims apn=ims pdp=ipv4v6 lte_roam=ipv4v6 "
+                          "umts_roam=ipv4v6 class=1 types=ims\n"));
+}
+
+TEST_F(KelctlTest, CarrierValueKelctlCannotMapCostsOnlyThatSetting) {
+    const std::string file = script("values.xml",
+                                    "<apns>\n"
+                                    "<apn mcc=\"001\" mnc=\"01\" apn=\"ims\" type=\"ims,xcap\"\n"
+                                    "  max_conns=\"ten\" authtype=\"4\" protocol=\"PPP\"/>\n"
+                                    "<apn mcc=\"001\" mnc=\"01\" apn=\"\xFFodd\" type=\"mms\"\n"
+                                    "  carrier_enabled=\"maybe\xFE\"/>\n"
+                                    "</apns>\n");
+    const Outcome outcome = seeded({"carrier", file, "--mcc", "001", "--mnc", "01"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr("updated 3gpp:2: types: ims -> ims,xcap\n"));
+    const std::string where = "kelctl: carrier: " + file;
+    EXPECT_THAT(outcome.err, HasSubstr(where + ":2: warning: protocol=\"PPP\" is not one of IP, "
+                                               "IPV6, IPV4V6; the entry is applied without it\n"));
+    EXPECT_THAT(outcome.err, HasSubstr(where + ":2: warning: authtype=\"4\" is not one of -1, 0"));
+    EXPECT_THAT(outcome.err, HasSubstr(where + ":2: warning: max_conns=\"ten\" is not a number "
+                                               "from 0 to 65535; the entry is applied without "
+                                               "it\n"));
+    // Bytes that are not text reach the terminal escaped.
+    EXPECT_THAT(outcome.err, HasSubstr(where + ":4: warning: carrier_enabled=\"maybe\\xfe\" is "
+                                               "not true or false"));
+}
+
+struct MalformedCase {
+    const char* name;
+    std::string file;  // under tests/data, or written by the test when text is set
+    std::string text;
+    std::string error;  // after "FILE:"
+};
+
+const MalformedCase kMalformedCases[] = {
+    {"UnclosedAttribute", "apns-malformed.xml", "", "4: malformed attribute"},
+    {"NeverClosed", "open.xml", "<apns>\n  <apn mcc=\"001\" mnc=\"01\"/>\n",
+     "1: an element is never closed"},
+    {"MismatchedTag", "tag.xml", "<apns>\n<apn mcc=\"001\" mnc=\"01\">\n</apns>\n",
+     "2: closing tag does not match the open element"},
+    {"NotADatabase", "other.xml", "<?xml version=\"1.0\"?>\n<carriers/>\n",
+     "2: the file is not a carrier APN database"},
+    {"Empty", "empty.xml", "   \n", "0: the file holds no XML"},
+};
+
+void PrintTo(const MalformedCase& bad, std::ostream* os) {
+    *os << bad.name;
+}
+
+class KelctlMalformedCarrierTest : public KelctlTest,
+                                   public ::testing::WithParamInterface<MalformedCase> {};
+
+TEST_P(KelctlMalformedCarrierTest, IsRefusedWithItsLineNumberAndNothingSent) {
+    const MalformedCase& bad = GetParam();
+    const std::string file = bad.text.empty() ? dataFile(bad.file) : script(bad.file, bad.text);
+    RunningModem modem(dir.path(), seed);
+    ASSERT_TRUE(modem.isServing());
+    const std::string before = modem.control(dir.path(), {"profiles"});
+
+    const Outcome outcome =
+        kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_THAT(outcome.err, StartsWith("kelctl: carrier: " + file + ":" + bad.error));
+    EXPECT_EQ(countOf(outcome.err, "\n"), 1) << outcome.err;
+    EXPECT_EQ(modem.control(dir.path(), {"profiles"}), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, KelctlMalformedCarrierTest, ::testing::ValuesIn(kMalformedCases),
                          [](const auto& testCase) { return std::string(testCase.param.name); });
 
 }  // namespace

@@ -47,21 +47,18 @@ class KelctlCarrierImportTest : public KelctlTest {
 };
 
 TEST_F(KelctlCarrierImportTest, SecondIdenticalImportChangesNothingAndSaysSo) {
-    const Outcome first = import();
-    ASSERT_EQ(first.status, 0) << first.err;
+    const Outcome first = succeeded(import());
     // The spreading and the attach step agree on the profile's types: set once, not undone.
     EXPECT_THAT(first.out, HasSubstr("updated 3gpp:1: max-conns: - -> 4; max-conns-time: - -> 60; "
                                      "types: default -> default,mms,supl,ia\n"));
     EXPECT_THAT(first.out, HasSubstr("attach: updated 3gpp:1 name=web apn=internet.tel"));
 
-    const Outcome plan = import({"--dry-run"});
-    EXPECT_EQ(plan.status, 0) << plan.err;
+    const Outcome plan = succeeded(import({"--dry-run"}));
     EXPECT_THAT(plan.out, HasSubstr("no profile would change\n"));
     EXPECT_THAT(plan.out, HasSubstr("would use 3gpp:1 as it is\n"));
 
     for (int run = 0; run < 2; ++run) {
-        const Outcome again = import();
-        EXPECT_EQ(again.status, 0) << again.err;
+        const Outcome again = succeeded(import());
         EXPECT_THAT(again.out, HasSubstr("no profile changed\n"));
         EXPECT_THAT(again.out, HasSubstr("attach: found 3gpp:1 name=web"));
         EXPECT_THAT(again.out, Not(HasSubstr("\nupdated ")));
@@ -73,8 +70,7 @@ TEST_F(KelctlCarrierImportTest, SecondIdenticalImportChangesNothingAndSaysSo) {
 }
 
 TEST_F(KelctlCarrierImportTest, EveryEntryIsAccountedForAndTheSummaryAddsUp) {
-    const Outcome outcome = import({"--json"});
-    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    const Outcome outcome = succeeded(import({"--json"}));
     const nlohmann::json report = parsed(outcome.out);
     EXPECT_EQ(report["entries"], nlohmann::json::parse(R"json([
         {"line":2,"carrier":"Tel Internet","fate":"applied","profiles":["3gpp:1"],
@@ -103,9 +99,8 @@ TEST_F(KelctlCarrierImportTest, CreatedAttachProfileNeverReadsAsNothingChanged) 
     const std::string bare = script("bare.conf",
                                     "profile 3gpp sub=0 index=2 name=ims apn=ims "
                                     "pdp=ipv4v6 class=1 types=ims\n");
-    const Outcome outcome =
-        kelctl({"--seed", bare, "--state", state, "carrier", file, "--mcc", "262", "--mnc", "91"});
-    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    const Outcome outcome = succeeded(
+        kelctl({"--seed", bare, "--state", state, "carrier", file, "--mcc", "262", "--mnc", "91"}));
     EXPECT_THAT(outcome.out, Not(HasSubstr("no profile changed")));
     EXPECT_THAT(outcome.out, HasSubstr("attach: created 3gpp:1 name=kel_profile_ia "
                                        "apn=internet.tel ip=v4v6 roam-ip=v4v6 "
@@ -126,9 +121,8 @@ TEST_F(KelctlCarrierImportTest, AttachProfileThatDiffersFromItsEntryIsNamed) {
         script("roam.conf",
                "profile 3gpp sub=0 index=1 name=web apn=internet.tel pdp=ipv4v6 "
                "lte_roam=ipv4 umts_roam=ipv4 types=default\n");
-    const Outcome outcome = kelctl({"--seed", roamV4, "--state", state, "carrier", file, "--mcc",
-                                    "262", "--mnc", "91", "--json"});
-    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    const Outcome outcome = succeeded(kelctl({"--seed", roamV4, "--state", state, "carrier", file,
+                                              "--mcc", "262", "--mnc", "91", "--json"}));
     EXPECT_EQ(
         parsed(outcome.out)["attach"]["differs"],
         nlohmann::json::parse(R"json([{"setting":"roam-ip","entry":"v4v6","profile":"v4"}])json"));
@@ -138,9 +132,8 @@ TEST_F(KelctlCarrierImportTest, AttachProfileThatDiffersFromItsEntryIsNamed) {
                                     "gives v4v6"));
 
     // Allowed to update, the import sets it, and reads it back.
-    const Outcome updated = kelctl({"--seed", roamV4, "--state", state, "carrier", file, "--mcc",
-                                    "262", "--mnc", "91", "--allow-update"});
-    EXPECT_EQ(updated.status, 0) << updated.err;
+    const Outcome updated = succeeded(kelctl({"--seed", roamV4, "--state", state, "carrier", file,
+                                              "--mcc", "262", "--mnc", "91", "--allow-update"}));
     EXPECT_THAT(updated.out, HasSubstr("roam-ip: v4 -> v4v6"));
     EXPECT_THAT(updated.out, Not(HasSubstr("keeps roam-ip")));
 }
@@ -148,8 +141,7 @@ TEST_F(KelctlCarrierImportTest, AttachProfileThatDiffersFromItsEntryIsNamed) {
 // Read-back covers every setting: the attach fix-up's timers refused by the modem are named.
 TEST_F(KelctlCarrierImportTest, ReadBackNamesEverySettingTheModemDidNotTake) {
     RunningModem modem(dir.path(), telSeed);
-    ASSERT_TRUE(modem.isServing());
-    ASSERT_THAT(modem.control(dir.path(), {"fail-next", "50", "0x28"}),
+    ASSERT_THAT(modem.control({"fail-next", "50", "0x28"}),
                 HasSubstr("failing the next 50 requests"));
     const Outcome outcome =
         kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "262", "--mnc", "91", "--json"});
@@ -212,14 +204,12 @@ TEST_F(KelctlCarrierImportTest, CreateAddsAPersistentProfileForEachMissingApn) {
         return kelctl(args);
     };
 
-    const Outcome without = run({});
-    EXPECT_EQ(without.status, 0) << without.err;
+    const Outcome without = succeeded(run({}));
     EXPECT_THAT(without.out, HasSubstr("line 2 (New MMS): not applied: no profile has APN "
                                        "\"mms.new\" with IP type v4\n"));
     EXPECT_THAT(without.out, HasSubstr("summary: 3 entries: 0 applied, 0 merged, 3 not applied"));
 
-    const Outcome plan = run({"--create", "--dry-run"});
-    EXPECT_EQ(plan.status, 0) << plan.err;
+    const Outcome plan = succeeded(run({"--create", "--dry-run"}));
     EXPECT_THAT(plan.out, HasSubstr("create: line 2 (New MMS): would create apn=mms.new ip=v4 "
                                     "roam-ip=v4v6 types=mms auth=pap user=mms password=<hidden> "
                                     "max-conns=3 max-conns-time=30 wait-time=2\n"
@@ -230,8 +220,7 @@ TEST_F(KelctlCarrierImportTest, CreateAddsAPersistentProfileForEachMissingApn) {
     EXPECT_THAT(plan.out, HasSubstr("line 2 (New MMS): would be applied to a new profile\n"));
     EXPECT_THAT(plan.out, HasSubstr("0 profiles would be updated, 3 would be created\n"));
 
-    const Outcome created = run({"--create", "--json"});
-    ASSERT_EQ(created.status, 0) << created.err;
+    const Outcome created = succeeded(run({"--create", "--json"}));
     const nlohmann::json report = parsed(created.out);
     EXPECT_EQ(report["not_applied"], nlohmann::json::array()) << "every setting read back";
     ASSERT_EQ(report["created"].size(), 3u);
@@ -253,8 +242,7 @@ TEST_F(KelctlCarrierImportTest, CreateAddsAPersistentProfileForEachMissingApn) {
         EXPECT_EQ(mms.value(key, nlohmann::json()), value) << key;
     }
 
-    const Outcome again = run({"--create"});
-    EXPECT_EQ(again.status, 0) << again.err;
+    const Outcome again = succeeded(run({"--create"}));
     EXPECT_THAT(again.out, HasSubstr("no profile changed\n"));
     EXPECT_THAT(again.out, HasSubstr("summary: 3 entries: 3 applied, 0 merged, 0 not applied; 0 "
                                      "profiles updated, 0 created\n"));
@@ -298,11 +286,9 @@ TEST_P(KelctlNetworkConvergenceTest, SecondImportChangesNothing) {
                                          testsupport::sourceDir() + "/" + GetParam().file};
         args.insert(args.end(), GetParam().selector.begin(), GetParam().selector.end());
         args.insert(args.end(), mode.begin(), mode.end());
-        const Outcome first = seeded(args);
-        ASSERT_EQ(first.status, 0) << first.err;
+        const Outcome first = succeeded(seeded(args));
         args.push_back("--json");
-        const Outcome second = seeded(args);
-        ASSERT_EQ(second.status, 0) << second.err;
+        const Outcome second = succeeded(seeded(args));
         const nlohmann::json report = parsed(second.out);
         EXPECT_EQ(report["updates"], nlohmann::json::array()) << first.out << second.out;
         EXPECT_EQ(report["summary"]["created"], 0) << second.out;
@@ -321,12 +307,10 @@ INSTANTIATE_TEST_SUITE_P(Networks, KelctlNetworkConvergenceTest,
 
 TEST_F(KelctlTest, CarrierVerboseDryRunMapsEveryQuirkAndChangesNothing) {
     const std::string file = dataFile("apns-quirks.xml");
-    const Outcome before = seeded({"--state", state, "list"});
-    ASSERT_EQ(before.status, 0) << before.err;
+    const Outcome before = succeeded(seeded({"--state", state, "list"}));
 
-    const Outcome outcome = seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc",
-                                    "01", "--dry-run", "--verbose"});
-    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const Outcome outcome = succeeded(seeded({"--state", state, "carrier", file, "--mcc", "001",
+                                              "--mnc", "01", "--dry-run", "--verbose"}));
     EXPECT_EQ(outcome.out,
               "carrier mcc 001 mnc 01: 6 of 8 entries in " + file +
                   "\n"
@@ -372,12 +356,10 @@ TEST_F(KelctlTest, CarrierPlanOnTheShippedSeedShowsTheChangesAndChangesNothing) 
     const std::string shippedSeed = testsupport::sourceDir() + "/data/modem-seed.conf";
     const std::string file = testsupport::sourceDir() + "/data/carrier/apns-conf.xml";
     RunningModem modem(dir.path(), shippedSeed);
-    ASSERT_TRUE(modem.isServing());
-    const std::string before = modem.control(dir.path(), {"profiles"});
+    const std::string before = modem.control({"profiles"});
 
-    const Outcome plan = kelctl(
-        {"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run"});
-    EXPECT_EQ(plan.status, 0) << plan.err;
+    const Outcome plan = succeeded(kelctl(
+        {"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run"}));
     EXPECT_EQ(plan.err, "");
     EXPECT_EQ(plan.out, "carrier mcc 001 mnc 01: 5 of 8 entries in " + file +
                             "\n"
@@ -395,12 +377,11 @@ TEST_F(KelctlTest, CarrierPlanOnTheShippedSeedShowsTheChangesAndChangesNothing) 
                             "summary: 5 entries: 4 would be applied, 0 merged, 1 would not be "
                             "applied; 2 profiles would be updated, 0 would be created\n"
                             "dry run: nothing was sent to the modem\n");
-    EXPECT_EQ(modem.control(dir.path(), {"profiles"}), before);
+    EXPECT_EQ(modem.control({"profiles"}), before);
 
     // The apply does what the plan said, and the modem took all of it.
     const Outcome applied =
-        kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01"});
-    EXPECT_EQ(applied.status, 0) << applied.err;
+        succeeded(kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01"}));
     EXPECT_THAT(applied.out, HasSubstr("updated 3gpp:1: max-conns: - -> 20; max-conns-time: - -> "
                                        "300; types: default,supl -> default,supl,hipri,ia; "
                                        "wait-time: - -> 0\nupdated 3gpp:2: types: ims -> "
@@ -417,9 +398,8 @@ TEST_F(KelctlTest, CarrierSelectsAVirtualOperatorOnlyWhenAsked) {
     EXPECT_THAT(network.out, Not(HasSubstr("budget.quirk")));
 
     const Outcome virtualOperator =
-        seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--mvno-type", "GID",
-                "--mvno-match", "ba", "--dry-run", "--verbose"});
-    EXPECT_EQ(virtualOperator.status, 0) << virtualOperator.err;
+        succeeded(seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--mvno-type", "GID",
+                          "--mvno-match", "ba", "--dry-run", "--verbose"}));
     EXPECT_THAT(virtualOperator.out, HasSubstr("1 of 8 entries"));
     EXPECT_THAT(virtualOperator.out, HasSubstr("apn=budget.quirk ip=v4 types=default,mms\n"));
 
@@ -431,8 +411,7 @@ TEST_F(KelctlTest, CarrierSelectsAVirtualOperatorOnlyWhenAsked) {
 TEST_F(KelctlTest, CarrierImportSpreadsTypesAndSetsUpAttach) {
     const std::string file = dataFile("apns-quirks.xml");
     const Outcome outcome =
-        seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc", "01"});
-    EXPECT_EQ(outcome.status, 0) << outcome.err;
+        succeeded(seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc", "01"}));
     EXPECT_THAT(outcome.out, HasSubstr("updated 3gpp:2: types: ims -> ims,xcap\n"));
     EXPECT_THAT(outcome.out, HasSubstr("attach: created 3gpp:5 name=kel_profile_ia "
                                        "apn=internet.quirk ip=v4v6 roam-ip=v4 "
@@ -450,8 +429,7 @@ TEST_F(KelctlTest, CarrierImportSpreadsTypesAndSetsUpAttach) {
 TEST_F(KelctlTest, CarrierImportLeavesImsAloneAndAppliesTheRestWithWarnings) {
     const std::string file = dataFile("apns-networks.xml");
     const Outcome outcome =
-        seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc", "01"});
-    EXPECT_EQ(outcome.status, 0) << outcome.err;
+        succeeded(seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc", "01"}));
     EXPECT_EQ(outcome.out,
               "carrier mcc 001 mnc 01: 6 of 13 entries in " + file +
                   "\n"
@@ -502,9 +480,8 @@ TEST_F(KelctlTest, CarrierKeepsEntriesThatDifferOnlyByTheirPassword) {
                                     "<apn carrier=\"B\" mcc=\"006\" mnc=\"01\" apn=\"vpn.test\" "
                                     "type=\"default\" user=\"u\" password=\"two\" />\n"
                                     "</apns>\n");
-    const Outcome plan =
-        seeded({"carrier", file, "--mcc", "006", "--mnc", "01", "--dry-run", "--verbose"});
-    EXPECT_EQ(plan.status, 0) << plan.err;
+    const Outcome plan = succeeded(
+        seeded({"carrier", file, "--mcc", "006", "--mnc", "01", "--dry-run", "--verbose"}));
     EXPECT_THAT(plan.out, HasSubstr("line 2 (A): "));
     EXPECT_THAT(plan.out, HasSubstr("line 3 (B): "));
     EXPECT_THAT(plan.err, Not(HasSubstr("merged"))) << "hidden passwords are not the same";
@@ -574,13 +551,11 @@ INSTANTIATE_TEST_SUITE_P(Networks, KelctlCarrierNetworkTest, ::testing::ValuesIn
 TEST_F(KelctlTest, CarrierNamesWhatAnEarlierImportLeftOnTheAttachProfile) {
     const std::string file = dataFile("apns-networks.xml");
     const Outcome first =
-        seeded({"--state", state, "carrier", file, "--mcc", "005", "--mnc", "01"});
-    ASSERT_EQ(first.status, 0) << first.err;
+        succeeded(seeded({"--state", state, "carrier", file, "--mcc", "005", "--mnc", "01"}));
     EXPECT_THAT(first.out, HasSubstr("attach: created 3gpp:5 name=kel_profile_ia apn=lte.first"));
 
     const Outcome second =
-        seeded({"--state", state, "carrier", file, "--mcc", "005", "--mnc", "02"});
-    EXPECT_EQ(second.status, 0) << second.err;
+        succeeded(seeded({"--state", state, "carrier", file, "--mcc", "005", "--mnc", "02"}));
     EXPECT_THAT(second.out, HasSubstr("updated 3gpp:5: apn: lte.first -> lte.second\n"));
     EXPECT_THAT(second.out, HasSubstr("attach: 3gpp:5 keeps max-conns=8, max-conns-time=120 from "
                                       "before; line 34 (Second Attach) does not set them\n"));
@@ -613,13 +588,11 @@ TEST_F(KelctlTest, CarrierPlansAndReportsHidePasswordsUnlessAsked) {
     };
 
     // The plan of a new attach profile: its settings line and its JSON changes.
-    const Outcome plan = seeded(with(first, {"--dry-run"}));
-    EXPECT_EQ(plan.status, 0) << plan.err;
+    const Outcome plan = succeeded(seeded(with(first, {"--dry-run"})));
     EXPECT_THAT(plan.out, HasSubstr("would create the attach profile: apn=lte.first ip=v4v6 "
                                     "types=default,ia auth=pap user=spy password=<hidden>\n"));
     noSecret(plan);
-    const Outcome planJson = seeded(with(first, {"--dry-run", "--json"}));
-    EXPECT_EQ(planJson.status, 0) << planJson.err;
+    const Outcome planJson = succeeded(seeded(with(first, {"--dry-run", "--json"})));
     const nlohmann::json planned = parsed(planJson.out);  // one document, nothing beside it
     EXPECT_EQ(planned["dry_run"], true);
     EXPECT_THAT(planned["attach"]["changes"].dump(),
@@ -629,14 +602,12 @@ TEST_F(KelctlTest, CarrierPlansAndReportsHidePasswordsUnlessAsked) {
                 HasSubstr("user=spy password=hunter2\n"));
 
     // Applied: the attach summary; then a second network's entry keeps the password.
-    const Outcome applied = seeded(first);
-    EXPECT_EQ(applied.status, 0) << applied.err;
+    const Outcome applied = succeeded(seeded(first));
     EXPECT_THAT(applied.out, HasSubstr("attach: created 3gpp:5 name=kel_profile_ia apn=lte.first "
                                        "ip=v4v6 types=default,ia auth=pap user=spy "
                                        "password=<hidden> flags=kel,ia\n"));
     noSecret(applied);
-    const Outcome kept = seeded(with(second, {"--json"}));
-    EXPECT_EQ(kept.status, 0) << kept.err;
+    const Outcome kept = succeeded(seeded(with(second, {"--json"})));
     EXPECT_EQ(parsed(kept.out)["attach"]["kept"],
               nlohmann::json({"user=spy", "password=<hidden>", "auth=pap"}));
     noSecret(kept);
@@ -648,9 +619,8 @@ TEST_F(KelctlTest, CarrierPlansAndReportsHidePasswordsUnlessAsked) {
 TEST_F(KelctlTest, CarrierImportNamesWhatTheModemDidNotTake) {
     const std::string file = dataFile("apns-quirks.xml");
     RunningModem modem(dir.path(), seed);
-    ASSERT_TRUE(modem.isServing());
     // Every modify is refused; creating the attach profile still works.
-    ASSERT_THAT(modem.control(dir.path(), {"fail-next", "50", "0x28"}),
+    ASSERT_THAT(modem.control({"fail-next", "50", "0x28"}),
                 HasSubstr("failing the next 50 requests"));
 
     const Outcome outcome =
@@ -670,7 +640,7 @@ TEST_F(KelctlTest, CarrierImportNamesWhatTheModemDidNotTake) {
     EXPECT_EQ(json.value("error", ""),
               "1 setting was not applied (the \"not applied\" lines name them)");
 
-    ASSERT_THAT(modem.control(dir.path(), {"fail-next", "50", "0x28"}),
+    ASSERT_THAT(modem.control({"fail-next", "50", "0x28"}),
                 HasSubstr("failing the next 50 requests"));
     const Outcome text =
         kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01"});
@@ -678,7 +648,7 @@ TEST_F(KelctlTest, CarrierImportNamesWhatTheModemDidNotTake) {
     EXPECT_THAT(text.out, HasSubstr("no profile changed\n"));
     EXPECT_THAT(text.out, HasSubstr("not applied: 3gpp:2 types: asked for ims,xcap, the modem has "
                                     "ims\n"));
-    EXPECT_THAT(modem.control(dir.path(), {"profiles", "0"}),
+    EXPECT_THAT(modem.control({"profiles", "0"}),
                 HasSubstr("index=2 persistent=yes name=ims apn=ims pdp=ipv4v6 lte_roam=ipv4v6 "
                           "umts_roam=ipv4v6 class=1 types=ims\n"));
 }
@@ -691,8 +661,7 @@ TEST_F(KelctlTest, CarrierValueKelctlCannotMapCostsOnlyThatSetting) {
                                     "<apn mcc=\"001\" mnc=\"01\" apn=\"\xFFodd\" type=\"mms\"\n"
                                     "  carrier_enabled=\"maybe\xFE\"/>\n"
                                     "</apns>\n");
-    const Outcome outcome = seeded({"carrier", file, "--mcc", "001", "--mnc", "01"});
-    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const Outcome outcome = succeeded(seeded({"carrier", file, "--mcc", "001", "--mnc", "01"}));
     EXPECT_THAT(outcome.out, HasSubstr("updated 3gpp:2: types: ims -> ims,xcap\n"));
     const std::string where = "kelctl: carrier: " + file;
     EXPECT_THAT(outcome.err, HasSubstr(where + ":2: warning: protocol=\"PPP\" is not one of IP, "
@@ -735,8 +704,7 @@ TEST_P(KelctlMalformedCarrierTest, IsRefusedWithItsLineNumberAndNothingSent) {
     const MalformedCase& bad = GetParam();
     const std::string file = bad.text.empty() ? dataFile(bad.file) : script(bad.file, bad.text);
     RunningModem modem(dir.path(), seed);
-    ASSERT_TRUE(modem.isServing());
-    const std::string before = modem.control(dir.path(), {"profiles"});
+    const std::string before = modem.control({"profiles"});
 
     const Outcome outcome =
         kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01"});
@@ -744,7 +712,7 @@ TEST_P(KelctlMalformedCarrierTest, IsRefusedWithItsLineNumberAndNothingSent) {
     EXPECT_EQ(outcome.out, "");
     EXPECT_THAT(outcome.err, StartsWith("kelctl: carrier: " + file + ":" + bad.error));
     EXPECT_EQ(countOf(outcome.err, "\n"), 1) << outcome.err;
-    EXPECT_EQ(modem.control(dir.path(), {"profiles"}), before);
+    EXPECT_EQ(modem.control({"profiles"}), before);
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, KelctlMalformedCarrierTest, ::testing::ValuesIn(kMalformedCases),

@@ -217,6 +217,12 @@ inline Outcome run(const std::string& program, std::vector<std::string> args,
     return collect(child.pid, child.out.get(), child.err.get(), options.limit);
 }
 
+// The outcome of a run that must succeed; a failure shows the run's standard error.
+inline Outcome succeeded(Outcome outcome) {
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    return outcome;
+}
+
 // The document kelctl printed, parsed strictly; a parse failure fails the test.
 inline nlohmann::json parsed(const std::string& text) {
     const nlohmann::json document = nlohmann::json::parse(text, nullptr, false);
@@ -246,16 +252,18 @@ inline int countOf(const std::string& text, const std::string& part) {
 class RunningModem {
   public:
     RunningModem(const std::string& dir, const std::string& seed,
-                 const std::vector<std::string>& extra = {}) {
+                 const std::vector<std::string>& extra = {})
+        : serviceDir(dir) {
         std::vector<std::string> args = {VEX_MODEMD_PATH, "--dir", dir, "--seed", seed};
         args.insert(args.end(), extra.begin(), extra.end());
         // Its standard output stays open so that the daemon can still print when it stops.
         daemon = spawn(std::move(args), {}, kInheritedInput, false);
         std::string seen;
         // The daemon announces that it serves once its socket is up.
-        serving = daemon.pid > 0 &&
-                  readUntil(daemon.out.get(), seen, "serving WDS",
-                            std::chrono::steady_clock::now() + kChildLimit) == Read::Found;
+        const bool serving = daemon.pid > 0 && readUntil(daemon.out.get(), seen, "serving WDS",
+                                                         std::chrono::steady_clock::now() +
+                                                             kChildLimit) == Read::Found;
+        EXPECT_TRUE(serving) << "vex-modemd never said that it serves: " << seen;
     }
 
     ~RunningModem() {
@@ -265,17 +273,15 @@ class RunningModem {
         }
     }
 
-    bool isServing() const { return serving; }
-
     // What vex-modemctl answers for the modem's own view.
-    std::string control(const std::string& dir, std::vector<std::string> args) const {
-        args.insert(args.begin(), {"--dir", dir});
+    std::string control(std::vector<std::string> args) const {
+        args.insert(args.begin(), {"--dir", serviceDir});
         return run(VEX_MODEMCTL_PATH, args).out;
     }
 
   private:
+    const std::string serviceDir;
     Child daemon;
-    bool serving = false;
 };
 
 // A kelctl run that goes on while the test talks to it: standard input written line by line,

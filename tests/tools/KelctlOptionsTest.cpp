@@ -42,17 +42,14 @@ TEST_F(KelctlTest, EveryCommandHasHelp) {
 }
 
 TEST_F(KelctlTest, AHelpOptionHoweverSpeltShowsHelpAndChangesNothing) {
-    const Outcome abbreviated = seeded({"delete", "3gpp:1", "--hel"});
-    EXPECT_EQ(abbreviated.status, 0) << abbreviated.err;
+    const Outcome abbreviated = succeeded(seeded({"delete", "3gpp:1", "--hel"}));
     EXPECT_THAT(abbreviated.out, StartsWith("Usage: kelctl delete"));
-    const Outcome clustered = seeded({"add", "-ph"});
-    EXPECT_EQ(clustered.status, 0) << clustered.err;
+    const Outcome clustered = succeeded(seeded({"add", "-ph"}));
     EXPECT_THAT(clustered.out, StartsWith("Usage: kelctl add"));
 
     RunOptions input;
     input.input = "delete 3gpp:1 --he\nget 3gpp:1\n";
-    const Outcome shell = seeded({"shell"}, input);
-    EXPECT_EQ(shell.status, 0) << shell.err;
+    const Outcome shell = succeeded(seeded({"shell"}, input));
     EXPECT_THAT(shell.out, StartsWith("Usage: kelctl delete"));
     EXPECT_THAT(shell.out, HasSubstr("profile 3gpp:1\n")) << "the profile is still there";
     EXPECT_THAT(seeded({"shell", "--vers"}).out, StartsWith("kelctl "));
@@ -196,8 +193,7 @@ TEST_F(KelctlTest, InputFileThatIsNotARegularFileIsRefusedAtOnce) {
 
 TEST_F(KelctlTest, VersionIsTheLibrarysAndNeedsNoModem) {
     for (const char* option : {"--version", "-V"}) {
-        const Outcome outcome = kelctl({"--seed", "/nonexistent", option});
-        EXPECT_EQ(outcome.status, 0) << outcome.err;
+        const Outcome outcome = succeeded(kelctl({"--seed", "/nonexistent", option}));
         EXPECT_EQ(outcome.out, "kelctl " KELR_VERSION " (libkelr " KELR_VERSION ")\n");
     }
     const Outcome json = kelctl({"--version", "--json"});
@@ -206,12 +202,10 @@ TEST_F(KelctlTest, VersionIsTheLibrarysAndNeedsNoModem) {
 }
 
 TEST_F(KelctlTest, ShortFormsAbbreviationsAndOptionsAfterOperandsWork) {
-    const Outcome outcome = seeded({"get", "3", "-j", "--te", "3gpp"});
-    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const Outcome outcome = succeeded(seeded({"get", "3", "-j", "--te", "3gpp"}));
     EXPECT_EQ(parsed(outcome.out).value("apn", ""), "mms.test");
 
-    const Outcome added = seeded({"-t", "30", "add", "-a", "short.test", "-p", "-j"});
-    EXPECT_EQ(added.status, 0) << added.err;
+    const Outcome added = succeeded(seeded({"-t", "30", "add", "-a", "short.test", "-p", "-j"}));
     EXPECT_EQ(parsed(added.out).value("added", ""), "3gpp:5");
     // -p made it persistent: no note about it going with kelctl.
     EXPECT_THAT(added.err, Not(HasSubstr("is not persistent")));
@@ -256,9 +250,9 @@ TEST_F(KelctlTest, UnwritableStateFileIsRefusedBeforeTheModemStarts) {
 }
 
 TEST_F(KelctlTest, TruncateCutsOverlongValuesToTheirFieldAndSaysSo) {
-    const Outcome outcome = seeded({"add", "--apn", std::string(300, 'a'), "--user",
-                                    std::string(200, 'u'), "--truncate", "--persistent", "--json"});
-    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const Outcome outcome =
+        succeeded(seeded({"add", "--apn", std::string(300, 'a'), "--user", std::string(200, 'u'),
+                          "--truncate", "--persistent", "--json"}));
     const nlohmann::json added = parsed(outcome.out);
     EXPECT_EQ(added["settings"].value("apn", ""), std::string(150, 'a'));
     EXPECT_EQ(added["settings"].value("user", ""), std::string(127, 'u'));

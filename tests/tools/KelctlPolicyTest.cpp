@@ -51,16 +51,14 @@ TEST_P(KelctlPolicyTest, DryRunShowsThePlanAndTheApplyDoesItAndReadsItBack) {
     const std::string before = withState({"list"}).out;
     std::vector<std::string> dry = policy.args;
     dry.push_back("--dry-run");
-    const Outcome plan = withState(dry);
-    EXPECT_EQ(plan.status, 0) << plan.err;
+    const Outcome plan = succeeded(withState(dry));
     EXPECT_THAT(plan.out, HasSubstr(policy.plan));
     EXPECT_THAT(plan.out, HasSubstr("dry run: nothing was sent to the modem\n"));
     EXPECT_EQ(withState({"list"}).out, before) << "a dry run changes nothing";
 
     std::vector<std::string> apply = policy.args;
     apply.push_back("--json");
-    const Outcome applied = withState(apply);
-    EXPECT_EQ(applied.status, 0) << applied.err;
+    const Outcome applied = succeeded(withState(apply));
     const nlohmann::json report = parsed(applied.out);
     EXPECT_EQ(report["not_applied"], nlohmann::json::array());
     EXPECT_EQ(report["changes"].size(), 1u);
@@ -74,8 +72,7 @@ INSTANTIATE_TEST_SUITE_P(Entries, KelctlPolicyTest, ::testing::ValuesIn(kPolicyC
 
 TEST_F(KelctlTest, ApplyTypesNamesWhatTheModemDidNotTake) {
     RunningModem modem(dir.path(), seed);
-    ASSERT_TRUE(modem.isServing());
-    ASSERT_THAT(modem.control(dir.path(), {"fail-next", "50", "0x28"}),
+    ASSERT_THAT(modem.control({"fail-next", "50", "0x28"}),
                 HasSubstr("failing the next 50 requests"));
     const Outcome outcome = kelctl(
         {"--modem", dir.path(), "apply-types", "--apn", "ims", "--types", "ims,xcap", "--json"});

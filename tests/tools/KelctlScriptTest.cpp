@@ -16,8 +16,7 @@ TEST_F(KelctlTest, NamedHandleKeepsItsProfileUntilDropped) {
                                     "list\n"
                                     "drop h1\n"
                                     "list\n");
-    const Outcome outcome = seeded({"run", path});
-    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const Outcome outcome = succeeded(seeded({"run", path}));
     EXPECT_EQ(outcome.err, "");
     const std::size_t dropped = outcome.out.find("dropped h1: the library deleted 3gpp:5\n");
     ASSERT_NE(dropped, std::string::npos) << outcome.out;
@@ -28,8 +27,7 @@ TEST_F(KelctlTest, NamedHandleKeepsItsProfileUntilDropped) {
 
 TEST_F(KelctlTest, UnnamedHandleGoesAtTheEndOfItsLine) {
     const std::string path = script("unnamed.kel", "data-call --apn brief.test\nlist\n");
-    const Outcome outcome = seeded({"run", path});
-    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const Outcome outcome = succeeded(seeded({"run", path}));
     EXPECT_THAT(outcome.err, HasSubstr(path + ":1: note: 3gpp:5 is not persistent and no name "
                                               "holds its handle"));
     const std::size_t table = outcome.out.find("TOKEN");
@@ -113,8 +111,8 @@ TEST_F(KelctlTest, ShellRefusesAnOverlongLineAndGoesOnWithTheNext) {
 TEST_F(KelctlTest, ShippedBringUpRuns) {
     RunOptions fromTop;
     fromTop.workDir = testsupport::sourceDir();
-    const Outcome outcome = kelctl({"run", "--echo", "tools/kelctl/bringup.kel"}, fromTop);
-    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const Outcome outcome =
+        succeeded(kelctl({"run", "--echo", "tools/kelctl/bringup.kel"}, fromTop));
     EXPECT_EQ(outcome.err, "");
     for (const char* part : {"> carrier data/carrier/apns-conf.xml", "carrier mcc 001 mnc 01: ",
                              "ia = 3gpp:", "internet = 3gpp:", "ims = 3gpp:", "sos = 3gpp:",

@@ -46,15 +46,13 @@ TEST_P(KelctlTerminalTest, ShowsHostileBytesEscapedAndJsonStaysValid) {
     for (const auto& arg : GetParam().args) {
         args.push_back(arg == "FILE" ? hostileCarrier : arg);
     }
-    const Outcome text = kelctl(args);
-    EXPECT_EQ(text.status, 0) << text.err;
+    const Outcome text = succeeded(kelctl(args));
     expectTerminalSafe(text.out, "stdout");
     expectTerminalSafe(text.err, "stderr");
     EXPECT_THAT(text.out + text.err, HasSubstr(GetParam().shown));
 
     args.push_back("--json");
-    const Outcome json = kelctl(args);
-    EXPECT_EQ(json.status, 0) << json.err;
+    const Outcome json = succeeded(kelctl(args));
     expectTerminalSafe(json.out, "json");
     expectTerminalSafe(json.err, "json stderr");
     EXPECT_FALSE(parsed(json.out).is_discarded());
@@ -91,8 +89,7 @@ TEST_F(KelctlTest, TruncateCutsBytesAndNeverSplitsACharacter) {
     EXPECT_EQ(refused.status, 2);
     EXPECT_THAT(refused.err, HasSubstr("--apn: 151 bytes, but the modem holds at most 150"));
 
-    const Outcome cut = seeded({"add", "--apn", apn, "--truncate", "--json"});
-    EXPECT_EQ(cut.status, 0) << cut.err;
+    const Outcome cut = succeeded(seeded({"add", "--apn", apn, "--truncate", "--json"}));
     EXPECT_THAT(cut.err, HasSubstr("--apn cut to its first 149 bytes (a character would have "
                                    "been split at 150)"));
     const nlohmann::json added = parsed(cut.out);

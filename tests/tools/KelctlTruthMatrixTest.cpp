@@ -90,8 +90,7 @@ class KelctlTruthMatrixTest : public KelctlTest, public ::testing::WithParamInte
         const TruthCase& c = GetParam();
         testsupport::TempDir modemDir;
         RunningModem modem(modemDir.path(), script("seed.conf", kSeed));
-        EXPECT_TRUE(modem.isServing());
-        modem.control(modemDir.path(), faultCommand(c));
+        modem.control(faultCommand(c));
         std::vector<std::string> args = {"--modem", modemDir.path(), "--timeout", "8"};
         if (json) {
             args.push_back("--json");
@@ -100,25 +99,24 @@ class KelctlTruthMatrixTest : public KelctlTest, public ::testing::WithParamInte
         Outcome outcome;
         std::thread command([&] { outcome = kelctl(args); });
         if (c.fault == Fault::Restart) {
-            restartWhenAsked(modem, modemDir.path(), c.msgId);
+            restartWhenAsked(modem, c.msgId);
         }
         command.join();
-        modem.control(modemDir.path(), {"delay", "0"});
-        tables = modem.control(modemDir.path(), {"profiles", "0"});
+        modem.control({"delay", "0"});
+        tables = modem.control({"profiles", "0"});
         return outcome;
     }
 
     // The modem goes down and comes back once it has taken the request (and holds back its
     // answer).
-    static void restartWhenAsked(const RunningModem& modem, const std::string& dir,
-                                 unsigned int msgId) {
+    static void restartWhenAsked(const RunningModem& modem, unsigned int msgId) {
         char last[32];
         std::snprintf(last, sizeof last, "last=0x%04x", msgId);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (modem.control(dir, {"clients"}).find(last) == std::string::npos) {
+        while (modem.control({"clients"}).find(last) == std::string::npos) {
             ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the request never came";
         }
-        modem.control(dir, {"restart"});
+        modem.control({"restart"});
     }
 
     void checkModem() {

@@ -54,24 +54,24 @@ TEST_F(KelctlTest, HandleServesLaterLinesAndExpiresWithItsProfile) {
     EXPECT_THAT(outcome.out, Not(HasSubstr("TOKEN")));
 }
 
+// A script is checked whole before its first line runs; the wrong line is named, its text escaped.
 TEST_F(KelctlTest, ScriptWithAWrongLineRunsNothing) {
-    const std::string path = script("wrong.kel",
-                                    "h1 = add --apn first.test --persistent\n"
-                                    "\n"
-                                    "modify h1 --ip v5\n"
-                                    "get h2\n");
-    const Outcome outcome = seeded({"--state", state, "run", path});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err, path + ":3: modify: --ip: \"v5\" is not one of v4, v6, v4v6\n");
-    EXPECT_FALSE(exists(state));
-
-    const std::string undefined = script("undefined.kel", "get h2\n");
-    const Outcome named = seeded({"run", undefined});
-    EXPECT_EQ(named.status, 2);
-    EXPECT_EQ(named.err, undefined +
-                             ":1: get: no handle is named \"h2\" at this point of the "
-                             "script\n");
+    const std::pair<std::string, std::string> kScripts[] = {
+        {"h1 = add --apn first.test --persistent\n\nmodify h1 --ip v5\nget h2\n",
+         ":3: modify: --ip: \"v5\" is not one of v4, v6, v4v6\n"},
+        {"get h2\n", ":1: get: no handle is named \"h2\" at this point of the script\n"},
+        {"list\nlst\xFF\x1B[2J\n",
+         ":2: unknown command \"lst\\xff\\x1b[2J\" (help lists the commands)\n"},
+    };
+    for (const auto& [text, error] : kScripts) {
+        SCOPED_TRACE(error);
+        const std::string path = script("wrong.kel", text);
+        const Outcome outcome = seeded({"--state", state, "run", path});
+        EXPECT_EQ(outcome.status, 2);
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_EQ(outcome.err, path + error);
+        EXPECT_FALSE(exists(state));
+    }
 }
 
 TEST_F(KelctlTest, ShellRunsLinesAsTheyComeAndNamesFailingOnes) {
@@ -120,15 +120,6 @@ TEST_F(KelctlTest, ShippedBringUpRuns) {
         EXPECT_THAT(outcome.out, HasSubstr(part));
     }
     EXPECT_EQ(countOf(outcome.out, "TOKEN"), 2);
-}
-
-TEST_F(KelctlTest, ScriptTextInAnErrorIsEscaped) {
-    const std::string path = script("bytes.kel", "list\nlst\xFF\x1B[2J\n");
-    const Outcome outcome = seeded({"--state", state, "run", path});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.err,
-              path + ":2: unknown command \"lst\\xff\\x1b[2J\" (help lists the commands)\n");
-    EXPECT_FALSE(exists(state));
 }
 
 }  // namespace

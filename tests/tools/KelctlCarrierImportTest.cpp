@@ -35,11 +35,11 @@ const char* const kTelSeed =
 
 class KelctlCarrierImportTest : public KelctlTest {
   protected:
-    Outcome import(const std::vector<std::string>& more = {}) {
-        std::vector<std::string> args = {"--seed", telSeed, "--state", state,   "carrier",
-                                         file,     "--mcc", "262",     "--mnc", "91"};
-        args.insert(args.end(), more.begin(), more.end());
-        return kelctl(args);
+    // The network 262 91 of the file, into the state file that starts from the seed.
+    Outcome import(const std::vector<std::string>& more = {}, const std::string& from = "") {
+        return kelctl(joined({"--seed", from.empty() ? telSeed : from, "--state", state, "carrier",
+                              file, "--mcc", "262", "--mnc", "91"},
+                             more));
     }
 
     const std::string telSeed = script("tel.conf", kTelSeed);
@@ -99,8 +99,7 @@ TEST_F(KelctlCarrierImportTest, CreatedAttachProfileNeverReadsAsNothingChanged) 
     const std::string bare = script("bare.conf",
                                     "profile 3gpp sub=0 index=2 name=ims apn=ims "
                                     "pdp=ipv4v6 class=1 types=ims\n");
-    const Outcome outcome = succeeded(
-        kelctl({"--seed", bare, "--state", state, "carrier", file, "--mcc", "262", "--mnc", "91"}));
+    const Outcome outcome = succeeded(import({}, bare));
     EXPECT_THAT(outcome.out, Not(HasSubstr("no profile changed")));
     EXPECT_THAT(outcome.out, HasSubstr("attach: created 3gpp:1 name=kel_profile_ia "
                                        "apn=internet.tel ip=v4v6 roam-ip=v4v6 "
@@ -108,8 +107,7 @@ TEST_F(KelctlCarrierImportTest, CreatedAttachProfileNeverReadsAsNothingChanged) 
     EXPECT_THAT(outcome.out, HasSubstr("line 2 (Tel Internet): applied to 3gpp:1\n"));
     EXPECT_THAT(outcome.out, HasSubstr("0 profiles updated, 1 created\n"));
 
-    const Outcome again =
-        kelctl({"--seed", bare, "--state", state, "carrier", file, "--mcc", "262", "--mnc", "91"});
+    const Outcome again = import({}, bare);
     EXPECT_THAT(again.out, HasSubstr("no profile changed\n"));
     EXPECT_THAT(again.out, HasSubstr("attach: found 3gpp:1"));
 }
@@ -121,19 +119,16 @@ TEST_F(KelctlCarrierImportTest, AttachProfileThatDiffersFromItsEntryIsNamed) {
         script("roam.conf",
                "profile 3gpp sub=0 index=1 name=web apn=internet.tel pdp=ipv4v6 "
                "lte_roam=ipv4 umts_roam=ipv4 types=default\n");
-    const Outcome outcome = succeeded(kelctl({"--seed", roamV4, "--state", state, "carrier", file,
-                                              "--mcc", "262", "--mnc", "91", "--json"}));
+    const Outcome outcome = succeeded(import({"--json"}, roamV4));
     EXPECT_EQ(
         parsed(outcome.out)["attach"]["differs"],
         nlohmann::json::parse(R"json([{"setting":"roam-ip","entry":"v4v6","profile":"v4"}])json"));
-    const Outcome text = kelctl(
-        {"--seed", roamV4, "--state", state, "carrier", file, "--mcc", "262", "--mnc", "91"});
+    const Outcome text = import({}, roamV4);
     EXPECT_THAT(text.out, HasSubstr("attach: 3gpp:1 keeps roam-ip=v4 where line 3 (Tel LTE) "
                                     "gives v4v6"));
 
     // Allowed to update, the import sets it, and reads it back.
-    const Outcome updated = succeeded(kelctl({"--seed", roamV4, "--state", state, "carrier", file,
-                                              "--mcc", "262", "--mnc", "91", "--allow-update"}));
+    const Outcome updated = succeeded(import({"--allow-update"}, roamV4));
     EXPECT_THAT(updated.out, HasSubstr("roam-ip: v4 -> v4v6"));
     EXPECT_THAT(updated.out, Not(HasSubstr("keeps roam-ip")));
 }
@@ -197,11 +192,10 @@ TEST_F(KelctlCarrierImportTest, CreateAddsAPersistentProfileForEachMissingApn) {
                "  <apn carrier=\"New Tether 4\" mcc=\"262\" mnc=\"95\" apn=\"tether.new\" "
                "type=\"dun,default\" protocol=\"IP\" />\n"
                "</apns>\n");
-    const auto run = [&](std::vector<std::string> more) {
-        std::vector<std::string> args = {"--seed", telSeed, "--state", state,   "carrier",
-                                         lacking,  "--mcc", "262",     "--mnc", "95"};
-        args.insert(args.end(), more.begin(), more.end());
-        return kelctl(args);
+    const auto run = [&](const std::vector<std::string>& more) {
+        return kelctl(joined({"--seed", telSeed, "--state", state, "carrier", lacking, "--mcc",
+                              "262", "--mnc", "95"},
+                             more));
     };
 
     const Outcome without = succeeded(run({}));
@@ -282,10 +276,11 @@ TEST_P(KelctlNetworkConvergenceTest, SecondImportChangesNothing) {
              {}, {"--create"}, {"--allow-update"}, {"--create", "--allow-update"}}) {
         const std::string modeState =
             dir.file("state" + std::to_string(mode.size()) + (mode.empty() ? "" : mode.front()));
-        std::vector<std::string> args = {"--state", modeState, "carrier",
-                                         testsupport::sourceDir() + "/" + GetParam().file};
-        args.insert(args.end(), GetParam().selector.begin(), GetParam().selector.end());
-        args.insert(args.end(), mode.begin(), mode.end());
+        std::vector<std::string> args = joined(
+            joined(
+                {"--state", modeState, "carrier", testsupport::sourceDir() + "/" + GetParam().file},
+                GetParam().selector),
+            mode);
         const Outcome first = succeeded(seeded(args));
         args.push_back("--json");
         const Outcome second = succeeded(seeded(args));
@@ -528,10 +523,8 @@ class KelctlCarrierNetworkTest : public KelctlTest,
 TEST_P(KelctlCarrierNetworkTest, IsSelectedOrNamesWhatToChoose) {
     const NetworkCase& network = GetParam();
     const std::string file = dataFile("apns-networks.xml");
-    std::vector<std::string> args = {"carrier", file};
-    args.insert(args.end(), network.selector.begin(), network.selector.end());
-    args.insert(args.end(), {"--dry-run", "--verbose"});
-    const Outcome outcome = seeded(args);
+    const Outcome outcome =
+        seeded(joined(joined({"carrier", file}, network.selector), {"--dry-run", "--verbose"}));
     EXPECT_EQ(outcome.status, network.status) << outcome.err;
     if (network.status == 0) {
         EXPECT_THAT(outcome.out, HasSubstr("1 of 13 entries"));
@@ -575,27 +568,23 @@ TEST_F(KelctlTest, CarrierPlansAndReportsHidePasswordsUnlessAsked) {
                                             "--mcc",   "005", "--mnc",   "01"};
     const std::vector<std::string> second = {"--state", state, "carrier", file,
                                              "--mcc",   "005", "--mnc",   "02"};
-    const auto with = [](std::vector<std::string> args, std::initializer_list<const char*> more) {
-        args.insert(args.end(), more.begin(), more.end());
-        return args;
-    };
     const auto noSecret = [](const Outcome& outcome) {
         EXPECT_THAT(outcome.out, Not(HasSubstr("hunter2")));
         EXPECT_THAT(outcome.err, Not(HasSubstr("hunter2")));
     };
 
     // The plan of a new attach profile: its settings line and its JSON changes.
-    const Outcome plan = succeeded(seeded(with(first, {"--dry-run"})));
+    const Outcome plan = succeeded(seeded(joined(first, {"--dry-run"})));
     EXPECT_THAT(plan.out, HasSubstr("would create the attach profile: apn=lte.first ip=v4v6 "
                                     "types=default,ia auth=pap user=spy password=<hidden>\n"));
     noSecret(plan);
-    const Outcome planJson = succeeded(seeded(with(first, {"--dry-run", "--json"})));
+    const Outcome planJson = succeeded(seeded(joined(first, {"--dry-run", "--json"})));
     const nlohmann::json planned = parsed(planJson.out);  // one document, nothing beside it
     EXPECT_EQ(planned["dry_run"], true);
     EXPECT_THAT(planned["attach"]["changes"].dump(),
                 HasSubstr(R"({"from":"-","setting":"password","to":"<hidden>"})"));
     noSecret(planJson);
-    EXPECT_THAT(seeded(with(first, {"--dry-run", "--show-secrets"})).out,
+    EXPECT_THAT(seeded(joined(first, {"--dry-run", "--show-secrets"})).out,
                 HasSubstr("user=spy password=hunter2\n"));
 
     // Applied: the attach summary; then a second network's entry keeps the password.
@@ -604,11 +593,11 @@ TEST_F(KelctlTest, CarrierPlansAndReportsHidePasswordsUnlessAsked) {
                                        "ip=v4v6 types=default,ia auth=pap user=spy "
                                        "password=<hidden> flags=kel,ia\n"));
     noSecret(applied);
-    const Outcome kept = succeeded(seeded(with(second, {"--json"})));
+    const Outcome kept = succeeded(seeded(joined(second, {"--json"})));
     EXPECT_EQ(parsed(kept.out)["attach"]["kept"],
               nlohmann::json({"user=spy", "password=<hidden>", "auth=pap"}));
     noSecret(kept);
-    const Outcome shown = seeded(with(second, {"--show-secrets"}));
+    const Outcome shown = seeded(joined(second, {"--show-secrets"}));
     EXPECT_THAT(shown.out, HasSubstr("attach: 3gpp:5 keeps user=spy, password=hunter2, auth=pap "
                                      "from before; line 3 (Open Attach) does not set them\n"));
 }

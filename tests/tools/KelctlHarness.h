@@ -217,6 +217,12 @@ inline Outcome run(const std::string& program, std::vector<std::string> args,
     return collect(child.pid, child.out.get(), child.err.get(), options.limit);
 }
 
+inline std::vector<std::string> joined(std::vector<std::string> head,
+                                       const std::vector<std::string>& tail) {
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
+
 // The outcome of a run that must succeed; a failure shows the run's standard error.
 inline Outcome succeeded(Outcome outcome) {
     EXPECT_EQ(outcome.status, 0) << outcome.err;

@@ -1,5 +1,7 @@
 // kelctl's command line: help for every command, the conventions of its options, and every wrong
 // command line refused with one line before the modem is touched.
+#include <sstream>
+
 #include "tools/KelctlHarness.h"
 
 namespace {
@@ -12,31 +14,15 @@ using ::testing::StartsWith;
 TEST_F(KelctlTest, EveryCommandHasHelp) {
     const Outcome general = kelctl({"--help"});
     EXPECT_EQ(general.status, 0);
-    for (const char* command : {"list",
-                                "dump",
-                                "get",
-                                "add",
-                                "modify",
-                                "delete",
-                                "filter",
-                                "match",
-                                "refresh",
-                                "data-call",
-                                "emergency",
-                                "attach",
-                                "match-attach-id",
-                                "apply-classes",
-                                "apply-types",
-                                "carrier",
-                                "drop",
-                                "handles",
-                                "run",
-                                "shell"}) {
+    std::istringstream commands(
+        "list dump get add modify delete filter match refresh data-call emergency attach "
+        "match-attach-id apply-classes apply-types carrier drop handles run shell monitor status");
+    for (std::string command; commands >> command;) {
         SCOPED_TRACE(command);
         EXPECT_THAT(general.out, HasSubstr(command));
         const Outcome help = kelctl({command, "--help"});
         EXPECT_EQ(help.status, 0);
-        EXPECT_THAT(help.out, StartsWith(std::string("Usage: kelctl ") + command));
+        EXPECT_THAT(help.out, StartsWith("Usage: kelctl " + command));
         EXPECT_EQ(help.err, "");
     }
 }

@@ -242,8 +242,7 @@ TEST_F(KelctlCarrierImportTest, CreateAddsAPersistentProfileForEachMissingApn) {
                                      "profiles updated, 0 created\n"));
 }
 
-struct NetworkImport {
-    const char* name;
+struct NetworkImport : Row {
     const char* file;  // under tests/data, or the shipped one under data/carrier
     std::vector<std::string> selector;
 };
@@ -261,10 +260,6 @@ const NetworkImport kNetworkImports[] = {
     {"Quirks", "tests/data/apns-quirks.xml", {"--mcc", "001", "--mnc", "01"}},
     {"Shipped", "data/carrier/apns-conf.xml", {"--mcc", "001", "--mnc", "01"}},
 };
-
-void PrintTo(const NetworkImport& network, std::ostream* os) {
-    *os << network.name;
-}
 
 class KelctlNetworkConvergenceTest : public KelctlTest,
                                      public ::testing::WithParamInterface<NetworkImport> {};
@@ -294,8 +289,7 @@ TEST_P(KelctlNetworkConvergenceTest, SecondImportChangesNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Networks, KelctlNetworkConvergenceTest,
-                         ::testing::ValuesIn(kNetworkImports),
-                         [](const auto& testCase) { return std::string(testCase.param.name); });
+                         ::testing::ValuesIn(kNetworkImports), RowName());
 
 // ---------------------------------------------------------------------------------------------
 // Carrier APN configuration
@@ -479,8 +473,7 @@ TEST_F(KelctlTest, CarrierKeepsEntriesThatDifferOnlyByTheirPassword) {
     EXPECT_THAT(plan.err, Not(HasSubstr("merged"))) << "hidden passwords are not the same";
 }
 
-struct NetworkCase {
-    const char* name;
+struct NetworkCase : Row {
     std::vector<std::string> selector;
     int status;
     std::string expected;  // in standard output (status 0) or standard error
@@ -513,10 +506,6 @@ const NetworkCase kNetworkCases[] = {
      "--mvno-match \"One\", --mvno-type gid --mvno-match \"2A\"\n"},
 };
 
-void PrintTo(const NetworkCase& network, std::ostream* os) {
-    *os << network.name;
-}
-
 class KelctlCarrierNetworkTest : public KelctlTest,
                                  public ::testing::WithParamInterface<NetworkCase> {};
 
@@ -536,7 +525,7 @@ TEST_P(KelctlCarrierNetworkTest, IsSelectedOrNamesWhatToChoose) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Networks, KelctlCarrierNetworkTest, ::testing::ValuesIn(kNetworkCases),
-                         [](const auto& testCase) { return std::string(testCase.param.name); });
+                         RowName());
 
 TEST_F(KelctlTest, CarrierNamesWhatAnEarlierImportLeftOnTheAttachProfile) {
     const std::string file = dataFile("apns-networks.xml");
@@ -661,8 +650,7 @@ TEST_F(KelctlTest, CarrierValueKelctlCannotMapCostsOnlyThatSetting) {
                                                "not true or false"));
 }
 
-struct MalformedCase {
-    const char* name;
+struct MalformedCase : Row {
     std::string file;  // under tests/data, or written by the test when text is set
     std::string text;
     std::string error;  // after "FILE:"
@@ -678,10 +666,6 @@ const MalformedCase kMalformedCases[] = {
      "2: the file is not a carrier APN database"},
     {"Empty", "empty.xml", "   \n", "0: the file holds no XML"},
 };
-
-void PrintTo(const MalformedCase& bad, std::ostream* os) {
-    *os << bad.name;
-}
 
 class KelctlMalformedCarrierTest : public KelctlTest,
                                    public ::testing::WithParamInterface<MalformedCase> {};
@@ -702,6 +686,6 @@ TEST_P(KelctlMalformedCarrierTest, IsRefusedWithItsLineNumberAndNothingSent) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, KelctlMalformedCarrierTest, ::testing::ValuesIn(kMalformedCases),
-                         [](const auto& testCase) { return std::string(testCase.param.name); });
+                         RowName());
 
 }  // namespace

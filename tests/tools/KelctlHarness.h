@@ -217,6 +217,22 @@ inline Outcome run(const std::string& program, std::vector<std::string> args,
     return collect(child.pid, child.out.get(), child.err.get(), options.limit);
 }
 
+// A row of a table test: its name names the row's test and stands for the row in messages.
+struct Row {
+    const char* name;
+};
+
+inline std::ostream& operator<<(std::ostream& os, const Row& row) {
+    return os << row.name;
+}
+
+struct RowName {
+    template <typename Param>
+    std::string operator()(const ::testing::TestParamInfo<Param>& info) const {
+        return info.param.name;
+    }
+};
+
 inline std::vector<std::string> joined(std::vector<std::string> head,
                                        const std::vector<std::string>& tail) {
     head.insert(head.end(), tail.begin(), tail.end());

@@ -44,8 +44,7 @@ TEST_F(KelctlTest, AHelpOptionHoweverSpeltShowsHelpAndChangesNothing) {
 // ---------------------------------------------------------------------------------------------
 // Bad command lines: a clear one-line error, and nothing reaches the modem
 
-struct BadCase {
-    const char* name;
+struct BadCase : Row {
     std::vector<std::string> args;
     std::string error;
 };
@@ -110,10 +109,6 @@ const BadCase kBadCases[] = {
      "--mvno-type and --mvno-match go together"},
 };
 
-void PrintTo(const BadCase& bad, std::ostream* os) {
-    *os << bad.name;
-}
-
 class KelctlBadOptionTest : public KelctlTest, public ::testing::WithParamInterface<BadCase> {};
 
 // Under --json (abbreviated, before the wrong part) the refusal is also one document.
@@ -139,8 +134,7 @@ TEST_P(KelctlBadOptionTest, IsRefusedBeforeTheModemIsTouched) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Options, KelctlBadOptionTest, ::testing::ValuesIn(kBadCases),
-                         [](const auto& testCase) { return std::string(testCase.param.name); });
+INSTANTIATE_TEST_SUITE_P(Options, KelctlBadOptionTest, ::testing::ValuesIn(kBadCases), RowName());
 
 // ---------------------------------------------------------------------------------------------
 // Input files: a bounded regular file or nothing

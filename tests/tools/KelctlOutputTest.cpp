@@ -50,8 +50,7 @@ TEST_F(KelctlTest, VerboseSendsTheLibraryLogToStandardErrorOnly) {
 // ---------------------------------------------------------------------------------------------
 // Every command, against the embedded modem and against a running vex-modemd
 
-struct CommandCase {
-    const char* name;
+struct CommandCase : Row {
     std::vector<std::string> args;
     std::string expected;  // in standard output
     std::string absent;    // not in standard output, when set
@@ -108,10 +107,6 @@ const CommandCase kCommandCases[] = {
      ""},
     {"Dump", {"dump"}, "\nLogs:\n", ""},
 };
-
-void PrintTo(const CommandCase& command, std::ostream* os) {
-    *os << command.name;
-}
 
 enum class ModemKind { Embedded, Running };
 

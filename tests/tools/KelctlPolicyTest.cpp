@@ -14,8 +14,7 @@ const char* const kSosImsSeed =
     "profile 3gpp sub=0 index=4 name=sos apn=sos pdp=ipv4v6 emergency=yes class=1 "
     "types=emergency\n";
 
-struct PolicyCase {
-    const char* name;
+struct PolicyCase : Row {
     std::vector<std::string> args;
     std::string plan;  // what --dry-run prints
 };
@@ -67,8 +66,7 @@ TEST_P(KelctlPolicyTest, DryRunShowsThePlanAndTheApplyDoesItAndReadsItBack) {
         << "once applied, the same entries change nothing";
 }
 
-INSTANTIATE_TEST_SUITE_P(Entries, KelctlPolicyTest, ::testing::ValuesIn(kPolicyCases),
-                         [](const auto& testCase) { return std::string(testCase.param.name); });
+INSTANTIATE_TEST_SUITE_P(Entries, KelctlPolicyTest, ::testing::ValuesIn(kPolicyCases), RowName());
 
 TEST_F(KelctlTest, ApplyTypesNamesWhatTheModemDidNotTake) {
     RunningModem modem(dir.path(), seed);

@@ -20,8 +20,7 @@ int lastRefreshCount(const std::string& out) {
 }
 
 // One run of kelctl: safe by default, or with --reference.
-struct Mode {
-    const char* name;
+struct Mode : Row {
     bool reference;
 };
 
@@ -138,8 +137,6 @@ TEST_P(KelctlSafeModeTest, DumpShowsTheSwitchesInForce) {
 
 INSTANTIATE_TEST_SUITE_P(Modes, KelctlSafeModeTest,
                          ::testing::Values(Mode{"Safe", false}, Mode{"Reference", true}),
-                         [](const ::testing::TestParamInfo<Mode>& mode) {
-                             return std::string(mode.param.name);
-                         });
+                         RowName());
 
 }  // namespace

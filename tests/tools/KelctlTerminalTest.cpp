@@ -29,8 +29,7 @@ void expectTerminalSafe(const std::string& text, const std::string& what) {
     EXPECT_EQ(text.find('\xff'), std::string::npos) << what;
 }
 
-struct OutputPath {
-    const char* name;
+struct OutputPath : Row {
     std::vector<std::string> args;
     const char* shown;  // what the escaped text shows in the output, text only
 };
@@ -69,8 +68,7 @@ const OutputPath kPaths[] = {
     {"Verbose", {"--verbose", "list"}, "\\x1b]0;owned"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Paths, KelctlTerminalTest, ::testing::ValuesIn(kPaths),
-                         [](const auto& testCase) { return std::string(testCase.param.name); });
+INSTANTIATE_TEST_SUITE_P(Paths, KelctlTerminalTest, ::testing::ValuesIn(kPaths), RowName());
 
 // monitor writes its lines as events come, past the output channel: its initial picture too.
 TEST_F(KelctlTest, MonitorShowsHostileBytesEscaped) {

@@ -18,8 +18,7 @@ constexpr char kSeed[] =
 
 enum class Fault { Refused, Late, NotInRun, OneReadFailed, EveryReadLate, Restart };
 
-struct TruthCase {
-    const char* name;
+struct TruthCase : Row {
     std::vector<std::string> command;
     Fault fault;
     unsigned int msgId;  // the message the fault hits (Refused, Late, NotInRun, Restart)
@@ -242,10 +241,7 @@ const TruthCase kCases[] = {
 };
 // clang-format on
 
-INSTANTIATE_TEST_SUITE_P(Commands, KelctlTruthMatrixTest, ::testing::ValuesIn(kCases),
-                         [](const ::testing::TestParamInfo<TruthCase>& param) {
-                             return param.param.name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Commands, KelctlTruthMatrixTest, ::testing::ValuesIn(kCases), RowName());
 
 }  // namespace
 }  // namespace kelctltest

@@ -13,8 +13,7 @@ namespace {
 using namespace kelctltest;
 using ::testing::StartsWith;
 
-struct Convention {
-    const char* name;
+struct Convention : Row {
     const char* tool;
     std::vector<std::string> args;
     int status;
@@ -75,10 +74,6 @@ const Convention kConventions[] = {
      "vex-modemctl: --wait: \"61\" is not a number of seconds"},
 };
 
-void PrintTo(const Convention& convention, std::ostream* os) {
-    *os << convention.name;
-}
-
 class ToolConventionTest : public ::testing::TestWithParam<Convention> {};
 
 TEST_P(ToolConventionTest, AnswersAsTheOthersDo) {
@@ -97,8 +92,7 @@ TEST_P(ToolConventionTest, AnswersAsTheOthersDo) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Tools, ToolConventionTest, ::testing::ValuesIn(kConventions),
-                         [](const auto& testCase) { return std::string(testCase.param.name); });
+INSTANTIATE_TEST_SUITE_P(Tools, ToolConventionTest, ::testing::ValuesIn(kConventions), RowName());
 
 // Every long option a tool's --help shows is in its man page, and the other way round.
 TEST(ToolManPageTest, NamesEveryOptionTheToolTakes) {

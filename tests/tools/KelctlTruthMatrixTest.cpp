@@ -4,6 +4,7 @@
 // case runs twice against its own vex-modemd process, as text and as JSON; the exit status, the
 // words and the document must agree with the modem's tables read afterwards through
 // vex-modemctl.
+#include <regex>
 #include <thread>
 
 #include "KelctlHarness.h"
@@ -28,7 +29,7 @@ struct TruthCase : Row {
     // The member the JSON document has ("error" on failure).
     std::string member;
     bool late;  // a note that the answer came late, and "late" in the document
-    // The modem's tables afterwards: this many profile lines hold the pattern (see holds).
+    // The modem's tables afterwards: this many profile lines match the pattern.
     std::string onModem;
     int times;
 };
@@ -52,32 +53,14 @@ std::vector<std::string> faultCommand(const TruthCase& c) {
     return {};
 }
 
-// Whether line holds the parts of pattern (split at '*') in that order; the line is given a
+// How many lines of the modem's tables match pattern, a regular expression; each line is given a
 // trailing blank, so that "types=default " ends at the value.
-bool holds(const std::string& line, const std::string& pattern) {
-    const std::string text = line + " ";
-    std::size_t at = 0;
-    std::size_t from = 0;
-    for (;;) {
-        const std::size_t star = pattern.find('*', from);
-        const std::string part = pattern.substr(from, star - from);
-        at = text.find(part, at);
-        if (at == std::string::npos) {
-            return false;
-        }
-        at += part.size();
-        if (star == std::string::npos) {
-            return true;
-        }
-        from = star + 1;
-    }
-}
-
 int profileLines(const std::string& tables, const std::string& pattern) {
+    const std::regex wanted(pattern);
     std::istringstream in(tables);
     int count = 0;
     for (std::string text; std::getline(in, text);) {
-        count += holds(text, pattern) ? 1 : 0;
+        count += std::regex_search(text + " ", wanted) ? 1 : 0;
     }
     return count;
 }
@@ -159,8 +142,8 @@ const std::vector<std::string> kCarrierRun = {"carrier", kCarrier, "--mcc", "001
 const std::vector<std::string> kApplyTypes = {"apply-types", "--apn", "internet", "--types",
                                               "default,supl"};
 const char* const kRefusedWords = "the modem refused it (error 0x";
-const char* const kInternetAsSeeded = "index=1 *types=default ";
-const char* const kInternetWithMms = "index=1 *types=default,mms ";
+const char* const kInternetAsSeeded = "index=1 .*types=default ";
+const char* const kInternetWithMms = "index=1 .*types=default,mms ";
 
 // clang-format off
 // name, command, fault, message, exit, words, JSON member, late, modem line pattern, how many
@@ -169,11 +152,11 @@ const TruthCase kCases[] = {
     {"AddLate", kAdd, F::Late, 0x27, 0, "added 3gpp:3 name=kel_profile apn=new.test", "added", true,
      "apn=new.test ", 1},
     {"AddNotInRun", kAdd, F::NotInRun, 0x27, 0, "added 3gpp:3", "added", true,
-     "index=3 *apn=new.test ", 1},
+     "index=3 .*apn=new.test ", 1},
     {"AddOneReadFailed", kAdd, F::OneReadFailed, 0, 0, "added 3gpp:3", "added", false,
      "apn=new.test ", 1},
     {"AddRestart", kAdd, F::Restart, 0x27, 0, "added 3gpp:3", "added", true,
-     "persistent=yes *apn=new.test ", 1},
+     "persistent=yes .*apn=new.test ", 1},
 
     {"ModifyRefused", kModify, F::Refused, 0x28, 1,
      "the modem did not take the change to 3gpp:1: the modem refused it", "error", false,
@@ -210,7 +193,7 @@ const TruthCase kCases[] = {
     {"AttachOneReadFailed", {"attach", "--apn", "internet"}, F::OneReadFailed, 0, 0,
      "found 3gpp:1", "outcome", false, "apn=internet ", 1},
     {"EmergencyOneReadFailed", {"emergency", "--apn", "sos"}, F::OneReadFailed, 0, 0,
-     "created 3gpp:3", "outcome", false, "index=3 *apn=sos ", 1},
+     "created 3gpp:3", "outcome", false, "index=3 .*apn=sos ", 1},
 
     {"CarrierOneReadFailed", kCarrierRun, F::OneReadFailed, 0, 0, "updated 3gpp:1", "updates",
      false, "apn=internet ", 1},
@@ -221,7 +204,7 @@ const TruthCase kCases[] = {
      "apn=internet class=3", 1},
     {"ApplyTypesOneReadFailed", kApplyTypes, F::OneReadFailed, 0, 0,
      "updated 3gpp:1: types: default -> default,supl", "changes", false,
-     "index=1 *types=default,supl ", 1},
+     "index=1 .*types=default,supl ", 1},
     {"ApplyTypesEveryReadLate", kApplyTypes, F::EveryReadLate, 0, 1, "nothing was changed",
      "incomplete", false, kInternetAsSeeded, 1},
 

@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -45,7 +46,7 @@ struct RunOptions {
     std::string input;    // standard input
     std::string workDir;  // empty: the test's own
     // Environment changes: a value sets the variable, none removes it.
-    std::vector<std::pair<std::string, std::optional<std::string>>> env;
+    std::map<std::string, std::optional<std::string>> env;
     // The watchdog: a child still running then is killed and the test fails.
     std::chrono::seconds limit = kChildLimit;
 };
@@ -55,11 +56,7 @@ inline std::vector<std::string> environmentWith(const RunOptions& options) {
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const std::string text = *entry;
         const std::string name = text.substr(0, text.find('='));
-        bool replaced = false;
-        for (const auto& change : options.env) {
-            replaced = replaced || change.first == name;
-        }
-        if (!replaced) {
+        if (options.env.count(name) == 0) {
             env.push_back(text);
         }
     }
@@ -314,7 +311,7 @@ class LiveKelctl {
         args.insert(args.begin(), KELCTL_PATH);
         RunOptions options;
         // A modem a developer runs must not stand in for the one a test chose.
-        options.env.emplace_back("VEX_SERVICE_DIR", std::nullopt);
+        options.env.emplace("VEX_SERVICE_DIR", std::nullopt);
         child = spawn(std::move(args), options, kPipedInput);
     }
     ~LiveKelctl() {
@@ -394,12 +391,7 @@ class KelctlTest : public ::testing::Test {
     // keep standard output free of the library's console line and be free of sanitizer reports.
     Outcome kelctl(std::vector<std::string> args, RunOptions options = {}) {
         // A modem a developer runs must not stand in for the one a test chose.
-        const bool chosen =
-            std::any_of(options.env.begin(), options.env.end(),
-                        [](const auto& change) { return change.first == "VEX_SERVICE_DIR"; });
-        if (!chosen) {
-            options.env.emplace_back("VEX_SERVICE_DIR", std::nullopt);
-        }
+        options.env.emplace("VEX_SERVICE_DIR", std::nullopt);
         const Outcome outcome = run(KELCTL_PATH, std::move(args), options);
         EXPECT_THAT(outcome.out, ::testing::Not(::testing::HasSubstr("wake()")));
         EXPECT_THAT(outcome.err, ::testing::Not(::testing::HasSubstr("Sanitizer")));

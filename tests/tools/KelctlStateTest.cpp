@@ -19,8 +19,7 @@ using ::testing::StartsWith;
 TEST_F(KelctlTest, ChangesLastAcrossRunsWithAStateFile) {
     const Outcome deleted = succeeded(seeded({"--state", state, "delete", "3gpp:3"}));
     EXPECT_THAT(deleted.err, Not(HasSubstr("starts from its seed")));
-    const Outcome modified =
-        succeeded(seeded({"--state", state, "modify", "2", "--types", "ims,xcap"}));
+    succeeded(seeded({"--state", state, "modify", "2", "--types", "ims,xcap"}));
 
     const Outcome listed = seeded({"--state", state, "list"});
     EXPECT_THAT(listed.out, Not(HasSubstr("mms.test")));
@@ -99,7 +98,7 @@ TEST_F(KelctlTest, FindsTheRunningModemThroughTheEnvironment) {
     ASSERT_EQ(modem.control({"delete", "3gpp", "index=3"}), "deleted 3gpp sub=0 index=3\n");
 
     RunOptions environment;
-    environment.env.emplace_back("VEX_SERVICE_DIR", dir.path());
+    environment.env.emplace("VEX_SERVICE_DIR", dir.path());
     const Outcome running = succeeded(kelctl({"list"}, environment));
     EXPECT_THAT(running.out, Not(HasSubstr("mms.test")));
 

@@ -79,7 +79,7 @@ class ToolConventionTest : public ::testing::TestWithParam<Convention> {};
 TEST_P(ToolConventionTest, AnswersAsTheOthersDo) {
     const Convention& c = GetParam();
     RunOptions options;
-    options.env.emplace_back("VEX_SERVICE_DIR", std::nullopt);
+    options.env.emplace("VEX_SERVICE_DIR", std::nullopt);
     const Outcome outcome = run(c.tool, c.args, options);
     EXPECT_EQ(outcome.status, c.status) << outcome.err;
     EXPECT_THAT(outcome.out, StartsWith(c.out));

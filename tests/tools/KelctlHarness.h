@@ -292,10 +292,12 @@ class RunningModem {
         }
     }
 
-    // What vex-modemctl answers for the modem's own view.
+    // What vex-modemctl answers, for the modem's own view or to change it as another client.
     std::string control(std::vector<std::string> args) const {
         args.insert(args.begin(), {"--dir", serviceDir});
-        return run(VEX_MODEMCTL_PATH, args).out;
+        const Outcome outcome = run(VEX_MODEMCTL_PATH, args);
+        EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
+        return outcome.out;
     }
 
   private:

@@ -12,11 +12,6 @@ using ::testing::HasSubstr;
 
 class KelctlMonitorTest : public KelctlTest {
   protected:
-    void control(std::vector<std::string> args) {
-        args.insert(args.begin(), {"--dir", dir.path()});
-        const Outcome outcome = run(VEX_MODEMCTL_PATH, args);
-        ASSERT_EQ(outcome.status, 0) << outcome.out << outcome.err;
-    }
     std::unique_ptr<LiveKelctl> monitor(std::vector<std::string> args) {
         args.insert(args.begin(), {"--modem", dir.path(), "monitor"});
         return std::make_unique<LiveKelctl>(args);
@@ -32,22 +27,22 @@ TEST_F(KelctlMonitorTest, FollowsAnotherClientThroughAModemRestart) {
     EXPECT_THAT(picture[2], HasSubstr("name=mms apn=mms.test"));
     EXPECT_THAT(picture[2], HasSubstr("password=<hidden>"));
 
-    control({"create", "3gpp", "name=fresh", "apn=fresh.test"});
+    modem.control({"create", "3gpp", "name=fresh", "apn=fresh.test"});
     const std::string added = live->until("added").back();
     EXPECT_THAT(added, HasSubstr("added 3gpp:5 name=fresh apn=fresh.test"));
     EXPECT_THAT(added, HasSubstr("(another client)"));
     std::string previous = "mms";
     for (int step = 1; step <= 10; ++step) {
         const std::string name = "step" + std::to_string(step);
-        control({"modify", "3gpp", "index=3", "name=" + name});
+        modem.control({"modify", "3gpp", "index=3", "name=" + name});
         EXPECT_EQ(live->until("changed").back(),
                   "changed 3gpp:3 name: " + previous + " -> " + name + " (another client)");
         previous = name;
     }
-    control({"delete", "3gpp", "index=5"});
+    modem.control({"delete", "3gpp", "index=5"});
     EXPECT_EQ(live->until("deleted").back(), "deleted 3gpp:5 (another client)");
 
-    control({"restart"});
+    modem.control({"restart"});
     const std::vector<std::string> restart = live->until("status ready");
     ASSERT_GE(restart.size(), 5u);
     EXPECT_EQ(restart[0], "status down");
@@ -56,7 +51,7 @@ TEST_F(KelctlMonitorTest, FollowsAnotherClientThroughAModemRestart) {
     EXPECT_EQ(restart[3], "refresh completed: 5 profiles");
     EXPECT_THAT(restart, ::testing::Contains(HasSubstr("profile 3gpp:3 name=step10 apn=mms.test")));
 
-    control({"modify", "3gpp", "index=3", "password=changed"});
+    modem.control({"modify", "3gpp", "index=3", "password=changed"});
     EXPECT_EQ(live->until("changed").back(),
               "changed 3gpp:3 password: <hidden> -> <hidden> (another client)");
     live->signal(SIGINT);
@@ -69,7 +64,7 @@ TEST_F(KelctlMonitorTest, AThousandChangesFromAnotherProcessArriveEveryOneInOrde
     // The picture ends with the status, printed once the monitor listens.
     live->until("\"event\":\"status\"");
     for (int step = 1; step <= kChanges; ++step) {
-        control({"modify", "3gpp", "index=3", "apn=step" + std::to_string(step) + ".test"});
+        modem.control({"modify", "3gpp", "index=3", "apn=step" + std::to_string(step) + ".test"});
     }
     std::vector<nlohmann::json> events;
     while (auto next = live->line()) {

@@ -70,8 +70,7 @@ INSTANTIATE_TEST_SUITE_P(Entries, KelctlPolicyTest, ::testing::ValuesIn(kPolicyC
 
 TEST_F(KelctlTest, ApplyTypesNamesWhatTheModemDidNotTake) {
     RunningModem modem(dir.path(), seed);
-    ASSERT_THAT(modem.control({"fail-next", "50", "0x28"}),
-                HasSubstr("failing the next 50 requests"));
+    modem.control({"fail-next", "50", "0x28"});
     const Outcome outcome = kelctl(
         {"--modem", dir.path(), "apply-types", "--apn", "ims", "--types", "ims,xcap", "--json"});
     EXPECT_EQ(outcome.status, 1);

@@ -74,7 +74,7 @@ TEST_F(KelctlTest, ActsOnNothingWhenTheModemRefusesTheSubscriptionOrTheRegistrat
     EXPECT_EQ(unbound.status, 1);
     EXPECT_THAT(unbound.err, HasSubstr("kelctl: subscription 7: the modem refused to bind"));
 
-    ASSERT_EQ(modem.control({"fail-next", "1", "0x3"}).empty(), false);
+    modem.control({"fail-next", "1", "0x3"});
     const Outcome deaf =
         kelctl({"--modem", dir.path(), "--sub", "1", "add", "--apn", "stray.example"});
     EXPECT_EQ(deaf.status, 1);

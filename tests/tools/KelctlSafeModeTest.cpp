@@ -26,18 +26,17 @@ struct Mode : Row {
 
 class KelctlSafeModeTest : public KelctlTest, public ::testing::WithParamInterface<Mode> {
   protected:
-    std::vector<std::string> args(std::vector<std::string> rest) const {
-        std::vector<std::string> all = {"--modem", dir.path()};
+    std::vector<std::string> args(const std::vector<std::string>& rest) const {
         if (GetParam().reference) {
-            all.push_back("--reference");
+            return joined({"--modem", dir.path(), "--reference"}, rest);
         }
-        all.insert(all.end(), rest.begin(), rest.end());
-        return all;
+        return joined({"--modem", dir.path()}, rest);
     }
+
+    RunningModem modem{dir.path(), seed};
 };
 
 TEST_P(KelctlSafeModeTest, RefreshesWithHeldHandlesLeaveNoOrphanOnTheModem) {
-    RunningModem modem(dir.path(), seed);
     // Without reclaim, a few cycles would fill the modem's table.
     const int cycles = GetParam().reference ? 1 : 15;
     std::string text = "refresh\n";
@@ -56,7 +55,6 @@ TEST_P(KelctlSafeModeTest, RefreshesWithHeldHandlesLeaveNoOrphanOnTheModem) {
 }
 
 TEST_P(KelctlSafeModeTest, AProfileWhoseCreateGotNoAnswerIsReclaimed) {
-    RunningModem modem(dir.path(), seed);
     modem.control({"delay", "1500", "0x27"});
     RunOptions input;
     input.input = "add --apn late.test\nlist\nlist\n";
@@ -73,7 +71,6 @@ TEST_P(KelctlSafeModeTest, AProfileWhoseCreateGotNoAnswerIsReclaimed) {
 }
 
 TEST_P(KelctlSafeModeTest, AModemAnsweringEveryReadLateIsWaitedForOnlyUpToTheBound) {
-    RunningModem modem(dir.path(), seed);
     // Every read is answered after the library stopped waiting for it: in safe mode the first
     // refresh gives up after three of them, otherwise it waits for all five.
     modem.control({"delay", "1100", "0x2b"});
@@ -93,7 +90,6 @@ TEST_P(KelctlSafeModeTest, AModemAnsweringEveryReadLateIsWaitedForOnlyUpToTheBou
 }
 
 TEST_P(KelctlSafeModeTest, AForeignModifyThenTheLastReleaseLeavesNothing) {
-    RunningModem modem(dir.path(), seed);
     // The shell stays connected, holding its handles, while another client changes the modem.
     LiveKelctl shell(args({"shell"}));
     shell.send("h = add --apn foreign.test");

@@ -111,13 +111,14 @@ const BadCase kBadCases[] = {
 
 class KelctlBadOptionTest : public KelctlTest, public ::testing::WithParamInterface<BadCase> {};
 
-// Under --json (abbreviated, before the wrong part) the refusal is also one document.
+// Under --json, however spelt, the refusal is also one document.
 TEST_P(KelctlBadOptionTest, IsRefusedBeforeTheModemIsTouched) {
-    for (const bool json : {false, true}) {
-        SCOPED_TRACE(json ? "json" : "text");
+    for (const std::string jsonOption : {"", "-j", "--jso"}) {
+        SCOPED_TRACE(jsonOption);
+        const bool json = !jsonOption.empty();
         std::vector<std::string> args = {"--state", state};
         if (json) {
-            args.push_back("--jso");
+            args.push_back(jsonOption);
         }
         args.insert(args.end(), GetParam().args.begin(), GetParam().args.end());
         const Outcome outcome = seeded(args);

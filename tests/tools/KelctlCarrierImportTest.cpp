@@ -223,16 +223,11 @@ TEST_F(KelctlCarrierImportTest, CreateAddsAPersistentProfileForEachMissingApn) {
     const nlohmann::json mms = parsed(
         kelctl({"--seed", telSeed, "--state", state, "--show-secrets", "get", mmsProfile, "--json"})
             .out);
-    for (const auto& [key, value] : std::map<std::string, nlohmann::json>{{"apn", "mms.new"},
-                                                                          {"ip", "v4"},
-                                                                          {"roam_ip", "v4v6"},
-                                                                          {"auth", "pap"},
-                                                                          {"user", "mms"},
-                                                                          {"password", "pw"},
-                                                                          {"max_conns", 3},
-                                                                          {"max_conns_time", 30},
-                                                                          {"wait_time", 2}}) {
-        EXPECT_EQ(mms.value(key, nlohmann::json()), value) << key;
+    const nlohmann::json expected = nlohmann::json::parse(R"({"apn": "mms.new", "ip": "v4",
+        "roam_ip": "v4v6", "auth": "pap", "user": "mms", "password": "pw", "max_conns": 3,
+        "max_conns_time": 30, "wait_time": 2})");
+    for (const auto& setting : expected.items()) {
+        EXPECT_EQ(mms.value(setting.key(), nlohmann::json()), setting.value()) << setting.key();
     }
 
     const Outcome again = succeeded(run({"--create"}));

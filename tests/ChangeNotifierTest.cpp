@@ -5,65 +5,21 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
+
+#include "support/ObserverRecorder.h"
 
 namespace kel {
 namespace {
 
-constexpr std::chrono::seconds kTimeout{10};
+// Records every event; as a sequence number, each test event carries its profileId.
+using Recorder = testsupport::ObserverRecorder;
 
-// Records every event (its kind and, as a sequence number, its profileId); onEvent runs first.
-class Recorder : public ModemObserver {
-  public:
-    void onModemEvent(const ModemEvent& event) override {
-        if (onEvent) {
-            onEvent(event);
-        }
-        std::lock_guard<std::mutex> lock(mutex);
-        events.push_back(event);
-        changed.notify_all();
-    }
-    bool waitForCount(std::size_t count) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, kTimeout, [&] { return events.size() >= count; });
-    }
-    std::vector<ModemEvent> taken() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return events;
-    }
-
-    std::function<void(const ModemEvent&)> onEvent;
-
-  private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<ModemEvent> events;
-};
-
-// A one-shot gate one thread waits at until another opens it.
-class Gate {
-  public:
-    void open() {
-        std::lock_guard<std::mutex> lock(mutex);
-        opened = true;
-        changed.notify_all();
-    }
-    bool wait() {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, kTimeout, [this] { return opened; });
-    }
-
-  private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool opened = false;
-};
+using testsupport::Gate;
 
 ModemEvent numbered(int sequence) {
     ModemEvent event = makeEvent(ModemEvent::Kind::ProfileChanged);
@@ -102,7 +58,7 @@ TEST(ChangeNotifierTest, ASlowObserverLosesTheOverflowAndIsToldOnceHowMany) {
     releaseSecond.open();
     ASSERT_TRUE(recorder->waitForCount(7));
 
-    const std::vector<ModemEvent> events = recorder->taken();
+    const std::vector<ModemEvent> events = recorder->all();
     ASSERT_EQ(events.size(), 7u);
     for (int i = 0; i <= 4; ++i) {
         EXPECT_EQ(events[i].kind, ModemEvent::Kind::ProfileChanged);
@@ -134,7 +90,7 @@ TEST(ChangeNotifierTest, RemovalReturnsOnlyOnceTheCallInProgressHasEnded) {
         endedWhenRemoved = callEnded;
     });
     // Released once the remover has unregistered the observer, and so waits for the call.
-    const auto deadline = std::chrono::steady_clock::now() + kTimeout;
+    const auto deadline = std::chrono::steady_clock::now() + Recorder::kTimeout;
     while (notifier.watched() && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::yield();
     }
@@ -165,9 +121,9 @@ TEST(ChangeNotifierTest, RemovalFromInsideTheObserverMakesItsCallTheLast) {
     }
     ASSERT_TRUE(staying->waitForCount(3));
 
-    EXPECT_EQ(leaving->taken().size(), 1u);
-    EXPECT_EQ(throwing->taken().size(), 0u);
-    EXPECT_EQ(staying->taken().back().profileId, 2);
+    EXPECT_EQ(leaving->all().size(), 1u);
+    EXPECT_EQ(throwing->all().size(), 0u);
+    EXPECT_EQ(staying->all().back().profileId, 2);
 }
 
 }  // namespace

@@ -67,38 +67,39 @@ class LoggingTest : public ::testing::Test {
     hostlog::LogCapture capture;
 };
 
-struct CutCase {
-    size_t length;
-    size_t expected;
-};
-
-void PrintTo(const CutCase& c, std::ostream* os) {
-    *os << c.length << " characters";
-}
-
-class LogCutTest : public LoggingTest, public ::testing::WithParamInterface<CutCase> {};
-
-TEST_P(LogCutTest, MessageReachesWriterAndHistoryCutTo511Characters) {
+// Cut the same whichever level it has; the history keeps only Error and History lines.
+TEST_F(LoggingTest, MessageReachesWriterAndHistoryCutTo511Characters) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    std::string text;
-    for (size_t i = 0; i < GetParam().length; ++i) {
-        text += static_cast<char>('a' + i % 26);
+    const struct {
+        size_t length;
+        size_t expected;
+        LogLevel level;
+    } cases[] = {{0, 0, LogLevel::Error},     {510, 510, LogLevel::Error},
+                 {511, 511, LogLevel::Error}, {512, 511, LogLevel::Error},
+                 {600, 511, LogLevel::Debug}, {600, 511, LogLevel::History},
+                 {5000, 511, LogLevel::Error}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.length) + " characters at level " +
+                     std::to_string(static_cast<int>(c.level)));
+        capture.clear();
+        LocalLogBuffer::getInstance()->flush();
+        std::string text;
+        for (size_t i = 0; i < c.length; ++i) {
+            text += static_cast<char>('a' + i % 26);
+        }
+        LogWrapper::getInstance()->log(c.level, kLogTag, "%s", text.c_str());
+
+        const std::string expected = text.substr(0, c.expected);
+        std::vector<hostlog::AndroidLogRecord> written = capture.android();
+        ASSERT_EQ(written.size(), 1u);
+        EXPECT_EQ(written[0].message, expected);
+        std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
+        ASSERT_EQ(history.size(), c.level == LogLevel::Debug ? 0u : 1u);
+        if (!history.empty()) {
+            EXPECT_TRUE(isHistoryLine(history[0], "KEL", expected)) << history[0];
+        }
     }
-    KEL_LOG(Error, "%s", text.c_str());
-
-    const std::string expected = text.substr(0, GetParam().expected);
-    std::vector<hostlog::AndroidLogRecord> written = capture.android();
-    ASSERT_EQ(written.size(), 1u);
-    EXPECT_EQ(written[0].message, expected);
-    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
-    ASSERT_EQ(history.size(), 1u);
-    EXPECT_TRUE(isHistoryLine(history[0], "KEL", expected)) << history[0];
 }
-
-INSTANTIATE_TEST_SUITE_P(Lengths, LogCutTest,
-                         ::testing::Values(CutCase{0, 0}, CutCase{510, 510}, CutCase{511, 511},
-                                           CutCase{512, 511}, CutCase{600, 511},
-                                           CutCase{5000, 511}));
 
 // The message as formatted by the plain algorithm: a zero-filled 513-byte buffer, vsnprintf
 // with a limit of 512, the text up to the first NUL.
@@ -160,94 +161,73 @@ TEST(LogFormatTest, EveryMessageEqualsThePlainFormatting) {
     EXPECT_FORMATTED_ALIKE("ab%cde %d", 0, 7);
 }
 
-TEST_F(LoggingTest, MessageEndsAtItsFirstNul) {
+// Each message in full, as the writer and the history get it.
+TEST_F(LoggingTest, AdbWriterAndHistoryGetTheFormattedTextUpToItsFirstNul) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    KEL_LOG(Error, "ab%cde %d", 0, 7);
-
-    std::vector<hostlog::AndroidLogRecord> written = capture.android();
-    ASSERT_EQ(written.size(), 1u);
-    EXPECT_EQ(written[0].message, "ab");
-    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
-    ASSERT_EQ(history.size(), 1u);
-    EXPECT_TRUE(isHistoryLine(history[0], "KEL", "ab")) << history[0];
-}
-
-// A 600-character message whose 511th character is the last one kept, whichever level it has.
-TEST_F(LoggingTest, WriterAndHistoryGetTheSameCutMessage) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    const std::string text = std::string(510, 'x') + "yz" + std::string(88, 'w');
-    KEL_LOG(Debug, "%s", text.c_str());
-    KEL_LOG(History, "%s", text.c_str());
-
-    std::vector<hostlog::AndroidLogRecord> written = capture.android();
-    ASSERT_EQ(written.size(), 2u);
-    EXPECT_EQ(written[0].message, text.substr(0, 511));
-    EXPECT_EQ(written[1].message, text.substr(0, 511));
-    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
-    ASSERT_EQ(history.size(), 1u);
-    EXPECT_TRUE(isHistoryLine(history[0], "KEL", text.substr(0, 511))) << history[0];
-}
-
-TEST_F(LoggingTest, AdbWriterPassesMessageAsTextNotAsFormat) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    KEL_LOG(Info, "%s", "100%% sure %s %d %n");
-
-    std::vector<hostlog::AndroidLogRecord> written = capture.android();
-    ASSERT_EQ(written.size(), 1u);
-    EXPECT_EQ(written[0].tag, "KEL");
-    EXPECT_EQ(written[0].message, "100%% sure %s %d %n");
-}
-
-TEST_F(LoggingTest, FormatsArgumentsPrintfStyle) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    KEL_LOG(Debug, "Manager::init(%d) %s %llu", 1, "adb", 18446744073709551615ull);
-
-    EXPECT_TRUE(capture.hasAndroidMessage("Manager::init(1) adb 18446744073709551615"));
-}
-
-struct LevelCase {
-    int level;
-    int androidPriority;
-    int diagMask;
-    bool kept;
-};
-
-void PrintTo(const LevelCase& c, std::ostream* os) {
-    *os << "level " << c.level;
-}
-
-class LogLevelTest : public LoggingTest, public ::testing::WithParamInterface<LevelCase> {};
-
-TEST_P(LogLevelTest, LevelSelectsPriorityMaskAndHistory) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    const LogLevel level = static_cast<LogLevel>(GetParam().level);
-    const std::string text = "level " + std::to_string(GetParam().level);
-    LogWrapper::getInstance()->log(level, kLogTag, "%s", text.c_str());
-
-    std::vector<hostlog::AndroidLogRecord> written = capture.android();
-    ASSERT_EQ(written.size(), 1u);
-    EXPECT_EQ(written[0].priority, GetParam().androidPriority);
-    EXPECT_EQ(written[0].message, text);
-    EXPECT_EQ(DiagWriter().convertPrio(level), GetParam().diagMask);
-
-    std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
-    if (GetParam().kept) {
+    const struct {
+        const char* what;
+        void (*log)();
+        std::string expected;
+    } cases[] = {
+        {"printf style",
+         [] { KEL_LOG(Error, "Manager::init(%d) %s %llu", 1, "adb", 18446744073709551615ull); },
+         "Manager::init(1) adb 18446744073709551615"},
+        {"a message is text, not a format", [] { KEL_LOG(Error, "%s", "100%% sure %s %d %n"); },
+         "100%% sure %s %d %n"},
+        {"ends at its first NUL", [] { KEL_LOG(Error, "ab%cde %d", 0, 7); }, "ab"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        capture.clear();
+        LocalLogBuffer::getInstance()->flush();
+        c.log();
+        std::vector<hostlog::AndroidLogRecord> written = capture.android();
+        ASSERT_EQ(written.size(), 1u);
+        EXPECT_EQ(written[0].tag, "KEL");
+        EXPECT_EQ(written[0].message, c.expected);
+        std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
         ASSERT_EQ(history.size(), 1u);
-        EXPECT_TRUE(isHistoryLine(history[0], "KEL", text)) << history[0];
-    } else {
-        EXPECT_TRUE(history.empty());
+        EXPECT_TRUE(isHistoryLine(history[0], "KEL", c.expected)) << history[0];
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Levels, LogLevelTest,
-                         ::testing::Values(LevelCase{0, ANDROID_LOG_VERBOSE, MSG_LEGACY_LOW, false},
-                                           LevelCase{1, ANDROID_LOG_DEBUG, MSG_LEGACY_LOW, false},
-                                           LevelCase{2, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
-                                           LevelCase{3, ANDROID_LOG_ERROR, MSG_LEGACY_HIGH, true},
-                                           LevelCase{4, ANDROID_LOG_FATAL, MSG_LEGACY_FATAL, false},
-                                           LevelCase{5, ANDROID_LOG_INFO, MSG_LEGACY_HIGH, true},
-                                           LevelCase{6, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
-                                           LevelCase{-1, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false}));
+TEST_F(LoggingTest, LevelSelectsPriorityMaskAndHistory) {
+    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
+    const struct {
+        int level;
+        int androidPriority;
+        int diagMask;
+        bool kept;
+    } cases[] = {
+        {0, ANDROID_LOG_VERBOSE, MSG_LEGACY_LOW, false},
+        {1, ANDROID_LOG_DEBUG, MSG_LEGACY_LOW, false},
+        {2, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
+        {3, ANDROID_LOG_ERROR, MSG_LEGACY_HIGH, true},
+        {4, ANDROID_LOG_FATAL, MSG_LEGACY_FATAL, false},
+        {5, ANDROID_LOG_INFO, MSG_LEGACY_HIGH, true},
+        {6, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
+        {-1, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
+    };
+    for (const auto& c : cases) {
+        const std::string text = "level " + std::to_string(c.level);
+        SCOPED_TRACE(text);
+        capture.clear();
+        LocalLogBuffer::getInstance()->flush();
+        const LogLevel level = static_cast<LogLevel>(c.level);
+        LogWrapper::getInstance()->log(level, kLogTag, "%s", text.c_str());
+
+        std::vector<hostlog::AndroidLogRecord> written = capture.android();
+        ASSERT_EQ(written.size(), 1u);
+        EXPECT_EQ(written[0].priority, c.androidPriority);
+        EXPECT_EQ(written[0].message, text);
+        EXPECT_EQ(DiagWriter().convertPrio(level), c.diagMask);
+        std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
+        ASSERT_EQ(history.size(), c.kept ? 1u : 0u);
+        if (c.kept) {
+            EXPECT_TRUE(isHistoryLine(history[0], "KEL", text)) << history[0];
+        }
+    }
+}
 
 TEST_F(LoggingTest, WithoutWriterErrorsAreStillKeptInHistory) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
@@ -441,7 +421,7 @@ TEST_P(HistoryBoundTest, KeepsAtMostMaxSizePlusOneNewestLines) {
 
 INSTANTIATE_TEST_SUITE_P(Bounds, HistoryBoundTest, ::testing::Values(-3, 0, 1, 5, 19, 20, 50));
 
-TEST_F(LoggingTest, HistoryOfTheLibraryHolds201Lines) {
+TEST_F(LoggingTest, HistoryOfTheLibraryHolds201LinesUntilFlushed) {
     for (int i = 0; i < 250; ++i) {
         KEL_LOG(Error, "error %d", i);
     }
@@ -451,11 +431,6 @@ TEST_F(LoggingTest, HistoryOfTheLibraryHolds201Lines) {
     EXPECT_TRUE(isHistoryLine(history.front(), "KEL", "error 49")) << history.front();
     EXPECT_TRUE(isHistoryLine(history.back(), "KEL", "error 249")) << history.back();
     EXPECT_EQ(LocalLogBuffer::getInstance()->getName(), "KEL");
-}
-
-TEST_F(LoggingTest, FlushEmptiesHistory) {
-    KEL_LOG(History, "Manager::dump > ");
-    ASSERT_EQ(LocalLogBuffer::getInstance()->getLogs().size(), 1u);
 
     LocalLogBuffer::getInstance()->flush();
     EXPECT_TRUE(LocalLogBuffer::getInstance()->getLogs().empty());

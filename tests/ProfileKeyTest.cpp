@@ -84,29 +84,16 @@ TEST_F(ProfileKeyTest, DroppingLastReferenceSendsOneReleaseThenLogs) {
     EXPECT_EQ(debugLines(), std::vector<std::string>{"~ProfileKey"});
 }
 
-TEST_F(ProfileKeyTest, HandleDroppedOnAnotherThreadIsReleasedFromThatThread) {
-    std::shared_ptr<IProfileKey> key = makeKey(TechType::TYPE_3GPP2, 7, 0);
-    std::thread::id dropper;
-    std::thread client([&dropper, held = std::move(key)]() mutable {
-        dropper = std::this_thread::get_id();
-        held.reset();
-    });
-    client.join();
-
-    const std::vector<RequestRecorder::Record> records = recorder.sent();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].caller, dropper);
-    EXPECT_NE(records[0].caller, std::this_thread::get_id());
-    ASSERT_NE(records[0].request, nullptr);
-    EXPECT_EQ(records[0].request->getReleaseToken(), 0u);
-}
-
-TEST_F(ProfileKeyTest, HandlesDroppedConcurrentlyEachReleaseTheirOwnToken) {
+TEST_F(ProfileKeyTest, HandlesDroppedConcurrentlyEachReleaseTheirOwnTokenFromTheirOwnThread) {
     constexpr int kClients = 4;
+    std::vector<std::thread::id> droppers(kClients);
     std::vector<std::thread> clients;
     for (int i = 0; i < kClients; ++i) {
-        clients.emplace_back(
-            [key = makeKey(TechType::TYPE_3GPP, i, 100u + i)]() mutable { key.reset(); });
+        clients.emplace_back([key = makeKey(TechType::TYPE_3GPP, i, 100u + i),
+                              dropper = &droppers[static_cast<size_t>(i)]]() mutable {
+            *dropper = std::this_thread::get_id();
+            key.reset();
+        });
     }
     for (std::thread& client : clients) {
         client.join();
@@ -114,7 +101,10 @@ TEST_F(ProfileKeyTest, HandlesDroppedConcurrentlyEachReleaseTheirOwnToken) {
     std::vector<unsigned long long> tokens;
     for (const RequestRecorder::Record& record : recorder.sent()) {
         ASSERT_NE(record.request, nullptr);
-        tokens.push_back(record.request->getReleaseToken());
+        const unsigned long long token = record.request->getReleaseToken();
+        tokens.push_back(token);
+        ASSERT_TRUE(token >= 100 && token < 100 + kClients) << token;
+        EXPECT_EQ(record.caller, droppers[token - 100]) << token;
     }
     std::sort(tokens.begin(), tokens.end());
     EXPECT_EQ(tokens, (std::vector<unsigned long long>{100, 101, 102, 103}));

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <ostream>
 #include <sstream>
 #include <string>
 
@@ -15,10 +14,6 @@ struct NameCase {
     std::string expected;
 };
 
-void PrintTo(const NameCase& c, std::ostream* os) {
-    *os << '"' << c.expected << '"';
-}
-
 template <typename T>
 NameCase printed(T value, std::string expected) {
     std::ostringstream os;
@@ -26,25 +21,27 @@ NameCase printed(T value, std::string expected) {
     return NameCase{os.str(), toString(value), std::move(expected)};
 }
 
-class EnumPrinterTest : public ::testing::TestWithParam<NameCase> {};
-
-TEST_P(EnumPrinterTest, PrintsNameOrNumber) {
-    EXPECT_EQ(GetParam().streamed, GetParam().expected);
-    EXPECT_EQ(GetParam().converted, GetParam().expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Names, EnumPrinterTest,
-    ::testing::Values(
-        printed(TechType::TYPE_3GPP, "3GPP"), printed(TechType::TYPE_3GPP2, "3GPP2"),
-        printed(static_cast<TechType>(7), "7"), printed(IPType::UNKNOWN, "UNKNOWN"),
-        printed(IPType::V4, "V4"), printed(IPType::V6, "V6"), printed(IPType::V4V6, "V4V6"),
-        printed(static_cast<IPType>(4), "4"), printed(AuthType::NONE, "NONE"),
-        printed(AuthType::PAP, "PAP"), printed(AuthType::CHAP, "CHAP"),
-        printed(AuthType::PAP_CHAP, "PAP_CHAP"), printed(static_cast<AuthType>(-2), "-2"),
-        printed(static_cast<ApnClass>(0), "0"), printed(ApnClass::IMS, "IMS"),
-        printed(ApnClass::ADMN, "ADMN"), printed(ApnClass::INET, "INET"),
-        printed(ApnClass::APP, "APP"), printed(static_cast<ApnClass>(5), "5"),
+TEST(EnumPrinterTest, PrintsNameOrNumber) {
+    const NameCase cases[] = {
+        printed(TechType::TYPE_3GPP, "3GPP"),
+        printed(TechType::TYPE_3GPP2, "3GPP2"),
+        printed(static_cast<TechType>(7), "7"),
+        printed(IPType::UNKNOWN, "UNKNOWN"),
+        printed(IPType::V4, "V4"),
+        printed(IPType::V6, "V6"),
+        printed(IPType::V4V6, "V4V6"),
+        printed(static_cast<IPType>(4), "4"),
+        printed(AuthType::NONE, "NONE"),
+        printed(AuthType::PAP, "PAP"),
+        printed(AuthType::CHAP, "CHAP"),
+        printed(AuthType::PAP_CHAP, "PAP_CHAP"),
+        printed(static_cast<AuthType>(-2), "-2"),
+        printed(static_cast<ApnClass>(0), "0"),
+        printed(ApnClass::IMS, "IMS"),
+        printed(ApnClass::ADMN, "ADMN"),
+        printed(ApnClass::INET, "INET"),
+        printed(ApnClass::APP, "APP"),
+        printed(static_cast<ApnClass>(5), "5"),
         printed(static_cast<ApnTypes>(0), "NONE"),
         printed(static_cast<ApnTypes>(0x41), "DEFAULT|IMS|"),
         printed(static_cast<ApnTypes>(0xFFF),
@@ -58,7 +55,12 @@ INSTANTIATE_TEST_SUITE_P(
                 "HomeIPSubset|RoamIPSubset|ApnNameSubset|ApnTypeBitmaskSubset|HomeIPSuperset|"
                 "RoamIPSuperset|"),
         printed(static_cast<FilterMatchType>(0x4C), "ApnNameSubset|ApnTypeBitmaskSubset|"),
-        printed(static_cast<FilterMatchType>(0x40), "")));
+        printed(static_cast<FilterMatchType>(0x40), "")};
+    for (const NameCase& c : cases) {
+        EXPECT_EQ(c.streamed, c.expected);
+        EXPECT_EQ(c.converted, c.expected);
+    }
+}
 
 // Every field set, in an order unlike the dump's, so the dump's own order shows.
 FilterProfileParams everyField() {
@@ -95,14 +97,6 @@ bool hasAnyField(const ProfileParams& p) {
            p.hasPdnReqWaitInterval() || p.hasIsApnDisabled() || p.hasIsEmergencySupported();
 }
 
-TEST(ProfileParamsTest, DefaultHasNoFieldAndDumpsEmpty) {
-    ProfileParams params;
-    EXPECT_FALSE(hasAnyField(params));
-    EXPECT_FALSE(params.getIsKelProfile());
-    EXPECT_FALSE(params.getIsIAProfile());
-    EXPECT_EQ(params.dump(), "");
-}
-
 TEST(ProfileParamsTest, DumpWritesPresentFieldsInFixedOrder) {
     ProfileParams params = everyField();
     EXPECT_EQ(params.dump(), kEveryFieldDump);
@@ -114,56 +108,39 @@ TEST(ProfileParamsTest, DumpWritesPresentFieldsInFixedOrder) {
     EXPECT_EQ(few.dump(), "ApnName=ims,HomeIPType=V4V6,ApnTypesMask=IMS|,");
 }
 
-struct DumpCase {
-    const char* name;
-    void (*fill)(FilterProfileParams&);
-    const char* expected;
-};
-
-void PrintTo(const DumpCase& c, std::ostream* os) {
-    *os << c.name;
+// Each field alone, dumped by the base class.
+TEST(ProfileParamsTest, DumpsEachFieldAlone) {
+    const struct {
+        const char* name;
+        void (*fill)(FilterProfileParams&);
+        const char* expected;
+    } cases[] = {
+        {"UnnamedApnClass", [](FilterProfileParams& p) { p.setApnClass(ApnClass{}); },
+         "ApnClass=0,"},
+        {"UnnamedAuthType", [](FilterProfileParams& p) { p.setAuthType(static_cast<AuthType>(7)); },
+         "AuthType=7,"},
+        {"UnnamedIPType", [](FilterProfileParams& p) { p.setRoamIPType(static_cast<IPType>(9)); },
+         "RoamIPType=9,"},
+        {"UnknownMaskBitsOnly", [](FilterProfileParams& p) { p.setApnTypesMask(0x1000); },
+         "ApnTypesMask=,"},
+        {"EmptyMask", [](FilterProfileParams& p) { p.setApnTypesMask(0); }, "ApnTypesMask=NONE,"},
+        {"EmptyStringIsPresent", [](FilterProfileParams& p) { p.setApnName(""); }, "ApnName=,"},
+        {"KelFlagPresentFalse", [](FilterProfileParams& p) { p.setFilterByIsKelProfile(false); },
+         "IsKelProfile=false,"},
+        {"KelFlagPresentTrue", [](FilterProfileParams& p) { p.setFilterByIsKelProfile(true); },
+         "IsKelProfile=true,"},
+        {"IAFlagPresentFalse", [](FilterProfileParams& p) { p.setFilterByIsIAProfile(false); },
+         "IsIAProfile=false,"},
+        {"IAFlagPresentTrue", [](FilterProfileParams& p) { p.setFilterByIsIAProfile(true); },
+         "IsIAProfile=true,"},
+        {"FlagsAbsent", [](FilterProfileParams&) {}, ""}};
+    for (const auto& c : cases) {
+        FilterProfileParams filter;
+        c.fill(filter);
+        const ProfileParams& params = filter;
+        EXPECT_EQ(params.ProfileParams::dump(), c.expected) << c.name;
+    }
 }
-
-class ProfileParamsDumpTest : public ::testing::TestWithParam<DumpCase> {};
-
-TEST_P(ProfileParamsDumpTest, DumpsField) {
-    FilterProfileParams filter;
-    GetParam().fill(filter);
-    const ProfileParams& params = filter;
-    EXPECT_EQ(params.ProfileParams::dump(), GetParam().expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Fields, ProfileParamsDumpTest,
-    ::testing::Values(
-        DumpCase{"UnnamedApnClass", [](FilterProfileParams& p) { p.setApnClass(ApnClass{}); },
-                 "ApnClass=0,"},
-        DumpCase{"UnnamedAuthType",
-                 [](FilterProfileParams& p) { p.setAuthType(static_cast<AuthType>(7)); },
-                 "AuthType=7,"},
-        DumpCase{"UnnamedIPType",
-                 [](FilterProfileParams& p) { p.setRoamIPType(static_cast<IPType>(9)); },
-                 "RoamIPType=9,"},
-        DumpCase{"UnknownMaskBitsOnly", [](FilterProfileParams& p) { p.setApnTypesMask(0x1000); },
-                 "ApnTypesMask=,"},
-        DumpCase{"EmptyMask", [](FilterProfileParams& p) { p.setApnTypesMask(0); },
-                 "ApnTypesMask=NONE,"},
-        DumpCase{"EmptyStringIsPresent", [](FilterProfileParams& p) { p.setApnName(""); },
-                 "ApnName=,"},
-        DumpCase{"KelFlagPresentFalse",
-                 [](FilterProfileParams& p) { p.setFilterByIsKelProfile(false); },
-                 "IsKelProfile=false,"},
-        DumpCase{"KelFlagPresentTrue",
-                 [](FilterProfileParams& p) { p.setFilterByIsKelProfile(true); },
-                 "IsKelProfile=true,"},
-        DumpCase{"IAFlagPresentFalse",
-                 [](FilterProfileParams& p) { p.setFilterByIsIAProfile(false); },
-                 "IsIAProfile=false,"},
-        DumpCase{"IAFlagPresentTrue",
-                 [](FilterProfileParams& p) { p.setFilterByIsIAProfile(true); },
-                 "IsIAProfile=true,"},
-        DumpCase{"FlagsAbsent", [](FilterProfileParams&) {}, ""}),
-    [](const ::testing::TestParamInfo<DumpCase>& param) { return std::string(param.param.name); });
 
 TEST(ProfileParamsCopyTest, CopyCarriesEveryFieldWithPresence) {
     const FilterProfileParams source = everyField();
@@ -194,10 +171,12 @@ TEST(ProfileParamsCopyTest, AssigningAbsentFieldsOverPresentOnesLeavesThemAbsent
 
     params = ProfileParams();
     EXPECT_FALSE(hasAnyField(params));
+    EXPECT_FALSE(params.getIsKelProfile());
+    EXPECT_FALSE(params.getIsIAProfile());
     EXPECT_EQ(params.dump(), "");
 }
 
-TEST(AddProfileParamsTest, ConstructorMakesIAFlagPresent) {
+TEST(AddProfileParamsTest, ConstructorMakesIAFlagPresentAndDumpsTheTechByNameOrNumber) {
     AddProfileParams params(false, TechType::TYPE_3GPP, false);
     EXPECT_FALSE(params.getIsPersistent());
     EXPECT_EQ(params.getTechType(), TechType::TYPE_3GPP);
@@ -208,6 +187,8 @@ TEST(AddProfileParamsTest, ConstructorMakesIAFlagPresent) {
     AddProfileParams attach(true, TechType::TYPE_3GPP, true);
     EXPECT_TRUE(attach.getIsIAProfile());
     EXPECT_EQ(attach.dump(), "3GPP persist=true: IsIAProfile=true,");
+    EXPECT_EQ(AddProfileParams(false, static_cast<TechType>(5), true).dump(),
+              "5 persist=false: IsIAProfile=true,");
 }
 
 TEST(AddProfileParamsTest, CopiedParamsGetTheArgumentsIAFlag) {
@@ -224,11 +205,6 @@ TEST(AddProfileParamsTest, CopiedParamsGetTheArgumentsIAFlag) {
     EXPECT_EQ(params.getTechType(), TechType::TYPE_3GPP2);
     EXPECT_EQ(params.dump(),
               "3GPP2 persist=true: ApnName=ims,IsKelProfile=true,IsIAProfile=false,");
-}
-
-TEST(AddProfileParamsTest, UnnamedTechTypeDumpsAsNumber) {
-    AddProfileParams params(false, static_cast<TechType>(5), true);
-    EXPECT_EQ(params.dump(), "5 persist=false: IsIAProfile=true,");
 }
 
 TEST(FilterProfileParamsTest, DumpsCriteriaTechAndIdBeforeFields) {

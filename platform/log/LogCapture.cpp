@@ -13,6 +13,9 @@
 #include <mutex>
 
 #include "HostLog.h"
+#ifdef KELR_HOSTLOG_SYSTEM_LIBLOG
+#include "StderrCapture.h"
+#endif
 
 namespace hostlog {
 namespace {
@@ -121,6 +124,10 @@ void echo(const std::string& text) {
     if (!echoEnabled()) {
         return;
     }
+#ifdef KELR_HOSTLOG_SYSTEM_LIBLOG
+    // Standard error may be a capture's file, which must hold the system's records only.
+    writeToOriginalStderr(text);
+#else
     const char* data = text.data();
     size_t left = text.size();
     while (left > 0) {
@@ -134,6 +141,7 @@ void echo(const std::string& text) {
         data += written;
         left -= static_cast<size_t>(written);
     }
+#endif
 }
 
 }  // namespace detail
@@ -144,9 +152,15 @@ LogCapture::LogCapture() {
         captureActive.store(true);
         reset(r);
     });
+#ifdef KELR_HOSTLOG_SYSTEM_LIBLOG
+    detail::startStderrCapture();
+#endif
 }
 
 LogCapture::~LogCapture() {
+#ifdef KELR_HOSTLOG_SYSTEM_LIBLOG
+    detail::stopStderrCapture();
+#endif
     withRecords([](Records& r) {
         r.capturing = false;
         captureActive.store(false);
@@ -155,7 +169,12 @@ LogCapture::~LogCapture() {
 }
 
 std::vector<AndroidLogRecord> LogCapture::android() const {
+#ifdef KELR_HOSTLOG_SYSTEM_LIBLOG
+    // The system's liblog records nothing here: its records are what it wrote to standard error.
+    return detail::stderrRecords();
+#else
     return withRecords([](Records& r) { return r.android; });
+#endif
 }
 
 std::vector<DiagRecord> LogCapture::diag() const {
@@ -171,30 +190,41 @@ int LogCapture::diagDeInitCalls() const {
 }
 
 std::vector<AndroidLogRecord> LogCapture::androidContaining(const std::string& text) const {
-    return withRecords([&text](Records& r) {
-        std::vector<AndroidLogRecord> found;
-        for (const AndroidLogRecord& record : r.android) {
-            if (record.message.find(text) != std::string::npos) {
-                found.push_back(record);
-            }
+    std::vector<AndroidLogRecord> found;
+    for (AndroidLogRecord& record : android()) {
+        if (record.message.find(text) != std::string::npos) {
+            found.push_back(std::move(record));
         }
-        return found;
-    });
+    }
+    return found;
 }
 
 bool LogCapture::hasAndroidMessage(const std::string& text) const {
-    return withRecords([&text](Records& r) {
-        for (const AndroidLogRecord& record : r.android) {
-            if (record.message == text) {
-                return true;
-            }
+    for (const AndroidLogRecord& record : android()) {
+        if (record.message == text) {
+            return true;
         }
-        return false;
-    });
+    }
+    return false;
 }
 
 void LogCapture::clear() {
     withRecords([](Records& r) { reset(r); });
+#ifdef KELR_HOSTLOG_SYSTEM_LIBLOG
+    detail::clearStderrRecords();
+#endif
+}
+
+std::string androidLogUnreadableReason() {
+#if defined(KELR_HOSTLOG_SYSTEM_LIBLOG)
+    return detail::stderrCaptureUnavailableReason();
+#elif defined(KELR_SYSTEM_LIBLOG)
+    // A device's tests: liblog writes to the log daemon, and this capture never sees its records.
+    return "asserts on Android log records, which the system's liblog hands to the log daemon, "
+           "where a test cannot read them back";
+#else
+    return std::string();
+#endif
 }
 
 void setEcho(bool enabled) {

@@ -3,6 +3,7 @@
 #include <diag/msg.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
@@ -21,6 +22,7 @@
 
 namespace {
 
+#ifndef KELR_SYSTEM_LIBLOG
 // The messages of printed, a run of logcat-style lines "MM-DD HH:MM:SS.mmm pid tid P tag: text",
 // each checked for that shape with the given priority letter and tag; a line of another shape
 // yields "<malformed: line>".
@@ -45,6 +47,7 @@ std::vector<std::string> logcatLines(const std::string& printed, char priority,
     }
     return messages;
 }
+#endif
 
 const msg_const_type* descriptor(const char* format) {
     // One per thread: the threaded test fills it concurrently.
@@ -177,6 +180,7 @@ TEST(DiagStandInTest, RecordsDescriptorAndSessionCalls) {
     EXPECT_EQ(sent[0].text, "x=1");
 }
 
+#ifndef KELR_SYSTEM_LIBLOG
 TEST(AndroidStandInTest, RecordsPriorityTagAndFormattedMessage) {
     hostlog::LogCapture capture;
     EXPECT_EQ(__android_log_print(ANDROID_LOG_WARN, "TAG", "n=%d s=%s", 3, "x"), 7);
@@ -192,6 +196,77 @@ TEST(AndroidStandInTest, RecordsPriorityTagAndFormattedMessage) {
     EXPECT_FALSE(capture.hasAndroidMessage("untag"));
     ASSERT_EQ(capture.androidContaining("s=").size(), 1u);
     EXPECT_EQ(capture.androidContaining("s=")[0].message, "n=3 s=x");
+}
+#endif
+
+// Whichever liblog is linked, the capture gives back each record as it was written: the system's
+// liblog prints them to standard error, where a tag may hold spaces and a message lines of its
+// own.
+TEST(LogCaptureTest, ReadsBackEveryPriorityWithTagAndText) {
+    struct Row {
+        int priority;
+        const char* tag;
+        const char* text;
+    };
+    const std::vector<Row> rows = {
+        {ANDROID_LOG_VERBOSE, "KEL", "verbose 1"},
+        {ANDROID_LOG_DEBUG, "KEL", "debug"},
+        {ANDROID_LOG_INFO, "Two words", "info"},
+        {ANDROID_LOG_WARN, "KEL", "first\nsecond"},
+        {ANDROID_LOG_ERROR, "KEL", "ends in a newline\n"},
+        {ANDROID_LOG_FATAL, "KEL", ""},
+        {ANDROID_LOG_ERROR, "KEL", "looks like a head: KEL I 01-02 03:04:05 1 1 x"},
+    };
+    hostlog::LogCapture capture;
+    for (const Row& row : rows) {
+        __android_log_print(row.priority, row.tag, "%s", row.text);
+    }
+
+    std::vector<hostlog::AndroidLogRecord> written = capture.android();
+    ASSERT_EQ(written.size(), rows.size());
+    for (size_t i = 0; i < rows.size(); ++i) {
+        SCOPED_TRACE(rows[i].text);
+        EXPECT_EQ(written[i].priority, rows[i].priority);
+        EXPECT_EQ(written[i].tag, rows[i].tag);
+        EXPECT_EQ(written[i].message, rows[i].text);
+    }
+}
+
+struct FileIdentity {
+    dev_t device = 0;
+    ino_t inode = 0;
+};
+
+FileIdentity standardErrorIdentity() {
+    struct stat status {};
+    EXPECT_EQ(fstat(STDERR_FILENO, &status), 0);
+    return {status.st_dev, status.st_ino};
+}
+
+TEST(LogCaptureTest, RestoresStandardErrorWhenItEnds) {
+    const FileIdentity before = standardErrorIdentity();
+    {
+        hostlog::LogCapture capture;
+        __android_log_print(ANDROID_LOG_INFO, "T", "inside");
+#ifdef KELR_SYSTEM_LIBLOG
+        // What the capture reads is private to it.
+        struct stat status {};
+        ASSERT_EQ(fstat(STDERR_FILENO, &status), 0);
+        EXPECT_EQ(status.st_mode & 0777, 0600u);
+        EXPECT_EQ(status.st_nlink, 0u);
+#endif
+        EXPECT_TRUE(capture.hasAndroidMessage("inside"));
+    }
+    const FileIdentity after = standardErrorIdentity();
+    EXPECT_EQ(after.device, before.device);
+    EXPECT_EQ(after.inode, before.inode);
+
+    __android_log_print(ANDROID_LOG_INFO, "T", "between");
+    hostlog::LogCapture next;
+    __android_log_print(ANDROID_LOG_INFO, "T", "next");
+    EXPECT_FALSE(next.hasAndroidMessage("inside"));
+    EXPECT_FALSE(next.hasAndroidMessage("between"));
+    EXPECT_TRUE(next.hasAndroidMessage("next"));
 }
 
 TEST(LogCaptureTest, RecordsOnlyWhileItLivesAndClears) {
@@ -261,6 +336,23 @@ std::string standardErrorOf(const std::function<void()>& call) {
     return text;
 }
 
+// Whatever a capture's lifetime wrote to standard error still reaches it, log or not.
+TEST(LogCaptureTest, LeavesWhatWasWrittenOnStandardError) {
+    hostlog::setEcho(true);
+    const std::string printed = standardErrorOf([] {
+        hostlog::LogCapture capture;
+        // Before the record: standard error keeps no write boundaries, so another writer's line
+        // after a record reads as the record's next line.
+        std::fprintf(stderr, "not a record\n");
+        __android_log_print(ANDROID_LOG_WARN, "KEL", "handed %s", "back");
+        EXPECT_TRUE(capture.hasAndroidMessage("handed back"));
+    });
+    EXPECT_NE(printed.find(" handed back\n"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("not a record\n"), std::string::npos) << printed;
+    restoreDefaultEcho();
+}
+
+#ifndef KELR_SYSTEM_LIBLOG
 TEST(AndroidStandInTest, PrintsLogcatThreadtimeLinePerMessageLine) {
     hostlog::setEcho(true);
     std::string printed = standardErrorOf(
@@ -279,6 +371,7 @@ TEST(AndroidStandInTest, PrintsLogcatThreadtimeLinePerMessageLine) {
     EXPECT_EQ(written, 0);
     restoreDefaultEcho();
 }
+#endif
 
 TEST(DiagStandInTest, PrintsDescriptorAndText) {
     hostlog::setEcho(true);

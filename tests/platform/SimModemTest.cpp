@@ -5,9 +5,8 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <fstream>
+#include <map>
 #include <set>
-#include <sstream>
 
 #include "VexWire.h"
 #include "platform/VexTestClient.h"
@@ -108,37 +107,27 @@ TEST(ProfileTextTest, ParseErrorsNameTheLineAndTheReasonAndKeepNothing) {
 }
 
 TEST(ProfileTextTest, ShippedSeedIsACarrierProvisionedModem) {
-    std::ifstream in(testsupport::sourceDir() + "/data/modem-seed.conf");
-    std::stringstream text;
-    text << in.rdbuf();
     std::vector<Profile> parsed;
     std::string error;
-    ASSERT_TRUE(vexsim::parseProfiles(text.str(), &parsed, &error)) << error;
-    auto find = [&](int sub, const char* name) -> const Profile* {
-        for (const Profile& p : parsed) {
-            if (p.subscription == sub && std::string(p.settings.profile_name) == name) {
-                return &p;
-            }
-        }
-        return nullptr;
-    };
-    const Profile* internet = find(0, "internet");
-    ASSERT_NE(internet, nullptr);
-    EXPECT_EQ(internet->settings.apn_type_mask,
-              WDS_APN_TYPE_MASK_DEFAULT_V01 | WDS_APN_TYPE_MASK_SUPL_V01);
-    EXPECT_EQ(internet->settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
-    const Profile* ims = find(0, "ims");
-    ASSERT_NE(ims, nullptr);
-    EXPECT_EQ(ims->settings.apn_class, 1);
-    const Profile* sos = find(0, "sos");
-    ASSERT_NE(sos, nullptr);
-    EXPECT_EQ(sos->settings.support_emergency_calls, 1);
-    EXPECT_NE(find(0, "mms"), nullptr);
+    ASSERT_TRUE(vexsim::parseProfiles(
+        testsupport::readFile(testsupport::sourceDir() + "/data/modem-seed.conf"), &parsed, &error))
+        << error;
+    std::map<std::string, wds_profile_settings_v01> first;  // by name, on subscription 0
     int cdma = 0, second = 0;
     for (const Profile& p : parsed) {
+        if (p.subscription == 0) {
+            first.emplace(p.settings.profile_name, p.settings);
+        }
         cdma += p.type == WDS_PROFILE_TYPE_3GPP2_V01;
         second += p.subscription == 1;
     }
+    ASSERT_EQ(first.count("internet") + first.count("ims") + first.count("sos"), 3u);
+    EXPECT_EQ(first["internet"].apn_type_mask,
+              WDS_APN_TYPE_MASK_DEFAULT_V01 | WDS_APN_TYPE_MASK_SUPL_V01);
+    EXPECT_EQ(first["internet"].pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
+    EXPECT_EQ(first["ims"].apn_class, 1);
+    EXPECT_EQ(first["sos"].support_emergency_calls, 1);
+    EXPECT_EQ(first.count("mms"), 1u);
     EXPECT_GE(cdma, 1);
     EXPECT_GE(second, 2);
 }
@@ -204,6 +193,39 @@ std::unique_ptr<wds_get_profile_list_resp_msg_v01> listProfiles(RecordingClient&
     return resp;
 }
 
+// Each sends one request and returns the modem's result; a failed send fails the test.
+vex_response_type_v01 createResult(RecordingClient& client, wds_profile_type_enum_v01 type,
+                                   const wds_profile_settings_v01& settings) {
+    wds_create_profile_resp_msg_v01 resp;
+    EXPECT_EQ(createProfile(client, type, settings, &resp), VEX_NO_ERR);
+    return resp.resp;
+}
+
+vex_response_type_v01 modifyResult(RecordingClient& client, wds_profile_identifier_type_v01 id,
+                                   const wds_profile_settings_v01& settings) {
+    auto req = std::make_unique<wds_modify_profile_settings_req_msg_v01>();
+    req->profile = id;
+    req->settings = settings;
+    wds_modify_profile_settings_resp_msg_v01 resp{};
+    EXPECT_EQ(client.send(VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, *req, resp), VEX_NO_ERR);
+    return resp.resp;
+}
+
+vex_response_type_v01 deleteResult(RecordingClient& client, wds_profile_identifier_type_v01 id) {
+    wds_delete_profile_req_msg_v01 req{id};
+    wds_delete_profile_resp_msg_v01 resp{};
+    EXPECT_EQ(client.send(VEX_WDS_DELETE_PROFILE_REQ_V01, req, resp), VEX_NO_ERR);
+    return resp.resp;
+}
+
+vex_response_type_v01 bindResult(RecordingClient& client, int subscription) {
+    wds_bind_subscription_req_msg_v01 req{
+        static_cast<wds_bind_subscription_enum_v01>(subscription)};
+    wds_bind_subscription_resp_msg_v01 resp{};
+    EXPECT_EQ(client.send(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, req, resp), VEX_NO_ERR);
+    return resp.resp;
+}
+
 TEST_F(SimModemTest, AnswersEveryMessageOfTheService) {
     auto client = registered(0);  // bind, indication register, event list: each succeeded
 
@@ -225,22 +247,16 @@ TEST_F(SimModemTest, AnswersEveryMessageOfTheService) {
     ASSERT_EQ(list2->profile_list_len, 1u);
     EXPECT_EQ(list2->profile_list[0].profile_type, WDS_PROFILE_TYPE_3GPP2_V01);
 
-    auto modify = std::make_unique<wds_modify_profile_settings_req_msg_v01>();
-    modify->profile = id3gpp(4);
-    modify->settings.apn_name_valid = 1;
-    std::strcpy(modify->settings.apn_name, "changed.apn");
-    wds_modify_profile_settings_resp_msg_v01 modified{};
-    ASSERT_EQ(client->send(VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, *modify, modified), VEX_NO_ERR);
-    EXPECT_EQ(modified.resp.result, 0);
+    wds_profile_settings_v01 change{};
+    change.apn_name_valid = 1;
+    std::strcpy(change.apn_name, "changed.apn");
+    EXPECT_EQ(modifyResult(*client, id3gpp(4), change).result, 0);
     auto got = getProfile(*client, id3gpp(4));
     ASSERT_EQ(got->resp.result, 0);
     EXPECT_STREQ(got->settings.apn_name, "changed.apn");
     EXPECT_STREQ(got->settings.profile_name, "kel");  // not in the modify: kept
 
-    wds_delete_profile_req_msg_v01 del{id3gpp(4)};
-    wds_delete_profile_resp_msg_v01 deleted{};
-    ASSERT_EQ(client->send(VEX_WDS_DELETE_PROFILE_REQ_V01, del, deleted), VEX_NO_ERR);
-    EXPECT_EQ(deleted.resp.result, 0);
+    EXPECT_EQ(deleteResult(*client, id3gpp(4)).result, 0);
     EXPECT_FALSE(modem().profile(0, WDS_PROFILE_TYPE_3GPP_V01, 4).has_value());
     EXPECT_EQ(getProfile(*client, id3gpp(4))->resp.error, VEX_ERR_INVALID_PROFILE_V01);
 }
@@ -313,59 +329,23 @@ TEST_F(SimModemTest, BadRequestsGetAFailedResultAndChangeNothing) {
         int error;
     } cases[] = {
         {"create of an unknown type",
-         [&] {
-             wds_create_profile_resp_msg_v01 r;
-             createProfile(client, WDS_PROFILE_TYPE_EPC_V01, settings3gpp("x", "y"), &r);
-             return r.resp;
-         },
+         [&] { return createResult(client, WDS_PROFILE_TYPE_EPC_V01, settings3gpp("x", "y")); },
          VEX_ERR_INVALID_PROFILE_TYPE_V01},
         {"create with an unterminated APN",
-         [&] {
-             wds_create_profile_resp_msg_v01 r;
-             createProfile(client, WDS_PROFILE_TYPE_3GPP_V01, unterminated, &r);
-             return r.resp;
-         },
+         [&] { return createResult(client, WDS_PROFILE_TYPE_3GPP_V01, unterminated); },
          VEX_ERR_INVALID_ARG_V01},
         {"create with an unknown PDP type",
-         [&] {
-             wds_create_profile_resp_msg_v01 r;
-             createProfile(client, WDS_PROFILE_TYPE_3GPP_V01, badPdp, &r);
-             return r.resp;
-         },
+         [&] { return createResult(client, WDS_PROFILE_TYPE_3GPP_V01, badPdp); },
          VEX_ERR_INVALID_ARG_V01},
         {"modify with an unknown roaming type",
-         [&] {
-             auto req = std::make_unique<wds_modify_profile_settings_req_msg_v01>();
-             req->profile = id3gpp(1);
-             req->settings = badRoam;
-             wds_modify_profile_settings_resp_msg_v01 r{};
-             client.send(VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, *req, r);
-             return r.resp;
-         },
-         VEX_ERR_INVALID_ARG_V01},
-        {"modify of index 0",
-         [&] {
-             auto req = std::make_unique<wds_modify_profile_settings_req_msg_v01>();
-             req->profile = id3gpp(0);
-             wds_modify_profile_settings_resp_msg_v01 r{};
-             client.send(VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, *req, r);
-             return r.resp;
-         },
+         [&] { return modifyResult(client, id3gpp(1), badRoam); }, VEX_ERR_INVALID_ARG_V01},
+        {"modify of index 0", [&] { return modifyResult(client, id3gpp(0), {}); },
          VEX_ERR_INVALID_PROFILE_V01},
-        {"delete of an absent index",
-         [&] {
-             wds_delete_profile_req_msg_v01 req{id3gpp(200)};
-             wds_delete_profile_resp_msg_v01 r{};
-             client.send(VEX_WDS_DELETE_PROFILE_REQ_V01, req, r);
-             return r.resp;
-         },
+        {"delete of an absent index", [&] { return deleteResult(client, id3gpp(200)); },
          VEX_ERR_INVALID_PROFILE_V01},
         {"delete of an unknown type",
          [&] {
-             wds_delete_profile_req_msg_v01 req{{static_cast<wds_profile_type_enum_v01>(7), 1}};
-             wds_delete_profile_resp_msg_v01 r{};
-             client.send(VEX_WDS_DELETE_PROFILE_REQ_V01, req, r);
-             return r.resp;
+             return deleteResult(client, {static_cast<wds_profile_type_enum_v01>(7), 1});
          },
          VEX_ERR_INVALID_PROFILE_TYPE_V01},
         {"get of an absent index", [&] { return getProfile(client, id3gpp(9))->resp; },
@@ -373,13 +353,7 @@ TEST_F(SimModemTest, BadRequestsGetAFailedResultAndChangeNothing) {
         {"list of an unknown type",
          [&] { return listProfiles(client, WDS_PROFILE_TYPE_EPC_V01)->resp; },
          VEX_ERR_INVALID_PROFILE_TYPE_V01},
-        {"bind to a subscription the modem lacks",
-         [&] {
-             wds_bind_subscription_req_msg_v01 req{static_cast<wds_bind_subscription_enum_v01>(5)};
-             wds_bind_subscription_resp_msg_v01 r{};
-             client.send(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, req, r);
-             return r.resp;
-         },
+        {"bind to a subscription the modem lacks", [&] { return bindResult(client, 5); },
          VEX_ERR_INVALID_ARG_V01},
     };
     for (const Case& c : cases) {
@@ -444,9 +418,7 @@ TEST_F(SimModemTest, ChangesReachRegisteredClientsOfTheSubscriptionThatCoverTheP
     // Bound, but not registered for indications.
     RecordingClient silent;
     ASSERT_EQ(silent.connect(), VEX_NO_ERR);
-    wds_bind_subscription_req_msg_v01 bind{};
-    wds_bind_subscription_resp_msg_v01 bindResp{};
-    ASSERT_EQ(silent.send(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, bind, bindResp), VEX_NO_ERR);
+    ASSERT_EQ(bindResult(silent, 0).result, VEX_RESULT_SUCCESS_V01);
     // Registered, but hears only about 3GPP2 profiles.
     RecordingClient cdmaOnly;
     ASSERT_EQ(cdmaOnly.connect(), VEX_NO_ERR);
@@ -590,11 +562,9 @@ TEST_F(SimModemTest, FailNextFailsOnlyTheChosenRequestsThenRecovers) {
     EXPECT_EQ(listProfiles(client, WDS_PROFILE_TYPE_3GPP_V01)->profile_list_len, 3u);
 
     modem().failNext(1);
-    wds_bind_subscription_req_msg_v01 bind{};
-    wds_bind_subscription_resp_msg_v01 bindResp{};
-    ASSERT_EQ(client.send(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, bind, bindResp), VEX_NO_ERR);
-    EXPECT_EQ(bindResp.resp.result, VEX_RESULT_FAILURE_V01);
-    EXPECT_EQ(bindResp.resp.error, VEX_ERR_INTERNAL_V01);
+    const vex_response_type_v01 bound = bindResult(client, 0);
+    EXPECT_EQ(bound.result, VEX_RESULT_FAILURE_V01);
+    EXPECT_EQ(bound.error, VEX_ERR_INTERNAL_V01);
     EXPECT_FALSE(harness.waitForClients(1).at(0).bound);
 }
 

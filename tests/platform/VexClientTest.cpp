@@ -66,37 +66,34 @@ TEST_F(VexClientTest, GetAnyServiceFindsTheModemOnlyWhileItIsUp) {
     EXPECT_EQ(client.handle, nullptr);
 }
 
-TEST_F(VexClientTest, NotifierReportsAtOnceWhenUpAndAgainAfterEveryRestart) {
-    NotifyCounter counter;
-    vex_client_type notifier = counter.startNotifier();
-    ASSERT_NE(notifier, nullptr);
-    ASSERT_TRUE(counter.waitForUps(1));
-    EXPECT_NE(counter.callbackThread(), std::this_thread::get_id());
+TEST_F(VexClientTest, NotifierReportsAtOnceWhenUpOrWhenTheModemComesUpAndAfterEveryRestart) {
+    NotifyCounter early;
+    vex_client_type earlyNotifier = early.startNotifier();
+    ASSERT_NE(earlyNotifier, nullptr);
+    ASSERT_TRUE(early.waitForUps(1));
+    EXPECT_NE(early.callbackThread(), std::this_thread::get_id());
 
-    for (int restart = 1; restart <= 2; ++restart) {
-        modem().stop();
-        ASSERT_TRUE(modem().start(&harness.error)) << harness.error;
-        ASSERT_TRUE(counter.waitForUps(1 + restart)) << "restart " << restart;
-    }
-    EXPECT_EQ(vex_client_release(notifier), VEX_NO_ERR);
-    EXPECT_EQ(counter.count(), 3);
-}
-
-TEST_F(VexClientTest, NotifierRegisteredWhileDownReportsWhenTheModemComesUp) {
     modem().stop();
-    NotifyCounter counter;
-    vex_client_type notifier = counter.startNotifier();
-    ASSERT_NE(notifier, nullptr);
-    ASSERT_TRUE(modem().start(&harness.error)) << harness.error;
-    ASSERT_TRUE(counter.waitForUps(1));
-    // The notifier's watch connection is not a WDS client.
-    ASSERT_TRUE(modem().waitUntil(
-        [&] {
-            auto clients = modem().clients();
-            return clients.size() == 1 && clients[0].notifierOnly;
-        },
-        kWait));
-    EXPECT_EQ(vex_client_release(notifier), VEX_NO_ERR);
+    NotifyCounter late;
+    vex_client_type lateNotifier = late.startNotifier();
+    ASSERT_NE(lateNotifier, nullptr);
+    for (int restart = 1; restart <= 2; ++restart) {
+        ASSERT_TRUE(modem().start(&harness.error)) << harness.error;
+        ASSERT_TRUE(early.waitForUps(1 + restart)) << "restart " << restart;
+        ASSERT_TRUE(late.waitForUps(restart)) << "restart " << restart;
+        // The notifiers' watch connections are not WDS clients.
+        ASSERT_TRUE(modem().waitUntil(
+            [&] {
+                auto clients = modem().clients();
+                return clients.size() == 2 && clients[0].notifierOnly && clients[1].notifierOnly;
+            },
+            kWait));
+        modem().stop();
+    }
+    EXPECT_EQ(vex_client_release(earlyNotifier), VEX_NO_ERR);
+    EXPECT_EQ(vex_client_release(lateNotifier), VEX_NO_ERR);
+    EXPECT_EQ(early.count(), 3);
+    EXPECT_EQ(late.count(), 2);
 }
 
 TEST_F(VexClientTest, InvalidHandlesAreRejectedByEveryCall) {
@@ -177,20 +174,6 @@ TEST_F(VexClientTest, TimedOutRequestLeavesZerosAndItsLateResponseReachesNoOther
     EXPECT_STREQ(resp.settings.profile_name, "mms");
 }
 
-TEST_F(VexClientTest, ModemErrorResultIsDeliveredAsAResponse) {
-    RecordingClient client;
-    ASSERT_EQ(client.connect(), VEX_NO_ERR);
-    modem().failNext(1, VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, VEX_ERR_INTERNAL_V01);
-    auto req = getRequest(1);
-    wds_get_profile_settings_resp_msg_v01 resp{};
-    ASSERT_EQ(client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, req, resp), VEX_NO_ERR);
-    EXPECT_EQ(resp.resp.result, VEX_RESULT_FAILURE_V01);
-    EXPECT_EQ(resp.resp.error, VEX_ERR_INTERNAL_V01);
-    ASSERT_EQ(client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, req, resp), VEX_NO_ERR);
-    EXPECT_EQ(resp.resp.result, VEX_RESULT_SUCCESS_V01);
-    EXPECT_STREQ(resp.settings.apn_name, "internet");
-}
-
 TEST_F(VexClientTest, DroppedConnectionReportsTheErrorOnceAndFailsLaterSends) {
     RecordingClient client;
     ASSERT_EQ(client.connect(), VEX_NO_ERR);
@@ -205,13 +188,21 @@ TEST_F(VexClientTest, DroppedConnectionReportsTheErrorOnceAndFailsLaterSends) {
     wds_get_profile_settings_resp_msg_v01 resp{};
     EXPECT_EQ(client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, req, resp),
               VEX_ERR_CONNECTION_LOST);
-    // Going down afterwards, or another modem event, does not report the loss again.
+    // Going down afterwards, or another modem event, does not report the loss again; every
+    // client still connected hears of the going down, once.
+    RecordingClient first, second;
+    ASSERT_EQ(first.connect(), VEX_NO_ERR);
+    ASSERT_EQ(second.connect(), VEX_NO_ERR);
     modem().stop();
+    ASSERT_TRUE(first.waitForErrors(1));
+    ASSERT_TRUE(second.waitForErrors(1));
     RecordingClient witness;
     ASSERT_TRUE(modem().start(&harness.error));
     ASSERT_EQ(witness.connect(), VEX_NO_ERR);
-    client.release();
-    EXPECT_EQ(client.errorCount(), 1);
+    for (RecordingClient* each : {&client, &first, &second}) {
+        each->release();
+        EXPECT_EQ(each->errorCount(), 1);
+    }
 }
 
 TEST_F(VexClientTest, ErrorCallbackRegisteredAfterTheLossRunsOnceOnTheLibraryThread) {
@@ -249,20 +240,6 @@ TEST_F(VexClientTest, ErrorCallbackRegisteredAfterTheLossRunsOnceOnTheLibraryThr
     EXPECT_EQ(seen.calls.load(), 1);
 }
 
-TEST_F(VexClientTest, EveryClientHearsOnceThatTheModemWentDown) {
-    RecordingClient first, second;
-    ASSERT_EQ(first.connect(), VEX_NO_ERR);
-    ASSERT_EQ(second.connect(), VEX_NO_ERR);
-    modem().stop();
-    ASSERT_TRUE(first.waitForErrors(1));
-    ASSERT_TRUE(second.waitForErrors(1));
-    ASSERT_TRUE(modem().start(&harness.error));
-    first.release();
-    second.release();
-    EXPECT_EQ(first.errorCount(), 1);
-    EXPECT_EQ(second.errorCount(), 1);
-}
-
 TEST_F(VexClientTest, IndicationsArriveInOrderOnTheLibraryThread) {
     RecordingClient client;
     ASSERT_EQ(client.connect(), VEX_NO_ERR);
@@ -283,50 +260,29 @@ TEST_F(VexClientTest, IndicationsArriveInOrderOnTheLibraryThread) {
 }
 
 TEST_F(VexClientTest, ReleaseWaitsForTheCallbackInFlight) {
-    struct Gate {
-        std::promise<void> entered;
-        std::promise<void> go;
-        std::shared_future<void> goFuture = go.get_future().share();
-        std::atomic<bool> finished{false};
-        std::atomic<int> calls{0};
-    } gate;
-    vex_service_info info{};
-    ASSERT_EQ(vex_client_get_any_service(wds(), &info), VEX_NO_ERR);
-    vex_client_type handle = nullptr;
-    vex_client_os_params os{};
-    ASSERT_EQ(vex_client_init(
-                  &info, wds(),
-                  [](vex_client_type, unsigned int, void*, unsigned int, void* data) {
-                      auto* g = static_cast<Gate*>(data);
-                      if (g->calls.fetch_add(1) == 0) {
-                          g->entered.set_value();
-                          g->goFuture.wait();
-                          g->finished = true;
-                      }
-                  },
-                  &gate, &os, &handle),
-              VEX_NO_ERR);
+    std::promise<void> entered, go;
+    std::shared_future<void> goFuture = go.get_future().share();
+    std::atomic<bool> finished{false};
+    std::atomic<int> calls{0};
+    RecordingClient client;
+    client.beforeIndication = [&](unsigned int) {
+        if (calls.fetch_add(1) == 0) {
+            entered.set_value();
+            goFuture.wait();
+            finished = true;
+        }
+    };
     modem().setProfilesReadyOnRegister(false);
-    wds_bind_subscription_req_msg_v01 bind{};
-    wds_bind_subscription_resp_msg_v01 bindResp{};
-    ASSERT_EQ(vex_client_send_msg_sync(handle, VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, &bind,
-                                       sizeof bind, &bindResp, sizeof bindResp, 5000),
-              VEX_NO_ERR);
-    wds_indication_register_req_msg_v01 reg{};
-    reg.report_profile_changed_events_valid = 1;
-    reg.report_profile_changed_events = 1;
-    wds_indication_register_resp_msg_v01 regResp{};
-    ASSERT_EQ(vex_client_send_msg_sync(handle, VEX_WDS_INDICATION_REGISTER_REQ_V01, &reg,
-                                       sizeof reg, &regResp, sizeof regResp, 5000),
-              VEX_NO_ERR);
+    ASSERT_EQ(client.connect(), VEX_NO_ERR);
+    ASSERT_TRUE(client.registerAll(0));
     modem().sendUnknownIndication(0, 0x0777);
-    ASSERT_EQ(gate.entered.get_future().wait_for(kWait), std::future_status::ready);
+    ASSERT_EQ(entered.get_future().wait_for(kWait), std::future_status::ready);
 
     auto released = std::async(std::launch::async, [&] {
-        vex_client_error_type rc = vex_client_release(handle);
-        return std::make_pair(rc, gate.finished.load());
+        vex_client_error_type rc = client.release();
+        return std::make_pair(rc, finished.load());
     });
-    gate.go.set_value();
+    go.set_value();
     auto [rc, finishedBeforeReturn] = released.get();
     EXPECT_EQ(rc, VEX_NO_ERR);
     EXPECT_TRUE(finishedBeforeReturn);

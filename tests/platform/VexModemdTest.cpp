@@ -3,16 +3,12 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 
@@ -23,22 +19,10 @@ namespace {
 
 using namespace vextest;
 
-// Runs vex-modemctl and returns its exit status and output.
+// Runs vex-modemctl through the shell, which splits and unquotes args.
 Result modemctl(const std::string& dir, const std::string& args) {
-    std::string command = std::string(VEX_MODEMCTL_PATH) + " --dir '" + dir + "' " + args + " 2>&1";
-    Result result{-1, ""};
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return result;
-    }
-    char buffer[4096];
-    size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-        result.output.append(buffer, n);
-    }
-    int status = ::pclose(pipe);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+    return runCommand(
+        {"/bin/sh", "-c", std::string(VEX_MODEMCTL_PATH) + " --dir '" + dir + "' " + args});
 }
 
 class VexModemdTest : public ::testing::Test {
@@ -89,11 +73,9 @@ TEST_F(VexModemdTest, ListsChangesAndStopsCleanly) {
     EXPECT_NE(::stat(dir.file("wds").c_str(), &info), 0);
     EXPECT_NE(::stat(dir.file("vex-modemd.ctl").c_str(), &info), 0);
     // The state file holds the changes for the next start.
-    std::ifstream state(dir.file("state.conf"));
-    std::stringstream text;
-    text << state.rdbuf();
-    EXPECT_NE(text.str().find("apn=changed.example"), std::string::npos);
-    EXPECT_EQ(text.str().find("profile 3gpp2"), std::string::npos);
+    const std::string state = testsupport::readFile(dir.file("state.conf"));
+    EXPECT_NE(state.find("apn=changed.example"), std::string::npos);
+    EXPECT_EQ(state.find("profile 3gpp2"), std::string::npos);
 }
 
 TEST_F(VexModemdTest, BadCommandsFailWithOneLineAndChangeNothing) {
@@ -136,38 +118,19 @@ bool asleep(pid_t pid) {
 
 TEST_F(VexModemdTest, ControlWaitsForADaemonThatIsStillStarting) {
     const std::string later = dir.file("later");
-    int fds[2];
-    ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
-    vexwire::UniqueFd output(fds[0]);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-    std::string args[] = {VEX_MODEMCTL_PATH, "--dir", later, "--wait", "30", "clients"};
-    char* argv[] = {args[0].data(), args[1].data(), args[2].data(), args[3].data(),
-                    args[4].data(), args[5].data(), nullptr};
-    pid_t pid = -1;
-    const int spawned = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(fds[1]);
-    ASSERT_EQ(spawned, 0);
+    Daemon waiting;
+    ASSERT_TRUE(
+        waiting.start({"--dir", later, "--wait", "30", "clients"}, false, VEX_MODEMCTL_PATH));
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!asleep(pid) && std::chrono::steady_clock::now() < deadline) {
+    while (!asleep(waiting.processId()) && std::chrono::steady_clock::now() < deadline) {
         ::poll(nullptr, 0, 1);
     }
-    EXPECT_TRUE(asleep(pid)) << "vex-modemctl never waited for the daemon";
+    EXPECT_TRUE(asleep(waiting.processId())) << "vex-modemctl never waited for the daemon";
     Daemon second;
     ASSERT_TRUE(second.start({"--dir", later}));
-    std::string answered;
-    char buffer[256];
-    pollfd pfd{output.get(), POLLIN, 0};
-    for (ssize_t n = 1; n > 0 && ::poll(&pfd, 1, 30000) == 1;) {
-        n = ::read(output.get(), buffer, sizeof buffer);
-        answered.append(buffer, static_cast<size_t>(std::max<ssize_t>(n, 0)));
-    }
-    int status = -1;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << answered;
-    EXPECT_EQ(answered, "no clients\n");
+    EXPECT_EQ(waiting.readLine(), "no clients\n");
+    EXPECT_EQ(waiting.readLine(), "");  // and nothing more
+    EXPECT_EQ(waiting.wait(), 0);
 
     const Result nobody = modemctl(dir.file("nowhere"), "--wait 1 clients");
     EXPECT_EQ(nobody.status, 1);

@@ -102,11 +102,12 @@ inline int runAsOtherUser(const std::function<int()>& body) {
     return WEXITSTATUS(status);
 }
 
-// vex-modemd in the foreground of a child process; its stdout (and its stderr, when asked) comes
-// back through a pipe.
+// vex-modemd (or, given its path, another program) in the foreground of a child process; its
+// stdout (and its stderr, when asked) comes back through a pipe.
 class Daemon {
   public:
-    bool start(const std::vector<std::string>& args, bool withStderr = false) {
+    bool start(const std::vector<std::string>& args, bool withStderr = false,
+               const char* program = VEX_MODEMD_PATH) {
         int fds[2];
         if (::pipe(fds) != 0) {
             return false;
@@ -118,14 +119,14 @@ class Daemon {
             posix_spawn_file_actions_adddup2(&actions, fds[1], STDERR_FILENO);
         }
         posix_spawn_file_actions_addclose(&actions, fds[0]);
-        std::vector<std::string> argv = {VEX_MODEMD_PATH};
+        std::vector<std::string> argv = {program};
         argv.insert(argv.end(), args.begin(), args.end());
         std::vector<char*> cargs;
         for (auto& arg : argv) {
             cargs.push_back(arg.data());
         }
         cargs.push_back(nullptr);
-        int rc = ::posix_spawn(&pid, VEX_MODEMD_PATH, &actions, nullptr, cargs.data(), environ);
+        int rc = ::posix_spawn(&pid, program, &actions, nullptr, cargs.data(), environ);
         posix_spawn_file_actions_destroy(&actions);
         ::close(fds[1]);
         output.reset(fds[0]);
@@ -153,11 +154,16 @@ class Daemon {
     }
     int stop(int signal) {
         ::kill(pid, signal);
+        return wait();
+    }
+    // The exit status once the child has ended by itself; -1 when a signal ended it.
+    int wait() {
         int status = 0;
         ::waitpid(pid, &status, 0);
         pid = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
+    pid_t processId() const { return pid; }
     ~Daemon() {
         if (pid > 0) {
             stop(SIGKILL);

@@ -19,7 +19,6 @@
 #include <functional>
 #include <optional>
 #include <set>
-#include <sstream>
 
 #include "platform/VexProcess.h"
 #include "platform/VexTestClient.h"
@@ -32,12 +31,7 @@ using Clock = std::chrono::steady_clock;
 const char* const kSeed =
     "profile 3gpp name=internet apn=internet pdp=ipv4v6 user=alice password=hunter2\n";
 
-std::string readText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+using testsupport::readFile;
 
 void writeText(const std::string& path, const std::string& text, mode_t mode) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
@@ -325,8 +319,8 @@ TEST_F(OtherUserTest, PreparedOrRedirectedDirectoryIsRefusedByTheModemAndEveryCl
 #endif
     }
     // Nothing was removed through the link.
-    EXPECT_EQ(readText(elsewhere.file("wds")), "not a socket\n");
-    EXPECT_EQ(readText(elsewhere.file("vex-modemd.ctl")), "not a socket\n");
+    EXPECT_EQ(readFile(elsewhere.file("wds")), "not a socket\n");
+    EXPECT_EQ(readFile(elsewhere.file("vex-modemd.ctl")), "not a socket\n");
 }
 
 TEST_F(OtherUserTest, DefaultDirectoryTakenFirstByTheOtherUserIsRefused) {
@@ -395,7 +389,7 @@ TEST_F(ModemFilesTest, DirectorySocketsAndStateAreForTheOwnerAlone) {
     ASSERT_TRUE(modem.createProfile(0, WDS_PROFILE_TYPE_3GPP_V01,
                                     settings3gpp("new", "new.example"), true));
     EXPECT_EQ(modeOf(dir.file("state.conf")), 0600);
-    EXPECT_NE(readText(dir.file("state.conf")).find("apn=new.example"), std::string::npos);
+    EXPECT_NE(readFile(dir.file("state.conf")).find("apn=new.example"), std::string::npos);
 }
 
 TEST_F(ModemFilesTest, NoSymbolicLinkAtTheStateOrItsTemporaryNameIsFollowed) {
@@ -417,18 +411,18 @@ TEST_F(ModemFilesTest, NoSymbolicLinkAtTheStateOrItsTemporaryNameIsFollowed) {
     ASSERT_TRUE(modem.start(&why)) << why;
     ASSERT_TRUE(modem.createProfile(0, WDS_PROFILE_TYPE_3GPP_V01,
                                     settings3gpp("new", "new.example"), true));
-    EXPECT_EQ(readText(secret), "root only\n");
+    EXPECT_EQ(readFile(secret), "root only\n");
     EXPECT_EQ(modeOf(secret), 0600);
     EXPECT_TRUE(isRegularFile(state));
     EXPECT_EQ(modeOf(state), 0600);
-    EXPECT_NE(readText(state).find("password=hunter2"), std::string::npos);
+    EXPECT_NE(readFile(state).find("password=hunter2"), std::string::npos);
     // The planted link is left as it was, and no temporary file is left behind.
     std::set<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
         names.insert(entry.path().filename().string());
     }
     EXPECT_EQ(names, (std::set<std::string>{"state.conf", "state.conf.tmp", "wds"}));
-    EXPECT_EQ(readText(state + ".tmp"), "root only\n");
+    EXPECT_EQ(readFile(state + ".tmp"), "root only\n");
 }
 
 TEST_F(ModemFilesTest, StateAndSeedAreReadOnlyWhenRegularAndBounded) {

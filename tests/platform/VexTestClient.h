@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -101,11 +102,13 @@ class RecordingClient {
         return vex_client_register_error_cb(handle, &RecordingClient::onError, this);
     }
 
-    void release() {
+    vex_client_error_type release() {
+        vex_client_error_type rc = VEX_NO_ERR;
         if (handle != nullptr) {
-            vex_client_release(handle);
+            rc = vex_client_release(handle);
             handle = nullptr;
         }
+        return rc;
     }
 
     template <typename Req, typename Resp>
@@ -189,11 +192,16 @@ class RecordingClient {
     }
 
     vex_client_type handle = nullptr;
+    // Runs on the library's thread before each indication is recorded; set before connect().
+    std::function<void(unsigned int msgId)> beforeIndication;
 
   private:
     static void onIndication(vex_client_type, unsigned int msgId, void* buf, unsigned int len,
                              void* data) {
         auto* self = static_cast<RecordingClient*>(data);
+        if (self->beforeIndication) {
+            self->beforeIndication(msgId);
+        }
         const auto* bytes = static_cast<const uint8_t*>(buf);
         {
             std::lock_guard<std::mutex> lock(self->mu);

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 namespace testsupport {
@@ -42,6 +44,13 @@ Watchdog::~Watchdog() {
 
 std::string sourceDir() {
     return KELR_SOURCE_DIR;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
 }
 
 ScopedEnv::ScopedEnv(const char* variable, const char* value) : name(variable) {

@@ -59,6 +59,9 @@ class ScopedEnv {
 // The repository's source directory (for shipped seed and carrier files).
 std::string sourceDir();
 
+// A file's whole content; empty when it cannot be read.
+std::string readFile(const std::string& path);
+
 }  // namespace testsupport
 
 #endif  // KELR_TESTS_TEST_SUPPORT_H

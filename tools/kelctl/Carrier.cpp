@@ -3,7 +3,6 @@
 #include <tinyxml2.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -210,10 +209,8 @@ class EntryReader {
 
     std::optional<int> number(const char* name, long max) {
         const std::string value = text(name);
-        char* end = nullptr;
-        errno = 0;
-        const long parsed = std::strtol(value.c_str(), &end, 10);
-        if (value.empty() || *end != '\0' || errno != 0 || parsed < 0 || parsed > max) {
+        unsigned long parsed = 0;
+        if (!vexwire::parseWhole(value, 10, &parsed) || parsed > static_cast<unsigned long>(max)) {
             leaveOut(name, "a number from 0 to " + std::to_string(max));
             return std::nullopt;
         }

@@ -749,7 +749,57 @@ Json entryJson(const EntryAccount& account) {
     return json;
 }
 
+// One to three decimal digits, as a network code is written.
+bool isNetworkCode(const std::string& text) {
+    return !text.empty() && text.size() <= 3 &&
+           text.find_first_not_of("0123456789") == std::string::npos;
+}
+
 }  // namespace
+
+// --dry-run is apply-classes' and apply-types' too; here it keeps its place in carrier's help.
+const std::vector<OptionSpec>& carrierOptions() {
+    static const std::vector<OptionSpec> table = {
+        {"--mcc", "MCC", kCarrier, "mobile country code (up to 3 digits)",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             if (!isNetworkCode(v)) {
+                 *why = quoted(v) + " is not a mobile country code of up to 3 digits";
+                 return false;
+             }
+             a.mcc = v;
+             return true;
+         }},
+        {"--mnc", "MNC", kCarrier, "mobile network code (up to 3 digits)",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             if (!isNetworkCode(v)) {
+                 *why = quoted(v) + " is not a mobile network code of up to 3 digits";
+                 return false;
+             }
+             a.mnc = v;
+             return true;
+         }},
+        {"--mvno-type", "spn|imsi|gid|iccid", kCarrier, "select a virtual operator's entries",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
+             const std::string type = lower(v);
+             if (type != "spn" && type != "imsi" && type != "gid" && type != "iccid") {
+                 return notOneOf(v, "spn, imsi, gid, iccid", why);
+             }
+             a.mvnoType = type;
+             return true;
+         }},
+        {"--mvno-match", "DATA", kCarrier, "the virtual operator's match data",
+         [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
+             a.mvnoMatch = v;
+             return true;
+         }},
+        {"--dry-run", nullptr, kDryRun, "print what would change on the modem; change nothing",
+         setFlag<&Args::dryRun>},
+        {"--create", nullptr, kCarrier,
+         "create a persistent profile for each APN of the carrier that no profile carries",
+         setFlag<&Args::create>},
+    };
+    return table;
+}
 
 bool runCarrier(Session& session, const Invocation& inv, CarrierReport* report) {
     const CarrierSelection& selection = *inv.carrier;

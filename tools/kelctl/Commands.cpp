@@ -756,6 +756,22 @@ Session::~Session() {
     handles.clear();
 }
 
+const std::vector<OptionSpec>& refreshOptions() {
+    static const std::vector<OptionSpec> table = {
+        {"--started", nullptr, kRefresh, "only report that a refresh started (closes the library)",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.refreshStep = kel::PDCRefreshStatus::Started;
+             return true;
+         }},
+        {"--completed", nullptr, kRefresh, "only report that it completed (re-reads the modem)",
+         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
+             a.refreshStep = kel::PDCRefreshStatus::Completed;
+             return true;
+         }},
+    };
+    return table;
+}
+
 const std::vector<CommandSpec>& commands() {
     static const std::vector<CommandSpec> table = {
         {"list", "", "the modem's profiles as a table (or JSON)", 0, 0, 0, 0, cmdList},

@@ -19,6 +19,7 @@
 
 #include "InputFile.h"
 #include "ModemLink.h"
+#include "NumberText.h"  // the platform's number parsing (platform/vex)
 #include "Script.h"
 #include "kel/Manager.h"
 #include "kel/ModemObserver.h"
@@ -59,14 +60,12 @@ bool parseOwn(bool monitor, const std::vector<std::string>& words, OwnOptions* o
             } else {
                 value = word.substr(8);
             }
-            char* end = nullptr;
-            errno = 0;
-            const long count = std::strtol(value.c_str(), &end, 10);
-            if (value.empty() || *end != '\0' || errno != 0 || count < 1 || count > 1000000000) {
+            unsigned long count = 0;
+            if (!vexwire::parseWhole(value, 10, &count) || count < 1 || count > 1000000000) {
                 *error = "\"" + value + "\" is not a number of events from 1 to 1000000000";
                 return false;
             }
-            own->count = count;
+            own->count = static_cast<long>(count);
         } else {
             rest.push_back(word);
         }

@@ -3,61 +3,21 @@
 #include <getopt.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <utility>
 
+#include "NumberText.h"  // the platform's number parsing (platform/vex)
 #include "ValueNames.h"
 
 namespace kelctl {
-namespace {
 
-// Options of the whole run (before or after the command name, never on a script line).
-constexpr unsigned int kGlobal = 1u << 30;
-// Options every command line takes.
-constexpr unsigned int kAlways = 1u << 31;
-// Where the help text of an option starts.
-constexpr std::size_t kHelpColumn = 34;
-
-using ApplyFn = bool (*)(const std::string& value, Args& args, GlobalOptions* globals,
-                         std::string* why);
-
-struct OptionSpec {
-    const char* name;
-    const char* value;  // what the value is, for help; null for a flag
-    unsigned int group;
-    const char* help;
-    ApplyFn apply;
-};
-
-kel::ProfileParams& current(Args& args) {
-    return args.entries.back().settings;
-}
-
-std::optional<long> parseNumber(const std::string& text, long min, long max) {
-    if (text.empty() || text.size() > 12) {
+std::optional<long> parseNumber(const std::string& text, unsigned long min, unsigned long max) {
+    unsigned long value = 0;
+    if (!vexwire::parseWhole(text, 10, &value) || value < min || value > max) {
         return std::nullopt;
     }
-    char* end = nullptr;
-    errno = 0;
-    const long value = std::strtol(text.c_str(), &end, 10);
-    if (errno != 0 || *end != '\0' || value < min || value > max) {
-        return std::nullopt;
-    }
-    return value;
-}
-
-bool isDigits(const std::string& text, std::size_t minLength, std::size_t maxLength) {
-    if (text.size() < minLength || text.size() > maxLength) {
-        return false;
-    }
-    for (char c : text) {
-        if (c < '0' || c > '9') {
-            return false;
-        }
-    }
-    return true;
+    return static_cast<long>(value);
 }
 
 std::string quoted(const std::string& value) {
@@ -69,256 +29,46 @@ bool notOneOf(const std::string& value, const std::string& accepted, std::string
     return false;
 }
 
-// Sets one of the 16-bit throttling settings.
-template <void (kel::ProfileParams::*Setter)(int)>
-bool setTimerValue(const std::string& value, Args& args, GlobalOptions*, std::string* why) {
-    const auto number = parseNumber(value, 0, 65535);
-    if (!number) {
-        *why = quoted(value) + " is not a number from 0 to 65535";
-        return false;
-    }
-    (current(args).*Setter)(static_cast<int>(*number));
+namespace {
+
+// Options of the whole run (before or after the command name, never on a script line).
+constexpr unsigned int kGlobal = 1u << 30;
+// Options every command line takes.
+constexpr unsigned int kAlways = 1u << 31;
+// Where the help text of an option starts.
+constexpr std::size_t kHelpColumn = 34;
+
+template <bool GlobalOptions::*Flag>
+bool setRunFlag(const std::string&, Args&, GlobalOptions* globals, std::string*) {
+    globals->*Flag = true;
     return true;
 }
 
-template <void (kel::ProfileParams::*Setter)(bool)>
-bool setYesNo(const std::string& value, Args& args, GlobalOptions*, std::string* why) {
-    const auto flag = yesNoFromName(value);
-    if (!flag) {
-        return notOneOf(value, "yes, no", why);
-    }
-    (current(args).*Setter)(*flag);
-    return true;
-}
-
-bool setIp(const std::string& value, kel::ProfileParams& params, bool roaming, std::string* why) {
-    const auto ip = ipFromName(value);
-    if (!ip) {
-        return notOneOf(value, ipNames(), why);
-    }
-    if (roaming) {
-        params.setRoamIPType(*ip);
-    } else {
-        params.setHomeIPType(*ip);
+// A flag every command line takes: on the kelctl command line it holds for the whole run too.
+template <bool Args::*Line, bool GlobalOptions::*Run>
+bool setLineFlag(const std::string&, Args& args, GlobalOptions* globals, std::string*) {
+    args.*Line = true;
+    if (globals != nullptr) {
+        globals->*Run = true;
     }
     return true;
 }
 
-const std::vector<OptionSpec>& optionTable() {
+// The options of the whole run, declared once; json, truncate, verbose and help are also every
+// command line's.
+const std::vector<OptionSpec>& runOptions() {
     static const std::vector<OptionSpec> table = {
-        // Profile settings.
-        {"--apn", "NAME", kSettings, "APN name (at most 150 bytes)",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
-             current(a).setApnName(v);
-             return true;
-         }},
-        {"--ip", "v4|v6|v4v6", kSettings, "IP type at home",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             return setIp(v, current(a), false, why);
-         }},
-        {"--roam-ip", "v4|v6|v4v6", kSettings, "IP type when roaming",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             return setIp(v, current(a), true, why);
-         }},
-        {"--types", "LIST", kSettings, "APN types, e.g. default,mms,supl (or none)",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             std::string bad;
-             const auto mask = typesFromNames(v, &bad);
-             if (!mask) {
-                 *why = quoted(bad) + " is not an APN type; accepted: " + typeNames();
-                 return false;
-             }
-             current(a).setApnTypesMask(*mask);
-             return true;
-         }},
-        {"--auth", "none|pap|chap|pap_chap", kSettings, "authentication",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             const auto auth = authFromName(v);
-             if (!auth) {
-                 return notOneOf(v, authNames(), why);
-             }
-             current(a).setAuthType(*auth);
-             return true;
-         }},
-        {"--user", "NAME", kSettings, "user name (at most 127 bytes)",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
-             current(a).setUserName(v);
-             return true;
-         }},
-        {"--password", "TEXT", kSettings, "password (at most 127 bytes)",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
-             current(a).setPassword(v);
-             return true;
-         }},
-        {"--class", "ims|admn|inet|app", kSettings, "APN class",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             const auto apnClass = classFromName(v);
-             if (!apnClass) {
-                 return notOneOf(v, classNames(), why);
-             }
-             current(a).setApnClass(*apnClass);
-             return true;
-         }},
-        {"--clat", "yes|no", kSettings, "CLAT (464XLAT) enabled",
-         setYesNo<&kel::ProfileParams::setIsClatEnabled>},
-        {"--emergency-calls", "yes|no", kSettings, "the profile carries emergency calls",
-         setYesNo<&kel::ProfileParams::setIsEmergencySupported>},
-        {"--disabled", "yes|no", kSettings, "the APN is disabled",
-         setYesNo<&kel::ProfileParams::setIsApnDisabled>},
-        {"--max-conns", "N", kSettings, "PDN connections allowed per time block",
-         setTimerValue<&kel::ProfileParams::setMaxPdnsConnPerBlock>},
-        {"--max-conns-time", "SECONDS", kSettings, "length of that time block",
-         setTimerValue<&kel::ProfileParams::setMaxPdnConnTimer>},
-        {"--wait-time", "SECONDS", kSettings, "wait between PDN connection requests",
-         setTimerValue<&kel::ProfileParams::setPdnReqWaitInterval>},
-        {"--tech", "3gpp|3gpp2", kTech, "technology (default 3gpp)",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             const auto tech = techFromName(v);
-             if (!tech) {
-                 return notOneOf(v, techNames(), why);
-             }
-             a.entries.back().tech = *tech;
-             return true;
-         }},
-        {"--and", nullptr, kEntries, "start the next entry",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
-             a.entries.emplace_back();
-             return true;
-         }},
-        {"--persistent", nullptr, kPersistent, "keep the profile on the modem after kelctl exits",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
-             a.persistent = true;
-             return true;
-         }},
-        {"--allow-update", nullptr, kAllowUpdate, "a found profile may be changed to fit",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
-             a.allowUpdate = true;
-             return true;
-         }},
-        {"--id", "N", kFilter, "modem profile index",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             const auto id = parseNumber(v, 0, 255);
-             if (!id) {
-                 *why = quoted(v) + " is not a profile index from 0 to 255";
-                 return false;
-             }
-             a.id = static_cast<int>(*id);
-             return true;
-         }},
-        {"--criteria", "LIST", kFilter, "loosen comparisons: home-subset, apn-subset, ...",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             std::string bad;
-             const auto bits = criteriaFromNames(v, &bad);
-             if (!bits) {
-                 *why = quoted(bad) + " is not a criterion; accepted: " + criteriaNames();
-                 return false;
-             }
-             a.criteria |= *bits;
-             return true;
-         }},
-        {"--kel", "yes|no", kKelFlag, "only profiles kelctl's library made (or only others)",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             const auto flag = yesNoFromName(v);
-             if (!flag) {
-                 return notOneOf(v, "yes, no", why);
-             }
-             a.kel = *flag;
-             return true;
-         }},
-        {"--ia", "yes|no", kIaFlag, "the initial-attach profile (kel_profile_ia)",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             const auto flag = yesNoFromName(v);
-             if (!flag) {
-                 return notOneOf(v, "yes, no", why);
-             }
-             a.ia = *flag;
-             return true;
-         }},
         {"--json", nullptr, kAlways | kGlobal, "print one JSON document",
-         [](const std::string&, Args& a, GlobalOptions* g, std::string*) {
-             a.json = true;
-             if (g != nullptr) {
-                 g->json = true;
-             }
-             return true;
-         }},
+         setLineFlag<&Args::json, &GlobalOptions::json>},
         {"--truncate", nullptr, kAlways | kGlobal, "cut values too long for their modem field",
-         [](const std::string&, Args& a, GlobalOptions* g, std::string*) {
-             a.truncate = true;
-             if (g != nullptr) {
-                 g->truncate = true;
-             }
-             return true;
-         }},
-        {"--mcc", "MCC", kCarrier, "mobile country code (up to 3 digits)",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             if (!isDigits(v, 1, 3)) {
-                 *why = quoted(v) + " is not a mobile country code of up to 3 digits";
-                 return false;
-             }
-             a.mcc = v;
-             return true;
-         }},
-        {"--mnc", "MNC", kCarrier, "mobile network code (up to 3 digits)",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             if (!isDigits(v, 1, 3)) {
-                 *why = quoted(v) + " is not a mobile network code of up to 3 digits";
-                 return false;
-             }
-             a.mnc = v;
-             return true;
-         }},
-        {"--mvno-type", "spn|imsi|gid|iccid", kCarrier, "select a virtual operator's entries",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string* why) {
-             const std::string type = lower(v);
-             if (type != "spn" && type != "imsi" && type != "gid" && type != "iccid") {
-                 return notOneOf(v, "spn, imsi, gid, iccid", why);
-             }
-             a.mvnoType = type;
-             return true;
-         }},
-        {"--mvno-match", "DATA", kCarrier, "the virtual operator's match data",
-         [](const std::string& v, Args& a, GlobalOptions*, std::string*) {
-             a.mvnoMatch = v;
-             return true;
-         }},
-        {"--dry-run", nullptr, kDryRun, "print what would change on the modem; change nothing",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
-             a.dryRun = true;
-             return true;
-         }},
-        {"--create", nullptr, kCarrier,
-         "create a persistent profile for each APN of the carrier that no profile carries",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
-             a.create = true;
-             return true;
-         }},
-        {"--started", nullptr, kRefresh, "only report that a refresh started (closes the library)",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
-             a.refreshStep = kel::PDCRefreshStatus::Started;
-             return true;
-         }},
-        {"--completed", nullptr, kRefresh, "only report that it completed (re-reads the modem)",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
-             a.refreshStep = kel::PDCRefreshStatus::Completed;
-             return true;
-         }},
-        {"--echo", nullptr, kEcho, "print each script line before running it",
-         [](const std::string&, Args& a, GlobalOptions*, std::string*) {
-             a.echo = true;
-             return true;
-         }},
-        // The whole run.
+         setLineFlag<&Args::truncate, &GlobalOptions::truncate>},
         {"--modem", "DIR", kGlobal, "use the running modem serving in DIR (default: embedded)",
          [](const std::string& v, Args&, GlobalOptions* g, std::string*) {
              g->modemDir = v;
              return true;
          }},
         {"--embedded", nullptr, kGlobal, "use the embedded modem even if VEX_SERVICE_DIR is set",
-         [](const std::string&, Args&, GlobalOptions* g, std::string*) {
-             g->embedded = true;
-             return true;
-         }},
+         setRunFlag<&GlobalOptions::embedded>},
         {"--seed", "FILE", kGlobal, "embedded modem: its initial profiles",
          [](const std::string& v, Args&, GlobalOptions* g, std::string*) {
              g->seedFile = v;
@@ -353,38 +103,30 @@ const std::vector<OptionSpec>& optionTable() {
              return true;
          }},
         {"--show-secrets", nullptr, kGlobal, "print passwords in clear (hidden by default)",
-         [](const std::string&, Args&, GlobalOptions* g, std::string*) {
-             g->showSecrets = true;
-             return true;
-         }},
+         setRunFlag<&GlobalOptions::showSecrets>},
         {"--reference", nullptr, kGlobal,
          "run the library with its safe-mode switches off, as it behaves by default",
-         [](const std::string&, Args&, GlobalOptions* g, std::string*) {
-             g->reference = true;
-             return true;
-         }},
+         setRunFlag<&GlobalOptions::reference>},
         {"--version", nullptr, kGlobal, "print kelctl's and the library's version",
-         [](const std::string&, Args&, GlobalOptions* g, std::string*) {
-             g->version = true;
-             return true;
-         }},
+         setRunFlag<&GlobalOptions::version>},
         {"--verbose", nullptr, kAlways | kGlobal, "show the library's log and more detail",
-         [](const std::string&, Args& a, GlobalOptions* g, std::string*) {
-             a.verbose = true;
-             if (g != nullptr) {
-                 g->verbose = true;
-             }
-             return true;
-         }},
+         setLineFlag<&Args::verbose, &GlobalOptions::verbose>},
         {"--help", nullptr, kAlways | kGlobal, "show this help",
-         [](const std::string&, Args& a, GlobalOptions* g, std::string*) {
-             a.help = true;
-             if (g != nullptr) {
-                 g->help = true;
-             }
-             return true;
-         }},
+         setLineFlag<&Args::help, &GlobalOptions::help>},
     };
+    return table;
+}
+
+// Every option, so that one a command does not take is named as such rather than as unknown.
+const std::vector<OptionSpec>& optionTable() {
+    static const std::vector<OptionSpec> table = [] {
+        std::vector<OptionSpec> all;
+        for (const auto* part : {&profileOptions(), &carrierOptions(), &refreshOptions(),
+                                 &scriptOptions(), &runOptions()}) {
+            all.insert(all.end(), part->begin(), part->end());
+        }
+        return all;
+    }();
     return table;
 }
 

@@ -95,6 +95,39 @@ struct GlobalOptions {
     std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
 };
 
+// One option: how it is written, which commands take it (its group), its help line, and how its
+// value is checked and kept. apply says why a value is refused in *why.
+using ApplyFn = bool (*)(const std::string& value, Args& args, GlobalOptions* globals,
+                         std::string* why);
+struct OptionSpec {
+    const char* name;
+    const char* value;  // what the value is, for help; null for a flag
+    unsigned int group;
+    const char* help;
+    ApplyFn apply;
+};
+
+// The option tables, each beside the commands that take its options. A command's help lists its
+// options in the order of these tables; the options of the whole run are Options.cpp's own.
+const std::vector<OptionSpec>& profileOptions();  // ProfileOptions.cpp: the profile commands
+const std::vector<OptionSpec>& carrierOptions();  // CarrierApply.cpp: carrier, and --dry-run
+const std::vector<OptionSpec>& refreshOptions();  // Commands.cpp
+const std::vector<OptionSpec>& scriptOptions();   // Script.cpp
+
+// For the tables: a number from min to max, written in decimal digits only (none of these may be
+// negative, so a sign is refused like any other letter).
+std::optional<long> parseNumber(const std::string& text, unsigned long min, unsigned long max);
+std::string quoted(const std::string& value);
+// Sets *why to "\"VALUE\" is not one of ACCEPTED"; false.
+bool notOneOf(const std::string& value, const std::string& accepted, std::string* why);
+
+// The apply of a flag that concerns one command line.
+template <bool Args::*Flag>
+bool setFlag(const std::string&, Args& args, GlobalOptions*, std::string*) {
+    args.*Flag = true;
+    return true;
+}
+
 // Parses the words after a command name for a command that takes `groups`, the way getopt_long
 // does: long options with unique abbreviations, short forms of the common ones, options and
 // operands in any order, "--" ends the options. Options of the whole run are stored in *globals;

@@ -413,6 +413,14 @@ std::string scriptHelp(bool file) {
 
 }  // namespace
 
+const std::vector<OptionSpec>& scriptOptions() {
+    static const std::vector<OptionSpec> table = {
+        {"--echo", nullptr, kEcho, "print each script line before running it",
+         setFlag<&Args::echo>},
+    };
+    return table;
+}
+
 bool splitLine(const std::string& line, std::vector<std::string>* words, std::string* error) {
     words->clear();
     std::string word;

@@ -10,6 +10,8 @@
 #include <string>
 
 #include "ModemControl.h"
+#include "NumberText.h"
+#include "ToolOptions.h"
 #include "VexWire.h"
 
 namespace {
@@ -30,12 +32,6 @@ const char* const kUsage =
     "  -V, --version     show the version and exit\n"
     "Run 'vex-modemctl help' for the commands.\n";
 
-int usageError(const std::string& reason) {
-    std::fprintf(stderr, "vex-modemctl: %s (vex-modemctl --help lists the options)\n",
-                 reason.c_str());
-    return 2;
-}
-
 struct Options {
     std::string dir = vexwire::serviceDirectory();
     int waitSeconds = 0;
@@ -53,47 +49,30 @@ int parseOptions(int argc, char** argv, Options* options) {
         {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
     };
-    opterr = 0;  // its messages are written here, in the tool's own words
-    for (;;) {
-        const int previous = optind;
-        // "+": options end at the command, whose arguments may look like options.
-        const int code = ::getopt_long(argc, argv, "+:hV", kOptions, nullptr);
-        if (code == -1) {
-            break;
-        }
-        const std::string word = previous < argc ? argv[previous] : "";
-        const std::string name = word.substr(0, word.find('='));
-        switch (code) {
-            case 'h':
-                std::fputs(kUsage, stdout);
-                return 1;
-            case 'V':
-                std::printf("vex-modemctl %s\n", VEX_TOOLS_VERSION);
-                return 1;
-            case kDir:
-                options->dir = optarg;
-                break;
-            case kWait: {
-                char* end = nullptr;
-                const long seconds = std::strtol(optarg, &end, 10);
-                if (*optarg == '\0' || *end != '\0' || seconds < 0 ||
-                    seconds > kLongestWaitSeconds) {
-                    std::fprintf(stderr,
-                                 "vex-modemctl: --wait: \"%s\" is not a number of seconds "
-                                 "from 0 to %d\n",
-                                 optarg, kLongestWaitSeconds);
-                    return 3;
-                }
-                options->waitSeconds = static_cast<int>(seconds);
-                break;
+    // "+": options end at the command, whose arguments may look like options.
+    const int status = vexmodemd::readToolOptions(
+        argc, argv, {"vex-modemctl", kUsage, "+:hV", kOptions}, [&](int code, const std::string&) {
+            unsigned int seconds = 0;
+            switch (code) {
+                case kDir:
+                    options->dir = optarg;
+                    break;
+                case kWait:
+                    if (!vexwire::parseWhole(optarg, 10, &seconds) ||
+                        seconds > static_cast<unsigned int>(kLongestWaitSeconds)) {
+                        std::fprintf(stderr,
+                                     "vex-modemctl: --wait: \"%s\" is not a number of seconds "
+                                     "from 0 to %d\n",
+                                     optarg, kLongestWaitSeconds);
+                        return 3;
+                    }
+                    options->waitSeconds = static_cast<int>(seconds);
+                    break;
             }
-            case ':':
-                return usageError(name + " needs a value") + 1;
-            default:
-                return usageError(optopt != 0 ? "unknown option -" + std::string(1, optopt)
-                                              : "unknown or ambiguous option " + name) +
-                       1;
-        }
+            return 0;
+        });
+    if (status != 0) {
+        return status;
     }
     if (optind >= argc) {
         std::fputs(

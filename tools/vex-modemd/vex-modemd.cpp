@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "ModemControl.h"
+#include "NumberText.h"
+#include "ToolOptions.h"
 #include "VexWire.h"
 #include "vexsim/SimModem.h"
 
@@ -43,18 +45,13 @@ const char* const kUsage =
     "  -V, --version           show the version and exit\n";
 
 bool parseCount(const char* text, int max, int* value) {
-    char* end = nullptr;
-    long parsed = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || parsed < 1 || parsed > max) {
+    unsigned int parsed = 0;
+    if (!vexwire::parseWhole(text, 10, &parsed) || parsed < 1 ||
+        parsed > static_cast<unsigned int>(max)) {
         return false;
     }
     *value = static_cast<int>(parsed);
     return true;
-}
-
-int usageError(const std::string& reason) {
-    std::fprintf(stderr, "vex-modemd: %s (vex-modemd --help lists the options)\n", reason.c_str());
-    return 2;
 }
 
 enum LongOnly {
@@ -67,9 +64,7 @@ enum LongOnly {
     kNoReady
 };
 
-// As getopt_long reads them: long options may be shortened while unambiguous, "--opt=value"
-// and "--opt value" both work. Returns 0 to go on, or the exit status plus one (so that --help
-// and --version, which exit 0, are told apart from going on).
+// Returns 0 to go on, or the exit status plus one (--help and --version exit 0).
 int parseOptions(int argc, char** argv, vexsim::Config* config) {
     static const option kOptions[] = {
         {"seed", required_argument, nullptr, kSeed},
@@ -83,57 +78,45 @@ int parseOptions(int argc, char** argv, vexsim::Config* config) {
         {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
     };
-    opterr = 0;  // its messages are written here, in the tool's own words
-    for (;;) {
-        const int previous = optind;
-        const int code = ::getopt_long(argc, argv, ":hV", kOptions, nullptr);
-        if (code == -1) {
-            break;
-        }
-        const std::string word = previous < argc ? argv[previous] : "";
-        const std::string name = word.substr(0, word.find('='));
-        bool ok = true;
-        switch (code) {
-            case 'h':
-                std::fputs(kUsage, stdout);
-                return 1;
-            case 'V':
-                std::printf("vex-modemd %s\n", VEX_TOOLS_VERSION);
-                return 1;
-            case kSeed:
-                config->seedFile = optarg;
-                break;
-            case kState:
-                config->stateFile = optarg;
-                break;
-            case kDir:
-                config->serviceDir = optarg;
-                break;
-            case kSubscriptions:
-                ok = parseCount(optarg, 16, &config->subscriptions);
-                break;
-            case kCapacity3gpp:
-                ok = parseCount(optarg, 255, &config->capacity3gpp);
-                break;
-            case kCapacity3gpp2:
-                ok = parseCount(optarg, 255, &config->capacity3gpp2);
-                break;
-            case kNoReady:
-                config->profilesReadyOnRegister = false;
-                break;
-            case ':':
-                return usageError(name + " needs a value") + 1;
-            default:
-                return usageError((optopt != 0 ? "unknown option -" + std::string(1, optopt)
-                                               : "unknown or ambiguous option " + name)) +
-                       1;
-        }
-        if (!ok) {
-            return usageError("bad value for " + name + ": " + optarg) + 1;
-        }
+    const int status = vexmodemd::readToolOptions(
+        argc, argv, {"vex-modemd", kUsage, ":hV", kOptions},
+        [&](int code, const std::string& name) {
+            bool ok = true;
+            switch (code) {
+                case kSeed:
+                    config->seedFile = optarg;
+                    break;
+                case kState:
+                    config->stateFile = optarg;
+                    break;
+                case kDir:
+                    config->serviceDir = optarg;
+                    break;
+                case kSubscriptions:
+                    ok = parseCount(optarg, 16, &config->subscriptions);
+                    break;
+                case kCapacity3gpp:
+                    ok = parseCount(optarg, 255, &config->capacity3gpp);
+                    break;
+                case kCapacity3gpp2:
+                    ok = parseCount(optarg, 255, &config->capacity3gpp2);
+                    break;
+                case kNoReady:
+                    config->profilesReadyOnRegister = false;
+                    break;
+            }
+            return ok ? 0
+                      : vexmodemd::usageError("vex-modemd",
+                                              "bad value for " + name + ": " + optarg) +
+                            1;
+        });
+    if (status != 0) {
+        return status;
     }
     if (optind < argc) {
-        return usageError(std::string("takes no operands, not \"") + argv[optind] + "\"") + 1;
+        return vexmodemd::usageError(
+                   "vex-modemd", std::string("takes no operands, not \"") + argv[optind] + "\"") +
+               1;
     }
     return 0;
 }

@@ -1,6 +1,9 @@
 // Observation of the host log stand-ins: while a LogCapture lives, every __android_log_print,
 // Diag_LSM_Init, Diag_LSM_DeInit and msg_sprintf call is recorded as it was made, so a test can
-// assert on it without scraping standard error.
+// assert on it without scraping standard error. Built against the system's liblog, which keeps no
+// record a test could ask for, a capture instead sends standard error into a private file for its
+// lifetime and reads the Android records back from what liblog wrote there; it lowers liblog's
+// minimum priority meanwhile, so that Verbose and Debug records are written too.
 //
 // Threads: the log calls may come from any thread; every method here takes the capture's lock.
 // At most one LogCapture may live at a time.
@@ -48,6 +51,10 @@ class LogCapture {
     bool hasAndroidMessage(const std::string& text) const;
     void clear();
 };
+
+// Why a LogCapture cannot read Android log records back here, or empty if it can: the system's
+// liblog on a device hands them to the log daemon, out of a test's reach.
+std::string androidLogUnreadableReason();
 
 // Whether the stand-ins also print to standard error (default: on, unless the environment
 // variable KELR_LOG_QUIET is set to 1).

@@ -93,6 +93,7 @@ const BadCase kBadCases[] = {
      "kelctl: list: this command does not take --persistent"},
     {"MissingProfile", {"get"}, "kelctl: get: needs PROFILE"},
     {"BadProfile", {"delete", "3gpp:x"}, "\"3gpp:x\" is not a profile"},
+    {"ProfileStartingWithADigit", {"get", "9x"}, "kelctl: get: \"9x\" is not a profile"},
     {"HandleOutsideScript", {"get", "h1"}, "handle names exist only in scripts"},
     {"ModifyWithoutChange", {"modify", "1"}, "kelctl: modify: nothing to change"},
     {"ApplyTypesWithoutTypes", {"apply-types", "--apn", "ims"}, "needs --apn and --types"},
@@ -213,6 +214,7 @@ TEST_F(KelctlTest, ExitStatusSaysWhatHappened) {
     };
     const Case cases[] = {
         {{"delete", "3gpp:9"}, 1},                // the modem has no such profile
+        {{"get", "255"}, 1},                      // the highest id there can be
         {{"modify", "3gpp:9", "--apn", "x"}, 1},  // nor one to change
         {{"refresh", "--started"}, 0},            // allowed; later operations are refused
     };

@@ -171,11 +171,12 @@ TEST_F(KelctlTest, JsonIsValidUtf8WhateverBytesTheProfilesHold) {
     EXPECT_EQ(document.value("status", -1), 0);
 }
 
+// A password with a comma in it is hidden whole in the library's log lines too.
 TEST_F(KelctlTest, PasswordsAreHiddenEverywhereUnlessAsked) {
     const std::string script = this->script("secret.kel",
                                             "get 3gpp:3\n"
                                             "list --json\n"
-                                            "modify 3gpp:3 --password hunter2\n"
+                                            "modify 3gpp:3 --password x,hunter2\n"
                                             "modify 3gpp:3 --pa hunter2\n"
                                             "dump\n");
     for (const auto& head : std::vector<std::vector<std::string>>{

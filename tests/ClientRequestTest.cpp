@@ -30,15 +30,11 @@ std::string printed(T value) {
     return os.str();
 }
 
-TEST(ReqRespTypeTest, PrintsNamesAndNumbersOutsideTheRange) {
-    const std::vector<std::string> names = {"Add",   "Modify", "Delete",   "Filter",
-                                            "Match", "Get",    "Callback", "Refresh"};
-    for (int i = 0; i < static_cast<int>(names.size()); ++i) {
-        EXPECT_EQ(printed(static_cast<ReqRespType>(i)), names[static_cast<size_t>(i)]);
-    }
+// The dumps below show every name; streaming goes through the same texts.
+TEST(ReqRespTypeTest, StreamsNamesAndNumbersOutsideTheRange) {
+    EXPECT_EQ(printed(ReqRespType::Refresh), "Refresh");
     EXPECT_EQ(printed(static_cast<ReqRespType>(8)), "8");
     EXPECT_EQ(printed(static_cast<ReqRespType>(-1)), "-1");
-    EXPECT_EQ(printed(Status::Success), "Success");
     EXPECT_EQ(printed(Status::Failure), "Failure");
     EXPECT_EQ(printed(static_cast<Status>(2)), "2");
 }
@@ -76,6 +72,9 @@ TEST(ClientRequestTest, DumpsWithAndWithoutHandles) {
          "Modify  UserName=bob,"},
         {"delete", [&] { return DeleteRequest(key).dump(); }, "Delete 3GPP:3 token=12"},
         {"delete without handle", [&] { return DeleteRequest(nullptr).dump(); }, "Delete "},
+        {"unnamed tech, largest token",
+         [] { return DeleteRequest(makeKey(static_cast<TechType>(4), -1, ~0ull)).dump(); },
+         "Delete 4:-1 token=18446744073709551615"},
         {"filter", [&] { return FilterRequest(filter).dump(); }, "Filter params: " + filterText},
         {"match", [&] { return MatchRequest(filter, key).dump(); },
          "Match 3GPP:3 token=12 " + filterText},

@@ -133,20 +133,6 @@ TEST(ModemProfileRequestTest, EmptyProfilesSendOnlyTheirIdentityAndPersistence) 
     }
 }
 
-TEST(Modem3gppProfileRequestTest, ModifyRequestNamesTheProfileAndOmitsPersistence) {
-    auto profile = fullProfile();
-    profile->setIsPersistent(true);
-    const wds_modify_profile_settings_req_msg_v01 req = profile->constructModifyRequest();
-    EXPECT_EQ(req.profile.profile_type, WDS_PROFILE_TYPE_3GPP_V01);
-    EXPECT_EQ(req.profile.profile_index, 5);
-    EXPECT_FALSE(req.settings.persistent_valid);
-    EXPECT_EQ(std::string(req.settings.apn_name), "ims.example.com");
-    EXPECT_EQ(std::string(req.settings.profile_name), "kel_profile");
-    EXPECT_EQ(req.settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
-    EXPECT_FALSE(req.settings.common_pdp_type_valid);
-    EXPECT_EQ(req.settings.authentication_preference, 2);
-}
-
 TEST(Modem3gpp2ProfileRequestTest, CredentialsAndAuthGoToProfileAndPdnLevel) {
     struct Case {
         AuthType auth;

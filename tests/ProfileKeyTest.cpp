@@ -136,24 +136,5 @@ TEST_F(ProfileKeyTest, RegistrationCarriesCallbackWeakHandleAndToken) {
     EXPECT_EQ(registration->dump(), "Callback Register null99");
 }
 
-TEST(ProfileKeyDumpTest, ShowsTechIdAndUnsignedToken) {
-    struct Case {
-        TechType techType;
-        int profileId;
-        unsigned long long token;
-        std::string expected;
-    };
-    const std::vector<Case> cases = {
-        {TechType::TYPE_3GPP, 3, 12, "3GPP:3 token=12"},
-        {TechType::TYPE_3GPP2, 7, 0, "3GPP2:7 token=0"},
-        {static_cast<TechType>(4), -1, 18446744073709551615ull, "4:-1 token=18446744073709551615"},
-    };
-    for (const Case& c : cases) {
-        ProfileKey key(c.techType, c.profileId, c.token,
-                       [](std::shared_ptr<ClientRequest>) { return nullptr; });
-        EXPECT_EQ(key.dump(), c.expected);
-    }
-}
-
 }  // namespace
 }  // namespace kel

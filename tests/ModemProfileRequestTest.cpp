@@ -175,42 +175,26 @@ TEST(Modem3gpp2ProfileRequestTest, CredentialsAndAuthGoToProfileAndPdnLevel) {
 
 class ModemProfileResponseTest : public DebugLogFixture {};
 
+// A record as the library sends it, with the values only a modem sends put in.
 TEST_F(ModemProfileResponseTest, Reads3gppSettings) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
+    ProfileParams params = fullParams();
+    params.setRoamIPType(IPType::V6);
+    params.setHomeIPType(IPType::V4);
+    params.setMaxPdnConnTimer(65535);
+    params.setIsApnDisabled(true);
+    Modem3gppProfile sent(params);
+    sent.setProfileName("kel_profile_ia");
+    sent.setIsPersistent(true);
     wds_get_profile_settings_resp_msg_v01 resp = emptyResponse();
     wds_profile_settings_v01& s = resp.settings;
-    s.profile_name_valid = 1;
-    std::strcpy(s.profile_name, "kel_profile_ia");
-    s.pdp_type_valid = 1;
-    s.pdp_type = WDS_PDP_TYPE_PDP_IPV4V6_V01;
-    s.lte_roaming_pdp_type_valid = 1;
-    s.lte_roaming_pdp_type = WDS_COMMON_PDP_TYPE_PDP_IPV6_V01;
-    s.umts_roaming_pdp_type_valid = 1;
-    s.umts_roaming_pdp_type = WDS_COMMON_PDP_TYPE_PDP_IPV6_V01;
-    s.common_pdp_type_valid = 1;
-    s.common_pdp_type = WDS_COMMON_PDP_TYPE_PDP_IPV4_V01;
-    s.apn_name_valid = 1;
+    s = sent.constructAddRequest().settings;
     std::strcpy(s.apn_name, "IMS");
-    s.apn_class_valid = 1;
     s.apn_class = 3;
-    s.support_emergency_calls_valid = 1;
     s.support_emergency_calls = 2;
-    s.authentication_preference_valid = 1;
     s.authentication_preference = 0x05;
-    s.max_pdn_conn_per_block_valid = s.max_pdn_conn_timer_valid = 1;
-    s.pdn_req_wait_interval_valid = 1;
-    s.max_pdn_conn_per_block = 20;
-    s.max_pdn_conn_timer = 65535;
-    s.pdn_req_wait_interval = 10;
-    s.apn_disabled_flag_valid = 1;
-    s.apn_disabled_flag = 1;
-    s.username_valid = s.password_valid = 1;
-    std::strcpy(s.username, "bob");
-    std::strcpy(s.password, "pw");
-    s.apn_type_mask_valid = 1;
     s.apn_type_mask = (1ull << 40) | 0x2;
-    s.clat_enabled_valid = s.persistent_valid = 1;
-    s.persistent = 1;
+    s.clat_enabled = 0;
     s.user_id_valid = 1;  // 3GPP2 fields are not read for 3GPP
     std::strcpy(s.user_id, "cdma");
 

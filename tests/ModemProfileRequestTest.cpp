@@ -267,27 +267,21 @@ TEST_F(ModemProfileResponseTest, UnterminatedTextsStayWithinTheirFieldsAndCreden
 
 TEST_F(ModemProfileResponseTest, Reads3gpp2SettingsButNotThePassword) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
+    ProfileParams params = fullParams();
+    params.setHomeIPType(IPType::V6);
+    params.setApnClass(ApnClass::ADMN);
     wds_get_profile_settings_resp_msg_v01 resp = emptyResponse();
     wds_profile_settings_v01& s = resp.settings;
-    s.pdn_type_valid = 1;
-    s.pdn_type = WDS_PROFILE_PDN_TYPE_IPV6_V01;
-    s.apn_string_valid = 1;
+    s = Modem3gpp2Profile(params).constructAddRequest().settings;
     std::strcpy(s.apn_string, "CDMA.Apn");
-    s.apn_class_3gpp2_valid = 1;
-    s.apn_class_3gpp2 = 2;
-    s.profile_auth_protocol_valid = 1;
     s.profile_auth_protocol = static_cast<wds_profile_auth_protocol_enum_v01>(5);
-    s.user_id_valid = s.auth_password_valid = 1;
-    std::strcpy(s.user_id, "bob");
-    std::strcpy(s.auth_password, "secret");
-    s.clat_enabled_valid = s.clat_enabled = 1;
     s.common_pdp_type_valid = 1;
     s.common_pdp_type = WDS_COMMON_PDP_TYPE_PDP_IPV4V6_V01;
 
     Modem3gpp2Profile profile(3, resp);
     EXPECT_EQ(profile.dump(),
               "TechType=3GPP2,ProfileId=3,ApnName=cdma.apn,UserName=bob,AuthType=NONE,"
-              "CommonIPType=V6,ApnClass=ADMN,IsClatEnabled=true,");
+              "CommonIPType=V6,ApnTypesMask=3,ApnClass=ADMN,IsClatEnabled=true,");
     EXPECT_EQ(profile.getOverrideHomeIPType(), IPType::V4V6);
 
     struct Case {

@@ -47,14 +47,6 @@ TEST(ModemProfileConstructionTest, ParametersAreStoredInModemForm) {
     EXPECT_FALSE(same.hasOverrideHomeIPType());
 }
 
-TEST(ModemProfileConstructionTest, CdmaProfileKeepsHomeTypeAndIgnores3gppSettings) {
-    Modem3gpp2Profile profile(fullParams());
-    EXPECT_EQ(profile.getTechType(), TechType::TYPE_3GPP2);
-    EXPECT_EQ(profile.dump(),
-              "TechType=3GPP2,ProfileId=-1,ApnName=ims.example.com,UserName=bob,Password=pw,"
-              "AuthType=CHAP,CommonIPType=V4V6,ApnTypesMask=3,ApnClass=IMS,IsClatEnabled=true,");
-}
-
 // --- match ---------------------------------------------------------------------------------
 
 TEST(ModemProfileMatchTest, EachCriterionOnAFullProfile) {
@@ -467,12 +459,13 @@ TEST(Modem3gppProfileTest, GetReportsIdentityHomeAndAgreedRoaming) {
     EXPECT_FALSE(disagreeing.get().hasHomeIPType());
 }
 
-TEST(Modem3gpp2ProfileTest, GetReportsHomeTypeWithoutIdentity) {
-    FilterProfileParams got(Modem3gpp2Profile(fullParams()).get());
-    EXPECT_FALSE(got.hasFilterByIsKelProfile());
-    EXPECT_FALSE(got.hasFilterByIsIAProfile());
-    EXPECT_FALSE(got.hasRoamIPType());
-    EXPECT_EQ(got.dump(),
+// The dumps show what is absent too: no 3GPP settings, no identity, no roaming type.
+TEST(Modem3gpp2ProfileTest, KeepsHomeTypeAndReportsItWithoutIdentity) {
+    Modem3gpp2Profile profile(fullParams());
+    EXPECT_EQ(profile.dump(),
+              "TechType=3GPP2,ProfileId=-1,ApnName=ims.example.com,UserName=bob,Password=pw,"
+              "AuthType=CHAP,CommonIPType=V4V6,ApnTypesMask=3,ApnClass=IMS,IsClatEnabled=true,");
+    EXPECT_EQ(FilterProfileParams(profile.get()).dump(),
               "None: ApnName=ims.example.com,UserName=bob,Password=pw,AuthType=CHAP,"
               "HomeIPType=V4V6,ApnTypesMask=DEFAULT|IMS|,ApnClass=IMS,IsClatEnabled=true,");
 }

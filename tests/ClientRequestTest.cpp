@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <list>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -84,22 +83,6 @@ TEST(ClientRequestTest, DumpsWithAndWithoutHandles) {
         {"get without handle", [&] { return GetRequest(nullptr).dump(); }, "Get "},
         {"refresh", [] { return RefreshRequest(PDCRefreshStatus::Completed).dump(); }, "Refresh "},
     });
-}
-
-TEST(ClientRequestTest, RequestsCarryCopiesOfParametersAndShareHandles) {
-    auto key = makeKey(TechType::TYPE_3GPP2, 7, 0);
-    ModifyProfileParams params;
-    params.setApnName("before");
-    auto request = std::make_shared<ModifyRequest>(params, key);
-    params.setApnName("after");
-    EXPECT_EQ(request->getModifyProfileParams().getApnName(), "before");
-    EXPECT_EQ(request->getModifyProfileKey(), key);
-    EXPECT_EQ(request->getRequestType(), ReqRespType::Modify);
-    std::weak_ptr<IProfileKey> watch = key;
-    key.reset();
-    EXPECT_FALSE(watch.expired()) << "the request keeps its handle alive";
-    request.reset();
-    EXPECT_TRUE(watch.expired());
 }
 
 TEST(CallbackRequestTest, DumpsReleaseRegisterOrNothing) {

@@ -123,49 +123,36 @@ TEST(ModemProfileMatchTest, LongApnNameMatchesItsStoredPrefix) {
     EXPECT_FALSE(profile.match(filter));
 }
 
-TEST(ModemProfileMatchTest, HomeIPTypeSubsetAndSuperset) {
-    struct Case {
-        IPType profile;
-        IPType requested;
-        unsigned int criteria;
-        bool expected;
-    };
-    const std::vector<Case> cases = {
-        {IPType::V6, IPType::V6, 0, true},       {IPType::V4V6, IPType::V4, 0, false},
-        {IPType::V4V6, IPType::V4, 0x01, true},  {IPType::V4V6, IPType::V4, 0x10, false},
-        {IPType::V4, IPType::V4V6, 0x10, true},  {IPType::V4, IPType::V4V6, 0x01, false},
-        {IPType::V4, IPType::V4V6, 0x11, true},  {IPType::V4V6, IPType::V6, 0x11, true},
-        {IPType::V4, IPType::V6, 0x11, false},   {IPType::V4V6, IPType::V4, 0x02, false},
-        {IPType::V4, IPType::V4V6, 0x20, false},
-    };
-    for (const Case& c : cases) {
-        ProfileParams params;
-        params.setHomeIPType(c.profile);
-        Modem3gpp2Profile profile(params);
-        FilterProfileParams filter;
-        filter.setHomeIPType(c.requested);
-        filter.addFilterMatchCriteria(c.criteria);
-        EXPECT_EQ(profile.match(filter), c.expected)
-            << static_cast<int>(c.profile) << " vs " << static_cast<int>(c.requested) << " with "
-            << c.criteria;
-    }
-}
-
-TEST(ModemProfileMatchTest, OverrideDecidesTheHomeTypeUnlessUnknown) {
+// The override decides the home type unless it is unknown; subset and superset loosen the match.
+TEST(ModemProfileMatchTest, HomeIPTypeFromOverrideOrCommonTypeSubsetAndSuperset) {
     struct Case {
         Opt override;
         Opt common;
         IPType requested;
+        unsigned int criteria;
         bool expected;
     };
+    const Opt none;
     const std::vector<Case> cases = {
-        {IPType::UNKNOWN, IPType::V6, IPType::V6, true},
-        {IPType::V4, IPType::V6, IPType::V4, true},
-        {IPType::V4, IPType::V6, IPType::V6, false},
-        {std::nullopt, std::nullopt, IPType::UNKNOWN, false},
-        {IPType::UNKNOWN, std::nullopt, IPType::UNKNOWN, false},
+        {none, IPType::V6, IPType::V6, 0, true},
+        {none, IPType::V4V6, IPType::V4, 0, false},
+        {none, IPType::V4V6, IPType::V4, 0x01, true},
+        {none, IPType::V4V6, IPType::V4, 0x10, false},
+        {none, IPType::V4, IPType::V4V6, 0x10, true},
+        {none, IPType::V4, IPType::V4V6, 0x01, false},
+        {none, IPType::V4, IPType::V4V6, 0x11, true},
+        {none, IPType::V4V6, IPType::V6, 0x11, true},
+        {none, IPType::V4, IPType::V6, 0x11, false},
+        {none, IPType::V4V6, IPType::V4, 0x02, false},
+        {none, IPType::V4, IPType::V4V6, 0x20, false},
+        {IPType::UNKNOWN, IPType::V6, IPType::V6, 0x11, true},
+        {IPType::V4, IPType::V6, IPType::V4, 0x11, true},
+        {IPType::V4, IPType::V6, IPType::V6, 0x11, false},
+        {none, none, IPType::UNKNOWN, 0x11, false},
+        {IPType::UNKNOWN, none, IPType::UNKNOWN, 0x11, false},
     };
-    for (const Case& c : cases) {
+    for (size_t i = 0; i < cases.size(); ++i) {
+        const Case& c = cases[i];
         Modem3gpp2Profile profile{ProfileParams()};
         if (c.override) {
             profile.setOverrideHomeIPType(*c.override);
@@ -175,8 +162,8 @@ TEST(ModemProfileMatchTest, OverrideDecidesTheHomeTypeUnlessUnknown) {
         }
         FilterProfileParams filter;
         filter.setHomeIPType(c.requested);
-        filter.addFilterMatchCriteria(0x11);
-        EXPECT_EQ(profile.match(filter), c.expected) << static_cast<int>(c.requested);
+        filter.addFilterMatchCriteria(c.criteria);
+        EXPECT_EQ(profile.match(filter), c.expected) << "case " << i;
     }
 }
 

@@ -181,8 +181,8 @@ TEST_F(VexClientTest, DroppedConnectionReportsTheErrorOnceAndFailsLaterSends) {
     ASSERT_EQ(clients.size(), 1u);
     ASSERT_TRUE(modem().dropClient(clients[0].id));
     ASSERT_TRUE(client.waitForErrors(1));
-    EXPECT_EQ(client.lastError(), VEX_ERR_CONNECTION_LOST);
-    EXPECT_NE(client.errorThread(), std::this_thread::get_id());
+    EXPECT_EQ(client.errors().last, VEX_ERR_CONNECTION_LOST);
+    EXPECT_NE(client.errors().thread, std::this_thread::get_id());
 
     auto req = getRequest(1);
     wds_get_profile_settings_resp_msg_v01 resp{};
@@ -201,7 +201,7 @@ TEST_F(VexClientTest, DroppedConnectionReportsTheErrorOnceAndFailsLaterSends) {
     ASSERT_EQ(witness.connect(), VEX_NO_ERR);
     for (RecordingClient* each : {&client, &first, &second}) {
         each->release();
-        EXPECT_EQ(each->errorCount(), 1);
+        EXPECT_EQ(each->errors().count, 1);
     }
 }
 

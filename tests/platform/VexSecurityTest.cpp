@@ -44,16 +44,16 @@ int modeOf(const std::string& path) {
     return ::lstat(path.c_str(), &info) == 0 ? static_cast<int>(info.st_mode & 07777) : -1;
 }
 
-bool isRegularFile(const std::string& path) {
-    struct stat info;
-    return ::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
-}
-
 // A stream socket connected to path, or -1: system calls only, for a child process.
-int rawConnect(const char* path) {
+sockaddr_un unixAddress(const char* path) {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     std::strncpy(addr.sun_path, path, sizeof addr.sun_path - 1);
+    return addr;
+}
+
+int rawConnect(const char* path) {
+    const sockaddr_un addr = unixAddress(path);
     int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
         ::close(fd);
@@ -89,29 +89,12 @@ int sendAndCountReply(int fd, const std::vector<uint8_t>& bytes, bool endStream)
 
 // A socket bound at path (the file owned by whoever binds), not yet listening.
 vexwire::UniqueFd boundSocket(const std::string& path) {
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    const sockaddr_un addr = unixAddress(path.c_str());
     vexwire::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (fd && ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
         fd.reset();
     }
     return fd;
-}
-
-std::vector<uint8_t> helloAndListRequest() {
-    vexwire::FrameHeader hello;
-    hello.kind = vexwire::FrameKind::Hello;
-    hello.msgId = WDS_SERVICE_ID_V01;
-    uint8_t role = 0;
-    auto bytes = vexwire::encodeFrame(hello, &role, 1);
-    vexwire::FrameHeader request;
-    request.msgId = VEX_WDS_GET_PROFILE_LIST_REQ_V01;
-    request.txnId = 1;
-    std::vector<uint8_t> payload(sizeof(wds_get_profile_list_req_msg_v01), 0);
-    auto more = vexwire::encodeFrame(request, payload.data(), payload.size());
-    bytes.insert(bytes.end(), more.begin(), more.end());
-    return bytes;
 }
 
 using testsupport::ScopedEnv;
@@ -162,7 +145,10 @@ TEST_F(OtherUserTest, CannotReachControlOrReadTheModem) {
     ASSERT_EQ(::chmod(dir.c_str(), 0755), 0);
     ASSERT_EQ(::chmod(wdsPath.c_str(), 0666), 0);
     ASSERT_EQ(::chmod(ctlPath.c_str(), 0666), 0);
-    const std::vector<uint8_t> request = helloAndListRequest();
+    std::vector<uint8_t> request = helloFrame();
+    const auto list = requestFrame(VEX_WDS_GET_PROFILE_LIST_REQ_V01,
+                                   std::vector<uint8_t>(sizeof(wds_get_profile_list_req_msg_v01)));
+    request.insert(request.end(), list.begin(), list.end());
     const std::vector<uint8_t> command = {'d', 'o', 'w', 'n', '\0'};
     int answered = runAsOtherUser([&] {
         int service = rawConnect(wdsPath.c_str());
@@ -413,7 +399,6 @@ TEST_F(ModemFilesTest, NoSymbolicLinkAtTheStateOrItsTemporaryNameIsFollowed) {
                                     settings3gpp("new", "new.example"), true));
     EXPECT_EQ(readFile(secret), "root only\n");
     EXPECT_EQ(modeOf(secret), 0600);
-    EXPECT_TRUE(isRegularFile(state));
     EXPECT_EQ(modeOf(state), 0600);
     EXPECT_NE(readFile(state).find("password=hunter2"), std::string::npos);
     // The planted link is left as it was, and no temporary file is left behind.

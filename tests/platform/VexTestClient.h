@@ -118,6 +118,14 @@ class RecordingClient {
                                         timeoutMs);
     }
 
+    // Sends one request and returns its response; a failed send fails the test.
+    template <typename Resp, typename Req>
+    std::unique_ptr<Resp> call(unsigned int msgId, Req& req) {
+        auto resp = std::make_unique<Resp>();
+        EXPECT_EQ(send(msgId, req, *resp), VEX_NO_ERR) << "message " << msgId;
+        return resp;
+    }
+
     // Binds to the subscription, registers for indications and hears every profile event, as
     // the library does.
     bool registerAll(int subscription) {
@@ -158,7 +166,7 @@ class RecordingClient {
     }
     bool waitForErrors(int count) {
         std::unique_lock<std::mutex> lock(mu);
-        return cv.wait_for(lock, kWait, [&] { return errors >= count; });
+        return cv.wait_for(lock, kWait, [&] { return errorCount >= count; });
     }
     std::vector<Indication> received() {
         std::lock_guard<std::mutex> lock(mu);
@@ -178,17 +186,14 @@ class RecordingClient {
         }
         return out;
     }
-    int errorCount() {
+    struct Errors {
+        int count;
+        vex_client_error_type last;
+        std::thread::id thread;  // the last report's
+    };
+    Errors errors() {
         std::lock_guard<std::mutex> lock(mu);
-        return errors;
-    }
-    vex_client_error_type lastError() {
-        std::lock_guard<std::mutex> lock(mu);
-        return lastErr;
-    }
-    std::thread::id errorThread() {
-        std::lock_guard<std::mutex> lock(mu);
-        return errThread;
+        return {errorCount, lastErr, errThread};
     }
 
     vex_client_type handle = nullptr;
@@ -214,7 +219,7 @@ class RecordingClient {
         auto* self = static_cast<RecordingClient*>(data);
         {
             std::lock_guard<std::mutex> lock(self->mu);
-            ++self->errors;
+            ++self->errorCount;
             self->lastErr = error;
             self->errThread = std::this_thread::get_id();
         }
@@ -224,10 +229,25 @@ class RecordingClient {
     std::mutex mu;  // guards the recorded callbacks below
     std::condition_variable cv;
     std::vector<Indication> indications;
-    int errors = 0;
+    int errorCount = 0;
     vex_client_error_type lastErr = VEX_NO_ERR;
     std::thread::id errThread;
 };
+
+// A client's greeting, and a request with transaction id 9, as they go on the wire.
+inline std::vector<uint8_t> helloFrame() {
+    vexwire::FrameHeader header;
+    header.kind = vexwire::FrameKind::Hello;
+    header.msgId = WDS_SERVICE_ID_V01;
+    const uint8_t role = 0;
+    return vexwire::encodeFrame(header, &role, 1);
+}
+inline std::vector<uint8_t> requestFrame(unsigned int msgId, const std::vector<uint8_t>& payload) {
+    vexwire::FrameHeader header;
+    header.msgId = msgId;
+    header.txnId = 9;
+    return vexwire::encodeFrame(header, payload.data(), payload.size());
+}
 
 // Raw bytes on the service socket, as a broken or hostile peer would send them.
 class RawPeer {
@@ -240,18 +260,9 @@ class RawPeer {
         vexwire::writeAll(fd.get(), bytes.data(), bytes.size(),
                           vexwire::Clock::now() + std::chrono::seconds(5));
     }
-    void hello() {
-        vexwire::FrameHeader header;
-        header.kind = vexwire::FrameKind::Hello;
-        header.msgId = WDS_SERVICE_ID_V01;
-        uint8_t role = 0;
-        send(vexwire::encodeFrame(header, &role, 1));
-    }
+    void hello() { send(helloFrame()); }
     void request(unsigned int msgId, const std::vector<uint8_t>& payload) {
-        vexwire::FrameHeader header;
-        header.msgId = msgId;
-        header.txnId = 9;
-        send(vexwire::encodeFrame(header, payload.data(), payload.size()));
+        send(requestFrame(msgId, payload));
     }
     // The next frame, or nothing when the modem closes the connection.
     std::optional<vexwire::Frame> next() {

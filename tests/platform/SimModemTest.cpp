@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <map>
 #include <set>
 
 #include "VexWire.h"
@@ -106,32 +105,6 @@ TEST(ProfileTextTest, ParseErrorsNameTheLineAndTheReasonAndKeepNothing) {
     }
 }
 
-TEST(ProfileTextTest, ShippedSeedIsACarrierProvisionedModem) {
-    std::vector<Profile> parsed;
-    std::string error;
-    ASSERT_TRUE(vexsim::parseProfiles(
-        testsupport::readFile(testsupport::sourceDir() + "/data/modem-seed.conf"), &parsed, &error))
-        << error;
-    std::map<std::string, wds_profile_settings_v01> first;  // by name, on subscription 0
-    int cdma = 0, second = 0;
-    for (const Profile& p : parsed) {
-        if (p.subscription == 0) {
-            first.emplace(p.settings.profile_name, p.settings);
-        }
-        cdma += p.type == WDS_PROFILE_TYPE_3GPP2_V01;
-        second += p.subscription == 1;
-    }
-    ASSERT_EQ(first.count("internet") + first.count("ims") + first.count("sos"), 3u);
-    EXPECT_EQ(first["internet"].apn_type_mask,
-              WDS_APN_TYPE_MASK_DEFAULT_V01 | WDS_APN_TYPE_MASK_SUPL_V01);
-    EXPECT_EQ(first["internet"].pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
-    EXPECT_EQ(first["ims"].apn_class, 1);
-    EXPECT_EQ(first["sos"].support_emergency_calls, 1);
-    EXPECT_EQ(first.count("mms"), 1u);
-    EXPECT_GE(cdma, 1);
-    EXPECT_GE(second, 2);
-}
-
 // --- The modem over its socket ---
 
 const char* const kSeed =
@@ -165,40 +138,27 @@ wds_profile_identifier_type_v01 id3gpp(uint8_t index) {
     return {WDS_PROFILE_TYPE_3GPP_V01, index};
 }
 
-int createProfile(RecordingClient& client, wds_profile_type_enum_v01 type,
-                  const wds_profile_settings_v01& settings, wds_create_profile_resp_msg_v01* resp) {
+// Each sends one request and returns the modem's response; a failed send fails the test.
+std::unique_ptr<wds_create_profile_resp_msg_v01> create(RecordingClient& client,
+                                                        wds_profile_type_enum_v01 type,
+                                                        const wds_profile_settings_v01& settings) {
     auto req = std::make_unique<wds_create_profile_req_msg_v01>();
     req->profile_type = type;
     req->settings = settings;
-    *resp = {};
-    return client.send(VEX_WDS_CREATE_PROFILE_REQ_V01, *req, *resp);
+    return client.call<wds_create_profile_resp_msg_v01>(VEX_WDS_CREATE_PROFILE_REQ_V01, *req);
 }
 
 std::unique_ptr<wds_get_profile_settings_resp_msg_v01> getProfile(
     RecordingClient& client, wds_profile_identifier_type_v01 id) {
-    wds_get_profile_settings_req_msg_v01 req{};
-    req.profile = id;
-    auto resp = std::make_unique<wds_get_profile_settings_resp_msg_v01>();
-    EXPECT_EQ(client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, req, *resp), VEX_NO_ERR);
-    return resp;
+    wds_get_profile_settings_req_msg_v01 req{id};
+    return client.call<wds_get_profile_settings_resp_msg_v01>(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01,
+                                                              req);
 }
 
 std::unique_ptr<wds_get_profile_list_resp_msg_v01> listProfiles(RecordingClient& client,
                                                                 wds_profile_type_enum_v01 type) {
-    wds_get_profile_list_req_msg_v01 req{};
-    req.profile_type_valid = 1;
-    req.profile_type = type;
-    auto resp = std::make_unique<wds_get_profile_list_resp_msg_v01>();
-    EXPECT_EQ(client.send(VEX_WDS_GET_PROFILE_LIST_REQ_V01, req, *resp), VEX_NO_ERR);
-    return resp;
-}
-
-// Each sends one request and returns the modem's result; a failed send fails the test.
-vex_response_type_v01 createResult(RecordingClient& client, wds_profile_type_enum_v01 type,
-                                   const wds_profile_settings_v01& settings) {
-    wds_create_profile_resp_msg_v01 resp;
-    EXPECT_EQ(createProfile(client, type, settings, &resp), VEX_NO_ERR);
-    return resp.resp;
+    wds_get_profile_list_req_msg_v01 req{1, type};
+    return client.call<wds_get_profile_list_resp_msg_v01>(VEX_WDS_GET_PROFILE_LIST_REQ_V01, req);
 }
 
 vex_response_type_v01 modifyResult(RecordingClient& client, wds_profile_identifier_type_v01 id,
@@ -206,36 +166,31 @@ vex_response_type_v01 modifyResult(RecordingClient& client, wds_profile_identifi
     auto req = std::make_unique<wds_modify_profile_settings_req_msg_v01>();
     req->profile = id;
     req->settings = settings;
-    wds_modify_profile_settings_resp_msg_v01 resp{};
-    EXPECT_EQ(client.send(VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, *req, resp), VEX_NO_ERR);
-    return resp.resp;
+    return client
+        .call<wds_modify_profile_settings_resp_msg_v01>(VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01,
+                                                        *req)
+        ->resp;
 }
 
 vex_response_type_v01 deleteResult(RecordingClient& client, wds_profile_identifier_type_v01 id) {
     wds_delete_profile_req_msg_v01 req{id};
-    wds_delete_profile_resp_msg_v01 resp{};
-    EXPECT_EQ(client.send(VEX_WDS_DELETE_PROFILE_REQ_V01, req, resp), VEX_NO_ERR);
-    return resp.resp;
+    return client.call<wds_delete_profile_resp_msg_v01>(VEX_WDS_DELETE_PROFILE_REQ_V01, req)->resp;
 }
 
 vex_response_type_v01 bindResult(RecordingClient& client, int subscription) {
     wds_bind_subscription_req_msg_v01 req{
         static_cast<wds_bind_subscription_enum_v01>(subscription)};
-    wds_bind_subscription_resp_msg_v01 resp{};
-    EXPECT_EQ(client.send(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, req, resp), VEX_NO_ERR);
-    return resp.resp;
+    return client.call<wds_bind_subscription_resp_msg_v01>(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, req)
+        ->resp;
 }
 
 TEST_F(SimModemTest, AnswersEveryMessageOfTheService) {
     auto client = registered(0);  // bind, indication register, event list: each succeeded
 
-    wds_create_profile_resp_msg_v01 created;
-    ASSERT_EQ(
-        createProfile(*client, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("kel", "new.apn"), &created),
-        VEX_NO_ERR);
-    ASSERT_EQ(created.resp.result, 0);
-    EXPECT_EQ(created.profile.profile_type, WDS_PROFILE_TYPE_3GPP_V01);
-    EXPECT_EQ(created.profile.profile_index, 4);
+    auto created = create(*client, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("kel", "new.apn"));
+    ASSERT_EQ(created->resp.result, 0);
+    EXPECT_EQ(created->profile.profile_type, WDS_PROFILE_TYPE_3GPP_V01);
+    EXPECT_EQ(created->profile.profile_index, 4);
 
     auto list = listProfiles(*client, WDS_PROFILE_TYPE_3GPP_V01);
     ASSERT_EQ(list->resp.result, 0);
@@ -292,9 +247,7 @@ TEST_F(SimModemTest, CreateKeepsTheFamilysFieldsAndModifyClearsWithNoSetting) {
     std::strcpy(mixed.apn_string, "cdma2.example");
     mixed.persistent_valid = 1;
     mixed.persistent = 0;
-    wds_create_profile_resp_msg_v01 created;
-    ASSERT_EQ(createProfile(client, WDS_PROFILE_TYPE_3GPP2_V01, mixed, &created), VEX_NO_ERR);
-    ASSERT_EQ(created.profile.profile_index, 2);
+    ASSERT_EQ(create(client, WDS_PROFILE_TYPE_3GPP2_V01, mixed)->profile.profile_index, 2);
     auto stored = modem().profile(0, WDS_PROFILE_TYPE_3GPP2_V01, 2);
     ASSERT_TRUE(stored.has_value());
     EXPECT_FALSE(stored->persistent);
@@ -329,13 +282,13 @@ TEST_F(SimModemTest, BadRequestsGetAFailedResultAndChangeNothing) {
         int error;
     } cases[] = {
         {"create of an unknown type",
-         [&] { return createResult(client, WDS_PROFILE_TYPE_EPC_V01, settings3gpp("x", "y")); },
+         [&] { return create(client, WDS_PROFILE_TYPE_EPC_V01, settings3gpp("x", "y"))->resp; },
          VEX_ERR_INVALID_PROFILE_TYPE_V01},
         {"create with an unterminated APN",
-         [&] { return createResult(client, WDS_PROFILE_TYPE_3GPP_V01, unterminated); },
+         [&] { return create(client, WDS_PROFILE_TYPE_3GPP_V01, unterminated)->resp; },
          VEX_ERR_INVALID_ARG_V01},
         {"create with an unknown PDP type",
-         [&] { return createResult(client, WDS_PROFILE_TYPE_3GPP_V01, badPdp); },
+         [&] { return create(client, WDS_PROFILE_TYPE_3GPP_V01, badPdp)->resp; },
          VEX_ERR_INVALID_ARG_V01},
         {"modify with an unknown roaming type",
          [&] { return modifyResult(client, id3gpp(1), badRoam); }, VEX_ERR_INVALID_ARG_V01},
@@ -375,19 +328,17 @@ TEST(SimModemCapacityTest, AssignsTheLowestFreeIndexAndRefusesWhenTheTableIsFull
     ASSERT_TRUE(harness.start()) << harness.error;
     RecordingClient client;
     ASSERT_EQ(client.connect(), VEX_NO_ERR);
-    wds_create_profile_resp_msg_v01 resp;
-    ASSERT_EQ(createProfile(client, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("b", "b"), &resp),
-              VEX_NO_ERR);
-    EXPECT_EQ(resp.profile.profile_index, 2);
-    ASSERT_EQ(createProfile(client, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("d", "d"), &resp),
-              VEX_NO_ERR);
-    EXPECT_EQ(resp.resp.result, VEX_RESULT_FAILURE_V01);
-    EXPECT_EQ(resp.resp.error, VEX_ERR_NO_MEMORY_V01);
+    EXPECT_EQ(
+        create(client, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("b", "b"))->profile.profile_index,
+        2);
+    auto full = create(client, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("d", "d"));
+    EXPECT_EQ(full->resp.result, VEX_RESULT_FAILURE_V01);
+    EXPECT_EQ(full->resp.error, VEX_ERR_NO_MEMORY_V01);
     EXPECT_FALSE(harness.modem->createProfile(0, WDS_PROFILE_TYPE_3GPP_V01, {}, true));
     ASSERT_TRUE(harness.modem->deleteProfile(0, WDS_PROFILE_TYPE_3GPP_V01, 1));
-    ASSERT_EQ(createProfile(client, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("e", "e"), &resp),
-              VEX_NO_ERR);
-    EXPECT_EQ(resp.profile.profile_index, 1);
+    EXPECT_EQ(
+        create(client, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("e", "e"))->profile.profile_index,
+        1);
 }
 
 TEST(SimModemCapacityTest, SeedThatDoesNotFitKeepsTheModemDown) {
@@ -431,14 +382,12 @@ TEST_F(SimModemTest, ChangesReachRegisteredClientsOfTheSubscriptionThatCoverTheP
     ASSERT_EQ(cdmaOnly.send(VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01, *config, configResp),
               VEX_NO_ERR);
 
-    wds_create_profile_resp_msg_v01 created;
-    ASSERT_EQ(createProfile(*maker, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("n", "n"), &created),
-              VEX_NO_ERR);
-    ASSERT_TRUE(modem().deleteProfile(0, WDS_PROFILE_TYPE_3GPP_V01, created.profile.profile_index));
+    const uint8_t index =
+        create(*maker, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("n", "n"))->profile.profile_index;
+    ASSERT_TRUE(modem().deleteProfile(0, WDS_PROFILE_TYPE_3GPP_V01, index));
     ASSERT_TRUE(modem().modifyProfile(0, WDS_PROFILE_TYPE_3GPP2_V01, 1, {}));
     modem().announceSubscriptionChange(1);
 
-    uint8_t index = created.profile.profile_index;
     for (RecordingClient* client : {maker.get(), peer.get()}) {
         ASSERT_TRUE(client->waitForIndications(4));
         auto events = client->events();
@@ -662,12 +611,11 @@ TEST_F(SimModemTest, ConcurrentClientsGetDistinctIndexesAndHearEveryChange) {
     for (int i = 0; i < kClients; ++i) {
         threads.emplace_back([&, i] {
             for (int n = 0; n < kEach; ++n) {
-                wds_create_profile_resp_msg_v01 resp;
                 std::string name = "c" + std::to_string(i) + "_" + std::to_string(n);
-                if (createProfile(*clients[static_cast<size_t>(i)], WDS_PROFILE_TYPE_3GPP_V01,
-                                  settings3gpp(name, name), &resp) == VEX_NO_ERR &&
-                    resp.resp.result == 0) {
-                    indexes[static_cast<size_t>(i)].push_back(resp.profile.profile_index);
+                auto resp = create(*clients[static_cast<size_t>(i)], WDS_PROFILE_TYPE_3GPP_V01,
+                                   settings3gpp(name, name));
+                if (resp->resp.result == 0) {
+                    indexes[static_cast<size_t>(i)].push_back(resp->profile.profile_index);
                 }
             }
         });

@@ -88,7 +88,8 @@ class RecordingClient {
     RecordingClient(const RecordingClient&) = delete;
     RecordingClient& operator=(const RecordingClient&) = delete;
 
-    vex_client_error_type connect() {
+    // Connects; the error callback is registered at once unless the test does it later.
+    vex_client_error_type connect(bool withErrorCallback = true) {
         vex_service_info info{};
         vex_client_error_type rc = vex_client_get_any_service(wds(), &info);
         if (rc != VEX_NO_ERR) {
@@ -99,6 +100,9 @@ class RecordingClient {
         if (rc != VEX_NO_ERR) {
             return rc;
         }
+        return withErrorCallback ? registerErrorCallback() : VEX_NO_ERR;
+    }
+    vex_client_error_type registerErrorCallback() {
         return vex_client_register_error_cb(handle, &RecordingClient::onError, this);
     }
 

@@ -113,25 +113,6 @@ TEST(DiagStandInTest, RecordsDescriptorAndSessionCalls) {
     EXPECT_EQ(sent[0].text, "x=1");
 }
 
-#ifndef KELR_SYSTEM_LIBLOG
-TEST(AndroidStandInTest, RecordsPriorityTagAndFormattedMessage) {
-    hostlog::LogCapture capture;
-    EXPECT_EQ(__android_log_print(ANDROID_LOG_WARN, "TAG", "n=%d s=%s", 3, "x"), 7);
-    __android_log_print(ANDROID_LOG_ERROR, nullptr, "untagged");
-
-    std::vector<hostlog::AndroidLogRecord> written = capture.android();
-    ASSERT_EQ(written.size(), 2u);
-    EXPECT_EQ(written[0].priority, ANDROID_LOG_WARN);
-    EXPECT_EQ(written[0].tag, "TAG");
-    EXPECT_EQ(written[0].message, "n=3 s=x");
-    EXPECT_EQ(written[1].tag, "");
-    EXPECT_TRUE(capture.hasAndroidMessage("untagged"));
-    EXPECT_FALSE(capture.hasAndroidMessage("untag"));
-    ASSERT_EQ(capture.androidContaining("s=").size(), 1u);
-    EXPECT_EQ(capture.androidContaining("s=")[0].message, "n=3 s=x");
-}
-#endif
-
 // Whichever liblog is linked, the capture gives back each record as it was written: the system's
 // liblog prints them to standard error, where a tag may hold spaces and a message lines of its
 // own.
@@ -275,18 +256,32 @@ TEST(LogCaptureTest, LeavesWhatWasWrittenOnStandardError) {
 }
 
 #ifndef KELR_SYSTEM_LIBLOG
-TEST(AndroidStandInTest, PrintsLogcatThreadtimeLinePerMessageLine) {
+TEST(AndroidStandInTest, RecordsAndPrintsALogcatThreadtimeLinePerMessageLine) {
     hostlog::setEcho(true);
-    std::string printed = standardErrorOf(
-        [] { __android_log_print(ANDROID_LOG_ERROR, "KEL", "first\nsecond %d", 2); });
+    int written = -1;
+    {  // what a capture records
+        hostlog::LogCapture capture;
+        std::string printed = standardErrorOf([&written] {
+            written = __android_log_print(ANDROID_LOG_ERROR, "KEL", "first\nsecond %d", 2);
+            __android_log_print(ANDROID_LOG_WARN, nullptr, "untagged");
+        });
+        EXPECT_EQ(written, 14);
+        ASSERT_EQ(capture.android().size(), 2u);
+        EXPECT_EQ(capture.android()[1].tag, "");
+        EXPECT_TRUE(capture.hasAndroidMessage("untagged"));
+        EXPECT_FALSE(capture.hasAndroidMessage("untag"));
+        EXPECT_EQ(capture.androidContaining("second").size(), 1u);
 
-    // logcat's threadtime shape, "MM-DD HH:MM:SS.mmm pid tid P tag: text", once per line.
-    const std::string head = R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +\d+ +\d+ E KEL: )";
-    EXPECT_TRUE(std::regex_match(printed, std::regex(head + "first\n" + head + "second 2\n")))
-        << printed;
+        // logcat's threadtime shape, "MM-DD HH:MM:SS.mmm pid tid P tag: text", once per line.
+        const std::string head = R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +\d+ +\d+ E KEL: )";
+        const std::string untagged = R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +\d+ +\d+ W : untagged\n)";
+        EXPECT_TRUE(std::regex_match(printed,
+                                     std::regex(head + "first\n" + head + "second 2\n" + untagged)))
+            << printed;
+    }
 
     hostlog::setEcho(false);
-    int written = -1;
+    written = -1;
     EXPECT_EQ(standardErrorOf([&written] {
                   written = __android_log_print(ANDROID_LOG_ERROR, "KEL", "quiet %s", "line");
               }),

@@ -1,8 +1,6 @@
-// The host platform on a shared machine. Another local user must not reach, control, impersonate
-// or read the modem, take over or redirect its service directory, or make it follow a symbolic
-// link; idle, silent and stuck peers must hold nobody up. The other user is real (uid 65534,
-// entered with setresuid in a child process), which needs root; run as anyone else, the tests
-// that need it are skipped.
+// The host platform on a shared machine: another local user (uid 65534, entered with setresuid
+// in a child, so root only) must not reach, control, impersonate or read the modem, nor redirect
+// it through its service directory or a symbolic link; idle and stuck peers hold nobody up.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -325,19 +323,20 @@ TEST_F(OtherUserTest, DefaultDirectoryTakenFirstByTheOtherUserIsRefused) {
 }
 
 TEST(ServiceDirectoryTest, DefaultIsTheUsersOwn) {
-    {
-        ScopedEnv dir("VEX_SERVICE_DIR", "/somewhere/else");
-        ScopedEnv xdg("XDG_RUNTIME_DIR", "/run/user/1000");
-        EXPECT_EQ(vexwire::serviceDirectory(), "/somewhere/else");
+    struct Case {
+        const char* serviceDir;
+        const char* runtimeDir;
+        std::string expected;
+    } cases[] = {
+        {"/somewhere/else", "/run/user/1000", "/somewhere/else"},
+        {"", "/run/user/1000", "/run/user/1000/vex-services"},
+        {nullptr, nullptr, "/tmp/vex-services-" + std::to_string(::geteuid())},
+    };
+    for (const Case& c : cases) {
+        ScopedEnv dir("VEX_SERVICE_DIR", c.serviceDir);
+        ScopedEnv xdg("XDG_RUNTIME_DIR", c.runtimeDir);
+        EXPECT_EQ(vexwire::serviceDirectory(), c.expected);
     }
-    {
-        ScopedEnv dir("VEX_SERVICE_DIR", "");
-        ScopedEnv xdg("XDG_RUNTIME_DIR", "/run/user/1000");
-        EXPECT_EQ(vexwire::serviceDirectory(), "/run/user/1000/vex-services");
-    }
-    ScopedEnv dir("VEX_SERVICE_DIR", nullptr);
-    ScopedEnv xdg("XDG_RUNTIME_DIR", nullptr);
-    EXPECT_EQ(vexwire::serviceDirectory(), "/tmp/vex-services-" + std::to_string(::geteuid()));
 }
 
 // --- Files and modes ---

@@ -130,32 +130,28 @@ class RecordingClient {
         return resp;
     }
 
-    // Binds to the subscription, registers for indications and hears every profile event, as
-    // the library does.
-    bool registerAll(int subscription) {
-        wds_bind_subscription_req_msg_v01 bind{};
-        bind.subscription = static_cast<wds_bind_subscription_enum_v01>(subscription);
-        wds_bind_subscription_resp_msg_v01 bindResp{};
+    // Binds to the subscription, registers for indications and hears every profile event (of
+    // one profile type, when given), as the library does.
+    bool registerAll(int subscription, int profileType = 0xFF) {
+        wds_bind_subscription_req_msg_v01 bind{
+            static_cast<wds_bind_subscription_enum_v01>(subscription)};
         wds_indication_register_req_msg_v01 reg{};
         reg.report_profile_changed_events_valid = 1;
         reg.report_profile_changed_events = 1;
-        wds_indication_register_resp_msg_v01 regResp{};
         auto config = std::make_unique<wds_configure_profile_event_list_req_msg_v01>();
         config->profile_event_register_valid = 1;
         config->profile_event_register_len = 1;
-        config->profile_event_register[0].profile_type =
-            static_cast<wds_profile_type_enum_v01>(0xFF);
-        config->profile_event_register[0].profile_index = 0xFF;
+        config->profile_event_register[0] = {static_cast<wds_profile_type_enum_v01>(profileType),
+                                             0xFF};
         config->report_profile_events_valid = 1;
         config->report_profile_events = 1;
-        wds_configure_profile_event_list_resp_msg_v01 configResp{};
-        return send(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, bind, bindResp) == VEX_NO_ERR &&
-               bindResp.resp.result == 0 &&
-               send(VEX_WDS_INDICATION_REGISTER_REQ_V01, reg, regResp) == VEX_NO_ERR &&
-               regResp.resp.result == 0 &&
-               send(VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01, *config, configResp) ==
-                   VEX_NO_ERR &&
-               configResp.resp.result == 0;
+        return call<wds_bind_subscription_resp_msg_v01>(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, bind)
+                       ->resp.result == 0 &&
+               call<wds_indication_register_resp_msg_v01>(VEX_WDS_INDICATION_REGISTER_REQ_V01, reg)
+                       ->resp.result == 0 &&
+               call<wds_configure_profile_event_list_resp_msg_v01>(
+                   VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01, *config)
+                       ->resp.result == 0;
     }
 
     struct Indication {

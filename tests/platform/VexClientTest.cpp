@@ -71,7 +71,7 @@ TEST_F(VexClientTest, NotifierReportsAtOnceWhenUpOrWhenTheModemComesUpAndAfterEv
     vex_client_type earlyNotifier = early.startNotifier();
     ASSERT_NE(earlyNotifier, nullptr);
     ASSERT_TRUE(early.waitForUps(1));
-    EXPECT_NE(early.callbackThread(), std::this_thread::get_id());
+    EXPECT_NE(early.seen.get().thread, std::this_thread::get_id());
 
     modem().stop();
     NotifyCounter late;
@@ -92,8 +92,8 @@ TEST_F(VexClientTest, NotifierReportsAtOnceWhenUpOrWhenTheModemComesUpAndAfterEv
     }
     EXPECT_EQ(vex_client_release(earlyNotifier), VEX_NO_ERR);
     EXPECT_EQ(vex_client_release(lateNotifier), VEX_NO_ERR);
-    EXPECT_EQ(early.count(), 3);
-    EXPECT_EQ(late.count(), 2);
+    EXPECT_EQ(early.seen.get().ups, 3);
+    EXPECT_EQ(late.seen.get().ups, 2);
 }
 
 TEST_F(VexClientTest, InvalidHandlesAreRejectedByEveryCall) {
@@ -181,8 +181,8 @@ TEST_F(VexClientTest, DroppedConnectionReportsTheErrorOnceAndFailsLaterSends) {
     ASSERT_EQ(clients.size(), 1u);
     ASSERT_TRUE(modem().dropClient(clients[0].id));
     ASSERT_TRUE(client.waitForErrors(1));
-    EXPECT_EQ(client.errors().last, VEX_ERR_CONNECTION_LOST);
-    EXPECT_NE(client.errors().thread, std::this_thread::get_id());
+    EXPECT_EQ(client.seen.get().lastError, VEX_ERR_CONNECTION_LOST);
+    EXPECT_NE(client.seen.get().errorThread, std::this_thread::get_id());
 
     auto req = getRequest(1);
     wds_get_profile_settings_resp_msg_v01 resp{};
@@ -201,7 +201,7 @@ TEST_F(VexClientTest, DroppedConnectionReportsTheErrorOnceAndFailsLaterSends) {
     ASSERT_EQ(witness.connect(), VEX_NO_ERR);
     for (RecordingClient* each : {&client, &first, &second}) {
         each->release();
-        EXPECT_EQ(each->errors().count, 1);
+        EXPECT_EQ(each->seen.get().errors, 1);
     }
 }
 
@@ -216,9 +216,9 @@ TEST_F(VexClientTest, ErrorCallbackRegisteredAfterTheLossRunsOnceOnTheLibraryThr
               VEX_ERR_CONNECTION_LOST);
     ASSERT_EQ(client.registerErrorCallback(), VEX_NO_ERR);
     ASSERT_TRUE(client.waitForErrors(1));
-    EXPECT_NE(client.errors().thread, std::this_thread::get_id());
+    EXPECT_NE(client.seen.get().errorThread, std::this_thread::get_id());
     EXPECT_EQ(client.release(), VEX_NO_ERR);
-    EXPECT_EQ(client.errors().count, 1);
+    EXPECT_EQ(client.seen.get().errors, 1);
 }
 
 TEST_F(VexClientTest, IndicationsArriveInOrderOnTheLibraryThread) {

@@ -79,8 +79,35 @@ inline wds_profile_settings_v01 settings3gpp(const std::string& name, const std:
     return s;
 }
 
-// One vex client whose callbacks are recorded. Threads: the test's thread, and the library's
-// thread for the callbacks; guarded by mu.
+// What the library's thread reports and the test's thread reads or waits for; guarded by mu.
+template <typename T>
+class Guarded {
+  public:
+    template <typename Apply>
+    void change(Apply apply) {
+        {
+            std::lock_guard<std::mutex> lock(mu);
+            apply(value);
+        }
+        cv.notify_all();
+    }
+    template <typename Holds>
+    bool waitUntil(Holds holds) {
+        std::unique_lock<std::mutex> lock(mu);
+        return cv.wait_for(lock, kWait, [&] { return holds(value); });
+    }
+    T get() {
+        std::lock_guard<std::mutex> lock(mu);
+        return value;
+    }
+
+  private:
+    std::mutex mu;
+    std::condition_variable cv;
+    T value{};
+};
+
+// One vex client whose callbacks are recorded.
 class RecordingClient {
   public:
     RecordingClient() = default;
@@ -160,18 +187,21 @@ class RecordingClient {
         std::thread::id thread;
     };
 
+    // What the callbacks reported: every indication, and the errors with the last one's thread.
+    struct Seen {
+        std::vector<Indication> indications;
+        int errors = 0;
+        vex_client_error_type lastError = VEX_NO_ERR;
+        std::thread::id errorThread;
+    };
+
     bool waitForIndications(size_t count) {
-        std::unique_lock<std::mutex> lock(mu);
-        return cv.wait_for(lock, kWait, [&] { return indications.size() >= count; });
+        return seen.waitUntil([&](const Seen& now) { return now.indications.size() >= count; });
     }
     bool waitForErrors(int count) {
-        std::unique_lock<std::mutex> lock(mu);
-        return cv.wait_for(lock, kWait, [&] { return errorCount >= count; });
+        return seen.waitUntil([&](const Seen& now) { return now.errors >= count; });
     }
-    std::vector<Indication> received() {
-        std::lock_guard<std::mutex> lock(mu);
-        return indications;
-    }
+    std::vector<Indication> received() { return seen.get().indications; }
     // The profile-changed events received so far, decoded; an undecodable one is skipped.
     std::vector<wds_profile_changed_ind_type_v01> events() {
         std::vector<wds_profile_changed_ind_type_v01> out;
@@ -186,19 +216,10 @@ class RecordingClient {
         }
         return out;
     }
-    struct Errors {
-        int count;
-        vex_client_error_type last;
-        std::thread::id thread;  // the last report's
-    };
-    Errors errors() {
-        std::lock_guard<std::mutex> lock(mu);
-        return {errorCount, lastErr, errThread};
-    }
-
     vex_client_type handle = nullptr;
     // Runs on the library's thread before each indication is recorded; set before connect().
     std::function<void(unsigned int msgId)> beforeIndication;
+    Guarded<Seen> seen;
 
   private:
     static void onIndication(vex_client_type, unsigned int msgId, void* buf, unsigned int len,
@@ -208,30 +229,18 @@ class RecordingClient {
             self->beforeIndication(msgId);
         }
         const auto* bytes = static_cast<const uint8_t*>(buf);
-        {
-            std::lock_guard<std::mutex> lock(self->mu);
-            self->indications.push_back(
+        self->seen.change([&](Seen& now) {
+            now.indications.push_back(
                 {msgId, std::vector<uint8_t>(bytes, bytes + len), std::this_thread::get_id()});
-        }
-        self->cv.notify_all();
+        });
     }
     static void onError(vex_client_type, vex_client_error_type error, void* data) {
-        auto* self = static_cast<RecordingClient*>(data);
-        {
-            std::lock_guard<std::mutex> lock(self->mu);
-            ++self->errorCount;
-            self->lastErr = error;
-            self->errThread = std::this_thread::get_id();
-        }
-        self->cv.notify_all();
+        static_cast<RecordingClient*>(data)->seen.change([&](Seen& now) {
+            ++now.errors;
+            now.lastError = error;
+            now.errorThread = std::this_thread::get_id();
+        });
     }
-
-    std::mutex mu;  // guards the recorded callbacks below
-    std::condition_variable cv;
-    std::vector<Indication> indications;
-    int errorCount = 0;
-    vex_client_error_type lastErr = VEX_NO_ERR;
-    std::thread::id errThread;
 };
 
 // A client's greeting, and a request with transaction id 9, as they go on the wire.
@@ -289,7 +298,7 @@ class RawPeer {
     vexwire::FrameReader reader;
 };
 
-// Counts a notifier's service-up reports. Threads: the test's and the library's; guarded by mu.
+// Counts a notifier's service-up reports.
 class NotifyCounter {
   public:
     // A notifier that reports to this counter; null when it cannot be made.
@@ -304,34 +313,20 @@ class NotifyCounter {
     }
     static void onNotify(vex_client_type, vex_idl_service_object_type,
                          vex_client_notify_event_type event, void* data) {
-        auto* self = static_cast<NotifyCounter*>(data);
-        {
-            std::lock_guard<std::mutex> lock(self->mu);
-            if (event == VEX_CLIENT_SERVICE_COUNT_INCREASING) {
-                ++self->ups;
-            }
-            self->thread = std::this_thread::get_id();
-        }
-        self->cv.notify_all();
+        static_cast<NotifyCounter*>(data)->seen.change([&](Ups& now) {
+            now.ups += event == VEX_CLIENT_SERVICE_COUNT_INCREASING ? 1 : 0;
+            now.thread = std::this_thread::get_id();
+        });
     }
     bool waitForUps(int count) {
-        std::unique_lock<std::mutex> lock(mu);
-        return cv.wait_for(lock, kWait, [&] { return ups >= count; });
-    }
-    int count() {
-        std::lock_guard<std::mutex> lock(mu);
-        return ups;
-    }
-    std::thread::id callbackThread() {
-        std::lock_guard<std::mutex> lock(mu);
-        return thread;
+        return seen.waitUntil([&](const Ups& now) { return now.ups >= count; });
     }
 
-  private:
-    std::mutex mu;  // guards ups and thread
-    std::condition_variable cv;
-    int ups = 0;
-    std::thread::id thread;
+    struct Ups {
+        int ups = 0;
+        std::thread::id thread;  // the last report's
+    };
+    Guarded<Ups> seen;
 };
 
 }  // namespace vextest

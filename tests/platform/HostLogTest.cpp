@@ -12,11 +12,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <ostream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "hostlog/LogCapture.h"
@@ -146,19 +145,14 @@ TEST(LogCaptureTest, ReadsBackEveryPriorityWithTagAndText) {
     }
 }
 
-struct FileIdentity {
-    dev_t device = 0;
-    ino_t inode = 0;
-};
-
-FileIdentity standardErrorIdentity() {
+std::pair<dev_t, ino_t> standardErrorIdentity() {
     struct stat status {};
     EXPECT_EQ(fstat(STDERR_FILENO, &status), 0);
     return {status.st_dev, status.st_ino};
 }
 
 TEST(LogCaptureTest, RecordsOnlyWhileItLivesClearsAndRestoresStandardError) {
-    const FileIdentity before = standardErrorIdentity();
+    const auto before = standardErrorIdentity();
     {
         hostlog::LogCapture capture;
         __android_log_print(ANDROID_LOG_INFO, "T", "inside");
@@ -175,9 +169,7 @@ TEST(LogCaptureTest, RecordsOnlyWhileItLivesClearsAndRestoresStandardError) {
         EXPECT_TRUE(capture.android().empty());
         EXPECT_EQ(capture.diagInitCalls(), 0);
     }
-    const FileIdentity after = standardErrorIdentity();
-    EXPECT_EQ(after.device, before.device);
-    EXPECT_EQ(after.inode, before.inode);
+    EXPECT_EQ(standardErrorIdentity(), before);
 
     __android_log_print(ANDROID_LOG_INFO, "T", "between");
     hostlog::LogCapture next;

@@ -99,7 +99,11 @@ const char* const kSeed =
 
 class SimModemTest : public ::testing::Test {
   protected:
-    void SetUp() override { ASSERT_TRUE(harness.start()) << harness.error; }
+    // Without the ready event, a client hears only the changes a test makes.
+    void SetUp() override {
+        harness.modem->setProfilesReadyOnRegister(false);
+        ASSERT_TRUE(harness.start()) << harness.error;
+    }
     vexsim::SimModem& modem() { return *harness.modem; }
 
     // A client bound and registered for every event of the subscription.
@@ -110,11 +114,7 @@ class SimModemTest : public ::testing::Test {
         return client;
     }
 
-    ModemHarness harness{kSeed, [] {
-                             vexsim::Config config;
-                             config.profilesReadyOnRegister = false;
-                             return config;
-                         }()};
+    ModemHarness harness{kSeed};
 };
 
 wds_profile_identifier_type_v01 id3gpp(uint8_t index) {

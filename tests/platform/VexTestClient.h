@@ -38,9 +38,7 @@ inline vex_idl_service_object_type wds() {
 struct ModemHarness {
     explicit ModemHarness(const std::string& seed = "", vexsim::Config config = {}) {
         config.serviceDir = dir.path();
-        if (config.seedFile.empty() && config.seedText.empty()) {
-            config.seedText = seed;
-        }
+        config.seedText = seed;
         serviceDir.emplace("VEX_SERVICE_DIR", dir.path().c_str());
         modem = std::make_unique<vexsim::SimModem>(config);
     }

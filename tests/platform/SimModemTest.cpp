@@ -520,53 +520,37 @@ TEST_F(SimModemTest, WrongSizeOrUnknownRequestIsRejectedAndTheConnectionStays) {
 }
 
 TEST_F(SimModemTest, GarbageAndVanishingPeersNeitherCrashNorBlockTheModem) {
-    auto header = [](uint8_t kind, uint32_t length) {
+    // The greeting, then a bare frame header of the given kind and announced length.
+    auto greetedThen = [](uint8_t kind, uint32_t length) {
         vexwire::FrameHeader h;
         h.kind = static_cast<vexwire::FrameKind>(kind);
-        auto bytes = vexwire::encodeFrame(h, nullptr, 0);
-        std::memcpy(&bytes[12], &length, sizeof length);
+        const auto frame = vexwire::encodeFrame(h, nullptr, 0);
+        std::vector<uint8_t> bytes = helloFrame();
+        bytes.insert(bytes.end(), frame.begin(), frame.end());
+        std::memcpy(&bytes[bytes.size() - frame.size() + 12], &length, sizeof length);
         return bytes;
     };
-    std::vector<std::pair<const char*, std::function<void(RawPeer&)>>> closing = {
+    const std::pair<const char*, std::vector<uint8_t>> closing[] = {
         {"text instead of frames",
-         [](RawPeer& p) {
-             p.send({'G', 'E', 'T', ' ', '/', '\r', '\n', 0, 0, 0, 0, 0, 0, 0, 0, 0});
-         }},
-        {"request before hello",
-         [](RawPeer& p) {
-             p.request(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, {0, 0, 0, 0});
-         }},
-        {"oversized length",
-         [&](RawPeer& p) {
-             p.hello();
-             p.send(header(2, 0xFFFFFFFF));
-         }},
-        {"unknown frame kind",
-         [&](RawPeer& p) {
-             p.hello();
-             p.send(header(9, 0));
-         }},
-        {"indication from a client",
-         [&](RawPeer& p) {
-             p.hello();
-             p.send(header(4, 0));
-         }},
+         {'G', 'E', 'T', ' ', '/', '\r', '\n', 0, 0, 0, 0, 0, 0, 0, 0, 0}},
+        {"request before hello", requestFrame(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, {0, 0, 0, 0})},
+        {"oversized length", greetedThen(2, 0xFFFFFFFF)},
+        {"unknown frame kind", greetedThen(9, 0)},
+        {"indication from a client", greetedThen(4, 0)},
     };
-    for (auto& [what, act] : closing) {
+    for (const auto& [what, bytes] : closing) {
         RawPeer peer(harness.dir.path());
         ASSERT_TRUE(peer.ok()) << what;
-        act(peer);
+        peer.send(bytes);
         EXPECT_FALSE(peer.next().has_value()) << what << ": the modem kept the connection";
     }
     // Peers that vanish halfway through a frame or before their answer.
     for (int i = 0; i < 20; ++i) {
         RawPeer peer(harness.dir.path());
-        peer.hello();
-        if (i % 2 == 0) {
+        peer.send(i % 2 == 0 ? greetedThen(2, 100) : helloFrame());
+        if (i % 2 != 0) {
             peer.request(VEX_WDS_CREATE_PROFILE_REQ_V01,
                          std::vector<uint8_t>(sizeof(wds_create_profile_req_msg_v01), 0));
-        } else {
-            peer.send(header(2, 100));
         }
     }
     RecordingClient client;

@@ -7,7 +7,6 @@
 #include <chrono>
 #include <memory>
 #include <optional>
-#include <string>
 
 #include "SimModemFixture.h"
 
@@ -34,20 +33,26 @@ class LateAnswerSimModemTest : public SimModemFixture {
     }
 };
 
-TEST_F(LateAnswerSimModemTest, ALateCreateLandsInTheCache) {
+TEST_F(LateAnswerSimModemTest, ALateCreateLandsInTheCacheAndIsNotTakenForTheNextAnswer) {
     late(VEX_WDS_CREATE_PROFILE_REQ_V01,
          [&] { EXPECT_FALSE(manager.addProfile(addParams("slow.example", true))); });
+    EXPECT_TRUE(inHistory("Unable send VEX_WDS_CREATE_PROFILE_REQ_V01 message"));
+    std::shared_ptr<kel::IProfileKey> next = manager.addProfile(addParams("next.example", true));
+    ASSERT_TRUE(next);
+    ASSERT_TRUE(onModem(k3gpp, next->getProfileId()));
+    EXPECT_STREQ(onModem(k3gpp, next->getProfileId())->settings.apn_name, "next.example");
 
     const std::vector<vexsim::Profile> made = onModemNamed("kel_profile");
-    ASSERT_EQ(made.size(), 1u) << "the modem made it";
+    ASSERT_EQ(made.size(), 2u) << "the modem made both";
     std::shared_ptr<kel::IProfileKey> key = only("slow.example");
-    ASSERT_TRUE(key) << "and the cache holds it";
-    EXPECT_EQ(key->getProfileId(), made[0].index);
-    EXPECT_TRUE(made[0].persistent);
+    ASSERT_TRUE(key) << "and the cache holds the late one";
+    const vexsim::Profile slow = modemProfile(k3gpp, key->getProfileId());
+    EXPECT_STREQ(slow.settings.apn_name, "slow.example");
+    EXPECT_TRUE(slow.persistent);
 
     key.reset();
     ASSERT_TRUE(settle());
-    EXPECT_EQ(onModemNamed("kel_profile").size(), 1u) << "a persistent profile stays";
+    EXPECT_TRUE(onModem(k3gpp, slow.index)) << "a persistent profile stays";
 }
 
 TEST_F(LateAnswerSimModemTest, ALateModifyLandsInTheCache) {
@@ -104,10 +109,7 @@ TEST_F(LateAnswerSimModemTest, WithEchoExpiryALostLinksChangesDoNotSwallowALater
     ASSERT_TRUE(modem->dropClient(broken));
     ASSERT_TRUE(waitUntilFilled(broken, 0));
     sync();
-    wds_profile_settings_v01 other{};
-    other.apn_class_valid = 1;
-    other.apn_class = 7;
-    ASSERT_TRUE(modem->modifyProfile(0, k3gpp, key->getProfileId(), other));
+    ASSERT_TRUE(modem->modifyProfile(0, k3gpp, key->getProfileId(), apnClassChange(7)));
     ASSERT_TRUE(settle());
 
     key = profile3gpp1();

@@ -5,7 +5,6 @@
 #include <pthread.h>
 #include <signal.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
@@ -30,12 +29,6 @@ using kel::ModifyProfileParams;
 using kel::PDCRefreshStatus;
 using Keys = std::list<std::shared_ptr<IProfileKey>>;
 
-ModifyProfileParams newApn(const std::string& apn) {
-    ModifyProfileParams params;
-    params.setApnName(apn);
-    return params;
-}
-
 // --- Before init ---
 
 class UninitializedManagerTest : public ::testing::Test {
@@ -48,22 +41,40 @@ class UninitializedManagerTest : public ::testing::Test {
     Manager manager;
 };
 
+// Each operation runs on a thread of its own, whose outcome starts clean. Nothing is waited for,
+// and without init no writer may be installed yet: the history keeps the lines all the same.
 TEST_F(UninitializedManagerTest, EveryOperationFailsAndSaysWhyOnce) {
     kel::AddProfileParams add(false, kel::TechType::TYPE_3GPP, false);
-    const std::vector<std::function<bool()>> operations = {
-        [&] { return manager.addProfile(add) == nullptr; },
-        [&] { return !manager.modifyProfile(ModifyProfileParams(), nullptr); },
-        [&] { return !manager.deleteProfile(nullptr); },
-        [&] { return manager.filter(FilterProfileParams()).empty(); },
-        [&] { return !manager.getProfile(nullptr).has_value(); },
-        [&] { return !manager.match(FilterProfileParams(), nullptr); },
-        [&] { return manager.refresh(PDCRefreshStatus::Completed), true; },
+    struct Operation {
+        std::function<bool()> fails;
+        bool isCall;  // status and waiting are no calls: they tell no outcome
     };
+    const std::vector<Operation> operations = {
+        {[&] { return manager.addProfile(add) == nullptr; }, true},
+        {[&] { return !manager.modifyProfile(ModifyProfileParams(), nullptr); }, true},
+        {[&] { return !manager.deleteProfile(nullptr); }, true},
+        {[&] { return manager.filter(FilterProfileParams()).empty(); }, true},
+        {[&] { return !manager.getProfile(nullptr).has_value(); }, true},
+        {[&] { return !manager.match(FilterProfileParams(), nullptr); }, true},
+        {[&] { return manager.refresh(PDCRefreshStatus::Completed), true; }, true},
+        {[&] { return !manager.getModemStatus(); }, false},
+        {[&] { return !manager.waitForModem(std::chrono::hours(1)); }, false},
+    };
+    testsupport::Watchdog watchdog("calls before init", std::chrono::seconds(30));
     for (size_t i = 0; i < operations.size(); ++i) {
-        const int before = static_cast<int>(kel::LocalLogBuffer::getInstance()->getLogs().size());
-        EXPECT_TRUE(operations[i]()) << "operation " << i;
+        SCOPED_TRACE("operation " + std::to_string(i));
+        const size_t before = kel::LocalLogBuffer::getInstance()->getLogs().size();
+        bool failed = false;
+        kel::Outcome::Kind kind = kel::Outcome::Kind::Done;
+        std::thread([&] {
+            failed = operations[i].fails();
+            kind = Manager::lastOutcome().kind;
+        }).join();
+        EXPECT_TRUE(failed);
+        EXPECT_EQ(kind, operations[i].isCall ? kel::Outcome::Kind::NotInitialized
+                                             : kel::Outcome::Kind::Done);
         const std::vector<std::string> logs = kel::LocalLogBuffer::getInstance()->getLogs();
-        ASSERT_EQ(static_cast<int>(logs.size()), before + 1) << "operation " << i;
+        ASSERT_EQ(logs.size(), before + 1);
         EXPECT_NE(logs.back().find("[KEL]Manager not initialized!"), std::string::npos);
     }
 }
@@ -125,22 +136,27 @@ TEST_F(ManagerSimModemTest, RefreshGateFailsEveryOperationUntilTheRefreshComplet
     const int id = key->getProfileId();
     manager.refresh(PDCRefreshStatus::Started);
     EXPECT_TRUE(info("KEL refresh started"));
+    EXPECT_TRUE(Manager::lastOutcome().ok()) << "starting a refresh is served";
     const std::uint64_t before = served();
 
     EXPECT_FALSE(manager.addProfile(addParams("closed.example")));
+    EXPECT_EQ(Manager::lastOutcome().kind, kel::Outcome::Kind::RefreshInProgress);
     EXPECT_FALSE(manager.modifyProfile(newApn("closed.example"), key));
     EXPECT_FALSE(manager.match(byApn("gate.example"), key));
     EXPECT_FALSE(manager.getProfile(key));
     EXPECT_TRUE(manager.filter(FilterProfileParams()).empty());
     EXPECT_TRUE(history("Manager::filter < Filter Failure "));
+    EXPECT_EQ(Manager::lastOutcome().kind, kel::Outcome::Kind::RefreshInProgress);
     EXPECT_FALSE(manager.deleteProfile(key));
     key.reset();
     EXPECT_TRUE(onModem(k3gpp, id)) << "a release during the refresh is refused";
     EXPECT_EQ(served(), before) << "nothing reaches the modem while the gate is closed";
 
     manager.refresh(PDCRefreshStatus::Completed);
+    EXPECT_TRUE(Manager::lastOutcome().ok());
     EXPECT_EQ(served(), before + 2 + modem->profiles(0).size()) << "the cache is re-read";
     EXPECT_TRUE(manager.addProfile(addParams("open.example")));
+    EXPECT_TRUE(Manager::lastOutcome().ok());
 }
 
 // --- A second init ---
@@ -297,21 +313,35 @@ TEST_F(ManagerSimModemTest, CallsFromAListenerAreRefusedInsteadOfDeadlocking) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> added = manager.addProfile(addParams("listener.example"));
     std::shared_ptr<IProfileKey> watcher = manager.filter(byApn("listener.example")).front();
-    // The listener drops the last reference to a handle, and calls the facade.
+    // The listener drops the last reference to a handle, calls the facade and waits for the modem.
     auto held =
         std::make_shared<std::shared_ptr<IProfileKey>>(manager.filter(byApn("ims")).front());
     const std::string heldToken = std::to_string(tokenOf(*held));
     std::atomic<bool> answered{true};
-    watcher->registerExpirationListener([this, held, &answered] {
+    std::atomic<bool> waited{true};
+    std::atomic<bool> read{false};
+    Calls calls;
+    watcher->registerExpirationListener([this, held, &answered, &waited, &read,
+                                         counted = calls.callback()] {
         held->reset();
         answered = manager.getProfile(nullptr).has_value() || !manager.filter(byApn("ims")).empty();
+        waited = manager.waitForModem(std::chrono::hours(1));
+        read = manager.getModemStatus().has_value();
+        counted();
     });
 
+    testsupport::Watchdog watchdog("calls in a listener", std::chrono::seconds(30));
     EXPECT_TRUE(manager.deleteProfile(added));
+    ASSERT_TRUE(calls.waitFor(1));
     EXPECT_FALSE(answered.load());
+    EXPECT_FALSE(waited.load());
+    EXPECT_TRUE(read.load()) << "reading the status blocks nobody, so it is answered";
     EXPECT_TRUE(logged("request on the worker thread refused: Callback Release " + heldToken));
     EXPECT_TRUE(logged("request on the worker thread refused: Get "));
     EXPECT_TRUE(logged("request on the worker thread refused: Filter "));
+    EXPECT_TRUE(
+        inHistory("kel::ClientRequestManager: request on the worker thread refused: "
+                  "waitForModem"));
     EXPECT_FALSE(manager.filter(byApn("ims")).empty()) << "the pipeline still answers";
 }
 
@@ -325,24 +355,9 @@ TEST(ManagerAtExitTest, HandleReleasedAfterTheManagerIsDestroyedIsHarmless) {
     EXPECT_EXIT(
         {
             testsupport::TempDir dir;
-            vexsim::Config config;
-            config.serviceDir = dir.path();
-            config.seedText = kDefaultSeed;
-            auto modem = std::make_unique<vexsim::SimModem>(config);
-            if (!modem->start() || setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1) != 0) {
-                std::exit(2);
-            }
+            std::unique_ptr<vexsim::SimModem> modem = startChildModem(dir.path());
             Manager::getInstance().init(0, true);
-            modem->waitUntil(
-                [&] {
-                    for (const vexsim::ClientInfo& client : modem->clients()) {
-                        if (!client.notifierOnly && client.profilesReadySent) {
-                            return true;
-                        }
-                    }
-                    return false;
-                },
-                kTimeout);
+            Manager::getInstance().waitForModem(kTimeout);
             lateHandle = Manager::getInstance().addProfile(addParams("late"));
             if (!lateHandle) {
                 std::exit(3);

@@ -11,7 +11,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <functional>
 #include <future>
 #include <list>
 #include <memory>
@@ -315,13 +314,7 @@ void exitWithACallInside() {
     static testsupport::Watchdog watchdog("exiting with a call inside", kWatchdog);
     static testsupport::TempDir dir;
     static std::unique_ptr<vexsim::SimModem> modem;
-    vexsim::Config config;
-    config.serviceDir = dir.path();
-    config.seedText = kDefaultSeed;
-    modem = std::make_unique<vexsim::SimModem>(config);
-    if (!modem->start() || setenv("VEX_SERVICE_DIR", dir.path().c_str(), 1) != 0) {
-        std::exit(2);
-    }
+    modem = startChildModem(dir.path());
     Manager& library = Manager::getInstance();
     library.init(0, true);
     if (!library.waitForModem(kTimeout)) {

@@ -89,15 +89,6 @@ std::vector<ModemEvent> about(const std::vector<ModemEvent>& events, kel::TechTy
     return found;
 }
 
-wds_profile_settings_v01 apnSettings(const std::string& apn) {
-    wds_profile_settings_v01 settings{};
-    settings.apn_name_valid = 1;
-    std::snprintf(settings.apn_name, sizeof(settings.apn_name), "%s", apn.c_str());
-    settings.profile_name_valid = 1;
-    std::snprintf(settings.profile_name, sizeof(settings.profile_name), "%s", "other");
-    return settings;
-}
-
 class ModemObserverSimModemTest : public SimModemFixture {
   protected:
     void SetUp() override {
@@ -150,13 +141,19 @@ TEST_F(ModemObserverSimModemTest, OwnChangesAreToldOnceAsThisProcessWithWhatChan
     EXPECT_EQ(mine[2].before->settings.getUserName(), "alice");
 }
 
-TEST_F(ModemObserverSimModemTest, AnotherClientsChangesAreToldAsElsewhereWithFromAndTo) {
+TEST_F(ModemObserverSimModemTest, AnotherClientsChangesReachTheCacheAndAreToldAsElsewhere) {
     // Each step waits for the library's reads of the one before, which would otherwise see it.
-    const auto index = modem->createProfile(0, k3gpp, apnSettings("theirs.example"), true);
+    const auto index = modem->createProfile(0, k3gpp, apnSettings("theirs.example", "other"), true);
     ASSERT_TRUE(index);
     settled();
-    ASSERT_TRUE(modem->modifyProfile(0, k3gpp, *index, apnSettings("moved.example")));
+    std::shared_ptr<kel::IProfileKey> key = only("theirs.example");
+    ASSERT_TRUE(key);
+    EXPECT_EQ(key->getProfileId(), *index);
+    ASSERT_TRUE(modem->modifyProfile(0, k3gpp, *index, apnSettings("moved.example", "other")));
     settled();
+    std::optional<kel::ProfileParams> moved = manager.getProfile(key);
+    ASSERT_TRUE(moved) << "the handle stays valid across the change";
+    EXPECT_EQ(moved->getApnName(), "moved.example");
     ASSERT_TRUE(modem->deleteProfile(0, k3gpp, *index));
 
     const std::vector<ModemEvent> theirs = about(settled(), kel::TechType::TYPE_3GPP, *index);
@@ -170,6 +167,8 @@ TEST_F(ModemObserverSimModemTest, AnotherClientsChangesAreToldAsElsewhereWithFro
                   {"ApnName", std::string("theirs.example"), std::string("moved.example")}}));
     ASSERT_TRUE(theirs[2].before);
     EXPECT_EQ(theirs[2].before->name, "other");
+    EXPECT_FALSE(manager.getProfile(key));
+    EXPECT_TRUE(manager.filter(byApn("moved.example")).empty());
 }
 
 TEST_F(ModemObserverSimModemTest, ARefreshIsToldWithEveryProfileRead) {
@@ -187,9 +186,9 @@ TEST_F(ModemObserverSimModemTest, ARefreshIsToldWithEveryProfileRead) {
     EXPECT_EQ(completed.profiles[4].techType, kel::TechType::TYPE_3GPP2);
 }
 
-TEST_F(ModemObserverSimModemTest, AnUnreadProfileMakesThePictureIncompleteUntilItIsRead) {
+TEST_F(ModemObserverSimModemTest, AnUnreadProfileMakesThePictureIncompleteUntilItIsGone) {
     modem->failNext(1, kReadProfileMsg);
-    const auto index = modem->createProfile(0, k3gpp, apnSettings("flaky.example"), true);
+    const auto index = modem->createProfile(0, k3gpp, apnSettings("flaky.example", "other"), true);
     ASSERT_TRUE(index);
     std::vector<ModemEvent> events = recorder->untilKind(Kind::PictureIncomplete);
     ASSERT_FALSE(events.empty());
@@ -198,23 +197,35 @@ TEST_F(ModemObserverSimModemTest, AnUnreadProfileMakesThePictureIncompleteUntilI
     const std::vector<ModemEvent> added = about(events, kel::TechType::TYPE_3GPP, *index);
     ASSERT_EQ(kindsOf(added), std::vector<Kind>{Kind::ProfileAdded});
     EXPECT_FALSE(added[0].after);
+    const kel::ModemStatus holed = status();
+    EXPECT_NE(holed.dump().find("Unread=3GPP:" + std::to_string(*index) + ";,"), std::string::npos)
+        << holed.dump();
 
-    // A re-read mends the hole.
-    manager.refresh(kel::PDCRefreshStatus::Completed);
+    // A profile that is gone is no hole.
+    ASSERT_TRUE(modem->deleteProfile(0, k3gpp, *index));
     events = recorder->untilKind(Kind::PictureWhole);
     ASSERT_FALSE(events.empty());
     EXPECT_TRUE(events.back().unread.empty());
     const std::vector<Kind> kinds = kindsOf(events);
     EXPECT_EQ(std::count(kinds.begin(), kinds.end(), Kind::PictureIncomplete), 1);
+    EXPECT_TRUE(status().isComplete());
 }
 
-TEST_F(ModemObserverSimModemTest, TheLinkGoingDownAndComingBackIsToldWithOldAndNewStatus) {
+// A restarted modem keeps only the persistent profiles.
+TEST_F(ModemObserverSimModemTest, TheLinkGoingDownAndComingBackIsToldAndShownInTheStatus) {
+    std::shared_ptr<kel::IProfileKey> kept = manager.addProfile(addParams("kept.example", true));
+    std::shared_ptr<kel::IProfileKey> lost = manager.addProfile(addParams("lost.example", false));
+    ASSERT_TRUE(kept && lost);
     const int before = newestClientId();
     modem->stop();
     std::vector<ModemEvent> events = recorder->untilKind(Kind::StatusChanged);
     ASSERT_FALSE(events.empty());
     EXPECT_TRUE(events.back().oldStatus.isReady());
     EXPECT_FALSE(events.back().newStatus.connected);
+    const kel::ModemStatus down = status();
+    EXPECT_FALSE(down.connected || down.bound || down.registered || down.cacheLoaded);
+    EXPECT_EQ(down.connections, 1u);
+    EXPECT_FALSE(manager.waitForModem(std::chrono::milliseconds(50))) << "it waits out its time";
     recorder->clear();
 
     std::string error;
@@ -229,7 +240,14 @@ TEST_F(ModemObserverSimModemTest, TheLinkGoingDownAndComingBackIsToldWithOldAndN
                                                   Kind::RefreshCompleted, Kind::StatusChanged}));
     EXPECT_TRUE(events[0].newStatus.connected);
     EXPECT_EQ(events[0].newStatus.connections, events[0].oldStatus.connections + 1);
-    EXPECT_EQ(events[2].count, 5u);
+    EXPECT_EQ(events[2].count, 6u);
+    EXPECT_TRUE(manager.waitForModem(kTimeout));
+    const kel::ModemStatus back = status();
+    EXPECT_TRUE(back.isReady());
+    EXPECT_EQ(back.connections, 2u);
+    EXPECT_EQ(back.failedMessages, 0u);
+    EXPECT_EQ(manager.filter(byApn("kept.example")).size(), 1u);
+    EXPECT_TRUE(manager.filter(byApn("lost.example")).empty());
 }
 
 TEST_F(ModemObserverSimModemTest, OneProfilesChangesArriveInTheModemsOrder) {
@@ -237,10 +255,7 @@ TEST_F(ModemObserverSimModemTest, OneProfilesChangesArriveInTheModemsOrder) {
     const std::uint8_t index = profiles.front().index;
     constexpr int kChanges = 50;
     for (int step = 1; step <= kChanges; ++step) {
-        wds_profile_settings_v01 change{};
-        change.apn_class_valid = 1;
-        change.apn_class = static_cast<std::uint8_t>(step);
-        ASSERT_TRUE(modem->modifyProfile(0, k3gpp, index, change));
+        ASSERT_TRUE(modem->modifyProfile(0, k3gpp, index, apnClassChange(step)));
     }
 
     const std::vector<ModemEvent> mine = about(settled(), kel::TechType::TYPE_3GPP, index);
@@ -310,11 +325,11 @@ TEST_F(ModemObserverSimModemTest, AnObserverMayCallTheLibraryAndRemoveItself) {
         }
     };
     ASSERT_TRUE(manager.addObserver(caller));
-    const auto index = modem->createProfile(0, k3gpp, apnSettings("called.example"), true);
+    const auto index = modem->createProfile(0, k3gpp, apnSettings("called.example", "other"), true);
     ASSERT_TRUE(index);
     settled();
     // Told to the others only: the caller removed itself.
-    ASSERT_TRUE(modem->createProfile(0, k3gpp, apnSettings("later.example"), true));
+    ASSERT_TRUE(modem->createProfile(0, k3gpp, apnSettings("later.example", "other"), true));
     settled();
 
     EXPECT_EQ(kindsOf(caller->all()), std::vector<Kind>{Kind::ProfileAdded});

@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -56,6 +57,32 @@ inline kel::FilterProfileParams byApn(const std::string& apn) {
     kel::FilterProfileParams filter;
     filter.setApnName(apn);
     return filter;
+}
+
+inline kel::ModifyProfileParams newApn(const std::string& apn) {
+    kel::ModifyProfileParams params;
+    params.setApnName(apn);
+    return params;
+}
+
+// Settings as another client of the modem would write them: an APN name and, if given, a name.
+inline wds_profile_settings_v01 apnSettings(const std::string& apn, const char* name = nullptr) {
+    wds_profile_settings_v01 settings{};
+    settings.apn_name_valid = 1;
+    std::snprintf(settings.apn_name, sizeof(settings.apn_name), "%s", apn.c_str());
+    if (name != nullptr) {
+        settings.profile_name_valid = 1;
+        std::snprintf(settings.profile_name, sizeof(settings.profile_name), "%s", name);
+    }
+    return settings;
+}
+
+// A change of the 3GPP APN class alone, as another client would make it.
+inline wds_profile_settings_v01 apnClassChange(int apnClass) {
+    wds_profile_settings_v01 change{};
+    change.apn_class_valid = 1;
+    change.apn_class = static_cast<std::uint8_t>(apnClass);
+    return change;
 }
 
 // Counts the calls of an expiration listener (made on the library's worker thread) and lets the
@@ -141,6 +168,19 @@ class LogWatch {
 inline unsigned long long tokenOf(const std::shared_ptr<kel::IProfileKey>& key) {
     const std::string text = key->dump();
     return std::stoull(text.substr(text.find("token=") + 6));
+}
+
+// For a death test's child process: a modem with the default seed serving in dir, named to the
+// library; the child exits with status 2 when it cannot start.
+inline std::unique_ptr<vexsim::SimModem> startChildModem(const std::string& dir) {
+    vexsim::Config config;
+    config.serviceDir = dir;
+    config.seedText = kDefaultSeed;
+    auto modem = std::make_unique<vexsim::SimModem>(config);
+    if (!modem->start() || setenv("VEX_SERVICE_DIR", dir.c_str(), 1) != 0) {
+        std::exit(2);
+    }
+    return modem;
 }
 
 class SimModemFixture : public ::testing::Test {
@@ -298,8 +338,22 @@ class SimModemFixture : public ::testing::Test {
         return read;
     }
 
+    kel::ModemStatus status() {
+        std::optional<kel::ModemStatus> now = manager.getModemStatus();
+        EXPECT_TRUE(now);
+        return now.value_or(kel::ModemStatus());
+    }
+
     std::optional<vexsim::Profile> onModem(wds_profile_type_enum_v01 type, int index) const {
         return modem->profile(0, type, static_cast<std::uint8_t>(index));
+    }
+    // The modem's profile; an empty one, and a failure of the test, when there is none.
+    vexsim::Profile modemProfile(wds_profile_type_enum_v01 type, int index) const {
+        std::optional<vexsim::Profile> found = onModem(type, index);
+        if (!found) {
+            ADD_FAILURE() << "no profile " << type << ":" << index << " on the modem";
+        }
+        return found.value_or(vexsim::Profile{});
     }
     // The modem's profiles of subscription 0 named name (3GPP only).
     std::vector<vexsim::Profile> onModemNamed(const std::string& name) const {

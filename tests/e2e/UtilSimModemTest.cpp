@@ -59,11 +59,10 @@ TEST_F(UtilSimModemTest, SetupDataCallWithUpdatesAllowedTakesAnyIpTypeAndModifie
     EXPECT_EQ(key->getProfileId(), 5);
     EXPECT_EQ(filtersSent().size(), 1u);
     EXPECT_TRUE(history("Modifying profile with input parameters"));
-    std::optional<vexsim::Profile> mms = onModem(k3gpp, 5);
-    ASSERT_TRUE(mms);
-    EXPECT_EQ(mms->settings.pdp_type, WDS_PDP_TYPE_PDP_IPV6_V01);
-    EXPECT_STREQ(mms->settings.username, "mmsuser");
-    EXPECT_EQ(mms->settings.apn_type_mask, WDS_APN_TYPE_MASK_MMS_V01);
+    const vexsim::Profile mms = modemProfile(k3gpp, 5);
+    EXPECT_EQ(mms.settings.pdp_type, WDS_PDP_TYPE_PDP_IPV6_V01);
+    EXPECT_STREQ(mms.settings.username, "mmsuser");
+    EXPECT_EQ(mms.settings.apn_type_mask, WDS_APN_TYPE_MASK_MMS_V01);
 }
 
 TEST_F(UtilSimModemTest, SetupDataCallAddsNonPersistentProfileThatGoesWithItsHandle) {
@@ -77,12 +76,11 @@ TEST_F(UtilSimModemTest, SetupDataCallAddsNonPersistentProfileThatGoesWithItsHan
     ASSERT_TRUE(key);
     EXPECT_TRUE(history("setupDataCall profile added"));
     const int id = key->getProfileId();
-    std::optional<vexsim::Profile> added = onModem(k3gpp, id);
-    ASSERT_TRUE(added);
-    EXPECT_STREQ(added->settings.profile_name, "kel_profile");
-    EXPECT_STREQ(added->settings.apn_name, "corp.example");
-    EXPECT_EQ(added->settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4_V01);
-    EXPECT_FALSE(added->persistent);
+    const vexsim::Profile added = modemProfile(k3gpp, id);
+    EXPECT_STREQ(added.settings.profile_name, "kel_profile");
+    EXPECT_STREQ(added.settings.apn_name, "corp.example");
+    EXPECT_EQ(added.settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4_V01);
+    EXPECT_FALSE(added.persistent);
 
     key.reset();
     EXPECT_FALSE(onModem(k3gpp, id)) << "the call's own profile leaves with its last handle";
@@ -129,10 +127,10 @@ TEST_F(UtilSimModemTest, SetupDataCallAdds3gpp2ProfileWhenNoUserNameMatches) {
     ASSERT_TRUE(key);
     EXPECT_EQ(key->getTechType(), TechType::TYPE_3GPP2);
     const int id = key->getProfileId();
-    std::optional<vexsim::Profile> added = onModem(k3gpp2, id);
-    ASSERT_TRUE(added);
-    EXPECT_STREQ(added->settings.user_id, "stranger");
-    EXPECT_STREQ(added->settings.apn_string, "internet");
+    const vexsim::Profile added = modemProfile(k3gpp2, id);
+    EXPECT_STREQ(added.settings.user_id, "stranger");
+    EXPECT_STREQ(added.settings.apn_string, "internet");
+    EXPECT_FALSE(added.settings.profile_name_valid) << "a 3GPP2 profile has no name";
 
     key.reset();
     EXPECT_FALSE(onModem(k3gpp2, id));
@@ -140,54 +138,48 @@ TEST_F(UtilSimModemTest, SetupDataCallAdds3gpp2ProfileWhenNoUserNameMatches) {
 
 // --- Emergency data call ---
 
-TEST_F(UtilSimModemTest, EmergencyCallTakesProfileFoundByNameUnchanged) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    util.setProfileUpdateAllowed(true);
-    const std::vector<std::string> before = modemSnapshot();
-    ProfileParams request = apnParams("sos", IPType::V4);
-    request.setUserName("caller");
-    request.setApnTypesMask(lib(ApnTypes::DEFAULT));
-
-    std::shared_ptr<IProfileKey> key = util.findOrCreateProfileForEmergencyDataCall(request);
-
-    ASSERT_TRUE(key);
-    EXPECT_EQ(key->getProfileId(), 6);
-    EXPECT_TRUE(history("found an emergency profile by name"));
-    EXPECT_EQ(filtersSent().size(), 1u);
-    EXPECT_EQ(modemSnapshot(), before);
-}
-
-struct EmergencyFallbackCase {
+// Profile 6 is the carrier's emergency profile: found by the requested APN's name where it
+// supports emergency calls, else among every profile that does; either way it stays as it is.
+struct EmergencyCase {
     const char* name;
-    std::optional<std::string> apn;
+    ProfileParams request;
+    bool updateAllowed;
     size_t filters;
+    bool byName;
 };
 
-class UtilEmergencyFallbackSimModemTest
-    : public UtilSimModemTest,
-      public ::testing::WithParamInterface<EmergencyFallbackCase> {};
+class UtilEmergencySimModemTest : public UtilSimModemTest,
+                                  public ::testing::WithParamInterface<EmergencyCase> {};
 
-TEST_P(UtilEmergencyFallbackSimModemTest, EmergencyCallFallsBackToAnyEmergencyProfile) {
+TEST_P(UtilEmergencySimModemTest, EmergencyCallTakesTheEmergencyProfileUnchanged) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    ProfileParams request;
-    if (GetParam().apn) {
-        request.setApnName(*GetParam().apn);
-    }
+    util.setProfileUpdateAllowed(GetParam().updateAllowed);
+    const std::vector<std::string> before = modemSnapshot();
 
-    std::shared_ptr<IProfileKey> key = util.findOrCreateProfileForEmergencyDataCall(request);
+    std::shared_ptr<IProfileKey> key =
+        util.findOrCreateProfileForEmergencyDataCall(GetParam().request);
 
     ASSERT_TRUE(key);
     EXPECT_EQ(key->getProfileId(), 6);
     EXPECT_EQ(filtersSent().size(), GetParam().filters);
-    EXPECT_FALSE(history("found an emergency profile by name"));
-    EXPECT_TRUE(history("found a profile that supports emergency calls"));
+    EXPECT_EQ(history("found an emergency profile by name"), GetParam().byName);
+    EXPECT_EQ(history("found a profile that supports emergency calls"), !GetParam().byName);
     EXPECT_TRUE(history("kel findOrCreateProfileForEmergencyDataCall < " + key->dump()));
+    EXPECT_EQ(modemSnapshot(), before);
+}
+
+ProfileParams sosRequest() {
+    ProfileParams request = apnParams("sos", IPType::V4);
+    request.setUserName("caller");
+    request.setApnTypesMask(lib(ApnTypes::DEFAULT));
+    return request;
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Cases, UtilEmergencyFallbackSimModemTest,
-    ::testing::Values(EmergencyFallbackCase{"ApnWithoutEmergency", "internet", 2},
-                      EmergencyFallbackCase{"NoApnSkipsSearchByName", std::nullopt, 1}),
+    Cases, UtilEmergencySimModemTest,
+    ::testing::Values(EmergencyCase{"ByNameEvenWithUpdatesAllowed", sosRequest(), true, 1, true},
+                      EmergencyCase{"ApnWithoutEmergency", apnParams("internet"), false, 2, false},
+                      EmergencyCase{"NoApnSkipsSearchByName", ProfileParams(), false, 1, false}),
     CaseName());
 
 class UtilNoEmergencySimModemTest : public UtilSimModemTest {
@@ -205,14 +197,13 @@ TEST_F(UtilNoEmergencySimModemTest, EmergencyCallCreatesPersistentEmergencyOnlyP
     ASSERT_TRUE(key);
     EXPECT_TRUE(history("emergency profile created"));
     const int id = key->getProfileId();
-    std::optional<vexsim::Profile> created = onModem(k3gpp, id);
-    ASSERT_TRUE(created);
-    EXPECT_STREQ(created->settings.profile_name, "kel_profile");
-    EXPECT_STREQ(created->settings.apn_name, "sos");
-    EXPECT_TRUE(created->persistent);
-    EXPECT_TRUE(created->settings.support_emergency_calls_valid &&
-                created->settings.support_emergency_calls);
-    EXPECT_EQ(created->settings.apn_type_mask, WDS_APN_TYPE_MASK_EMERGENCY_V01);
+    const vexsim::Profile created = modemProfile(k3gpp, id);
+    EXPECT_STREQ(created.settings.profile_name, "kel_profile");
+    EXPECT_STREQ(created.settings.apn_name, "sos");
+    EXPECT_TRUE(created.persistent);
+    EXPECT_TRUE(created.settings.support_emergency_calls_valid &&
+                created.settings.support_emergency_calls);
+    EXPECT_EQ(created.settings.apn_type_mask, WDS_APN_TYPE_MASK_EMERGENCY_V01);
 
     key.reset();
     EXPECT_TRUE(onModem(k3gpp, id)) << "an emergency profile outlives its call";
@@ -236,24 +227,25 @@ TEST_F(UtilSimModemTest, AttachTakesExactModemMatchAndAppliesTheRequestedSetting
     EXPECT_EQ(key->getProfileId(), 1);
     EXPECT_TRUE(history("kel Found an exact match modem or KEL IA profile for attach"));
     EXPECT_TRUE(history("kel Modifying profile identified for IA"));
-    std::optional<vexsim::Profile> internet = onModem(k3gpp, 1);
-    ASSERT_TRUE(internet);
-    EXPECT_STREQ(internet->settings.username, "attach");
-    EXPECT_STREQ(internet->settings.password, "secret");
-    EXPECT_EQ(internet->settings.authentication_preference, 2);
-    EXPECT_EQ(internet->settings.apn_type_mask,
+    const vexsim::Profile internet = modemProfile(k3gpp, 1);
+    EXPECT_STREQ(internet.settings.username, "attach");
+    EXPECT_STREQ(internet.settings.password, "secret");
+    EXPECT_EQ(internet.settings.authentication_preference, 2);
+    EXPECT_EQ(internet.settings.apn_type_mask,
               WDS_APN_TYPE_MASK_DEFAULT_V01 | WDS_APN_TYPE_MASK_IA_V01);
-    EXPECT_EQ(internet->settings.max_pdn_conn_per_block, 20);
-    EXPECT_EQ(internet->settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
+    EXPECT_EQ(internet.settings.max_pdn_conn_per_block, 20);
+    EXPECT_EQ(internet.settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
     EXPECT_TRUE(onModemNamed("kel_profile_ia").empty());
 }
 
-TEST_F(UtilSimModemTest, AttachNeverTakesOverADataCallProfileAndCreatesAPersistentIAProfile) {
+TEST_F(UtilSimModemTest, AttachPassesOverADataCallProfileLettingGoOfItAndCreatesAnIAProfile) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> dataCall = util.findOrCreateProfileForSetupDataCall(
         TechType::TYPE_3GPP, apnParams("corp.example", IPType::V4));
     ASSERT_TRUE(dataCall);
     const int dataCallId = dataCall->getProfileId();
+    const std::string release =
+        "ProfileCache: releaseProfile token=" + std::to_string(e2e::tokenOf(dataCall));
     clearLogs();
 
     std::shared_ptr<IProfileKey> attach =
@@ -264,51 +256,33 @@ TEST_F(UtilSimModemTest, AttachNeverTakesOverADataCallProfileAndCreatesAPersiste
     EXPECT_FALSE(history("kel Found an exact match modem or KEL IA profile for attach"));
     EXPECT_FALSE(history("kel Found a loose match profile for attach"));
     EXPECT_TRUE(history("kel KEL IA profile created for attach"));
-    const int attachId = attach->getProfileId();
-    std::optional<vexsim::Profile> ia = onModem(k3gpp, attachId);
-    ASSERT_TRUE(ia);
-    EXPECT_STREQ(ia->settings.profile_name, "kel_profile_ia");
-    EXPECT_STREQ(ia->settings.apn_name, "corp.example");
-    EXPECT_TRUE(ia->persistent);
-    std::optional<vexsim::Profile> call = onModem(k3gpp, dataCallId);
-    ASSERT_TRUE(call);
-    EXPECT_STREQ(call->settings.profile_name, "kel_profile");
-
-    dataCall.reset();
-    attach.reset();
-    EXPECT_FALSE(onModem(k3gpp, dataCallId));
-    EXPECT_TRUE(onModem(k3gpp, attachId));
-}
-
-TEST_F(UtilSimModemTest, AttachLetsGoOfAPassedOverExactMatchBeforeSearchingOn) {
-    std::shared_ptr<IProfileKey> dataCall = util.findOrCreateProfileForSetupDataCall(
-        TechType::TYPE_3GPP, apnParams("corp.example", IPType::V4));
-    ASSERT_TRUE(dataCall);
-    const std::string release =
-        "ProfileCache: releaseProfile token=" + std::to_string(e2e::tokenOf(dataCall));
-    clearLogs();
-
-    util.findOrCreateProfileForLteAttach(apnParams("corp.example", IPType::V4));
-
-    // The history keeps both lines (History level), in order, after its time stamp.
+    // The history keeps the filters and releases (History level), in order, after a time stamp.
     std::vector<std::string> lines;
     for (const std::string& line : LocalLogBuffer::getInstance()->getLogs()) {
         lines.push_back(line.substr(line.find("[KEL]") + 5));
     }
-    const auto startsWith = [](const std::string& prefix) {
-        return [prefix](const std::string& line) { return line.rfind(prefix, 0) == 0; };
+    const auto isFilter = [](const std::string& line) {
+        return line.rfind("Manager::filter > ", 0) == 0;
     };
-    const auto exactFilter =
-        std::find_if(lines.begin(), lines.end(), startsWith("Manager::filter > "));
+    const auto exactFilter = std::find_if(lines.begin(), lines.end(), isFilter);
     ASSERT_NE(exactFilter, lines.end());
-    const auto looseFilter =
-        std::find_if(std::next(exactFilter), lines.end(), startsWith("Manager::filter > "));
+    const auto looseFilter = std::find_if(std::next(exactFilter), lines.end(), isFilter);
     ASSERT_NE(looseFilter, lines.end());
     // The data-call profile's handle from the exact search, and only that one, goes in between;
     // the test's own handle keeps the profile.
     EXPECT_EQ(std::count(exactFilter, looseFilter, release), 1);
     EXPECT_EQ(std::count(looseFilter, lines.end(), release), 0);
-    EXPECT_TRUE(onModem(k3gpp, dataCall->getProfileId()));
+    const int attachId = attach->getProfileId();
+    const vexsim::Profile ia = modemProfile(k3gpp, attachId);
+    EXPECT_STREQ(ia.settings.profile_name, "kel_profile_ia");
+    EXPECT_STREQ(ia.settings.apn_name, "corp.example");
+    EXPECT_TRUE(ia.persistent);
+    EXPECT_STREQ(modemProfile(k3gpp, dataCallId).settings.profile_name, "kel_profile");
+
+    dataCall.reset();
+    attach.reset();
+    EXPECT_FALSE(onModem(k3gpp, dataCallId));
+    EXPECT_TRUE(onModem(k3gpp, attachId));
 }
 
 struct LooseAttachCase {
@@ -333,10 +307,9 @@ TEST_P(UtilLooseAttachSimModemTest, AttachLooseSearchFollowsTheUpdateFlag) {
     EXPECT_EQ(history("kel Found a loose match profile for attach"), GetParam().takesMms);
     EXPECT_EQ(history("kel KEL IA profile created for attach"), !GetParam().takesMms);
     EXPECT_EQ(key->getProfileId() == 5, GetParam().takesMms);
-    std::optional<vexsim::Profile> mms = onModem(k3gpp, 5);
-    ASSERT_TRUE(mms);
-    EXPECT_EQ(mms->settings.pdp_type, GetParam().mmsPdpAfter);
-    EXPECT_STREQ(mms->settings.profile_name, "MMS");
+    const vexsim::Profile mms = modemProfile(k3gpp, 5);
+    EXPECT_EQ(mms.settings.pdp_type, GetParam().mmsPdpAfter);
+    EXPECT_STREQ(mms.settings.profile_name, "MMS");
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -350,7 +323,21 @@ INSTANTIATE_TEST_SUITE_P(
         LooseAttachCase{"FlagOnAnyIpType", true, IPType::V6, true, WDS_PDP_TYPE_PDP_IPV6_V01}),
     CaseName());
 
-TEST_F(UtilSimModemTest, AttachReusesTheLibraryIAProfileOfTheSameApn) {
+// A second attach reuses the library's IA profile with the requested settings: the one of its
+// APN or, for another APN, any of them, which then takes that APN.
+struct IAReuseCase {
+    const char* name;
+    const char* apn;
+    IPType home;
+    bool byName;
+    const char* apnAfter;
+    wds_pdp_type_enum_v01 pdpAfter;
+};
+
+class UtilIAReuseSimModemTest : public UtilSimModemTest,
+                                public ::testing::WithParamInterface<IAReuseCase> {};
+
+TEST_P(UtilIAReuseSimModemTest, AttachReusesTheLibraryIAProfile) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> first =
         util.findOrCreateProfileForLteAttach(apnParams("ia.example", IPType::V4V6));
@@ -359,37 +346,25 @@ TEST_F(UtilSimModemTest, AttachReusesTheLibraryIAProfileOfTheSameApn) {
     clearLogs();
 
     std::shared_ptr<IProfileKey> second =
-        util.findOrCreateProfileForLteAttach(apnParams("ia.example", IPType::V6));
+        util.findOrCreateProfileForLteAttach(apnParams(GetParam().apn, GetParam().home));
 
     ASSERT_TRUE(second);
     EXPECT_EQ(second->getProfileId(), first->getProfileId());
-    EXPECT_TRUE(history("kel Found a KEL IA profile that matches APN name for attach"));
+    EXPECT_EQ(history("kel Found a KEL IA profile that matches APN name for attach"),
+              GetParam().byName);
+    EXPECT_EQ(history("kel Found any KEL IA profile for attach"), !GetParam().byName);
     EXPECT_EQ(modem->profiles(0).size(), profiles);
-    std::optional<vexsim::Profile> ia = onModem(k3gpp, second->getProfileId());
-    ASSERT_TRUE(ia);
-    EXPECT_EQ(ia->settings.pdp_type, WDS_PDP_TYPE_PDP_IPV6_V01);
+    const vexsim::Profile ia = modemProfile(k3gpp, second->getProfileId());
+    EXPECT_STREQ(ia.settings.apn_name, GetParam().apnAfter);
+    EXPECT_EQ(ia.settings.pdp_type, GetParam().pdpAfter);
 }
 
-TEST_F(UtilSimModemTest, AttachGivesAnyLibraryIAProfileTheRequestedApn) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    std::shared_ptr<IProfileKey> first =
-        util.findOrCreateProfileForLteAttach(apnParams("ia.example", IPType::V4V6));
-    ASSERT_TRUE(first);
-    clearLogs();
-
-    std::shared_ptr<IProfileKey> second =
-        util.findOrCreateProfileForLteAttach(apnParams("LTE.Example", IPType::V4));
-
-    ASSERT_TRUE(second);
-    EXPECT_EQ(second->getProfileId(), first->getProfileId());
-    EXPECT_FALSE(history("kel Found a KEL IA profile that matches APN name for attach"));
-    EXPECT_TRUE(history("kel Found any KEL IA profile for attach"));
-    std::optional<vexsim::Profile> ia = onModem(k3gpp, second->getProfileId());
-    ASSERT_TRUE(ia);
-    EXPECT_STREQ(ia->settings.apn_name, "lte.example");
-    EXPECT_EQ(ia->settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4_V01);
-    EXPECT_EQ(onModemNamed("kel_profile_ia").size(), 1u);
-}
+INSTANTIATE_TEST_SUITE_P(Cases, UtilIAReuseSimModemTest,
+                         ::testing::Values(IAReuseCase{"SameApn", "ia.example", IPType::V6, true,
+                                                       "ia.example", WDS_PDP_TYPE_PDP_IPV6_V01},
+                                           IAReuseCase{"OtherApn", "LTE.Example", IPType::V4, false,
+                                                       "lte.example", WDS_PDP_TYPE_PDP_IPV4_V01}),
+                         CaseName());
 
 class UtilSavedAttachSimModemTest : public UtilSimModemTest {
   protected:
@@ -412,13 +387,12 @@ TEST_F(UtilSavedAttachSimModemTest, AttachWithoutApnReusesTheIAProfileAndKeepsIt
     EXPECT_FALSE(history("kel Found a loose match profile for attach"));
     // Without an APN name the search by name takes any of the library's IA profiles.
     EXPECT_TRUE(history("kel Found a KEL IA profile that matches APN name for attach"));
-    std::optional<vexsim::Profile> ia = onModem(k3gpp, 2);
-    ASSERT_TRUE(ia);
-    EXPECT_STREQ(ia->settings.apn_name, "ia.example");
+    const vexsim::Profile ia = modemProfile(k3gpp, 2);
+    EXPECT_STREQ(ia.settings.apn_name, "ia.example");
     // Home and roaming types differ, so the modem's PDP type covers both.
-    EXPECT_EQ(ia->settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
-    EXPECT_EQ(ia->settings.common_pdp_type, WDS_COMMON_PDP_TYPE_PDP_IPV4_V01);
-    EXPECT_EQ(ia->settings.lte_roaming_pdp_type, WDS_COMMON_PDP_TYPE_PDP_IPV6_V01);
+    EXPECT_EQ(ia.settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
+    EXPECT_EQ(ia.settings.common_pdp_type, WDS_COMMON_PDP_TYPE_PDP_IPV4_V01);
+    EXPECT_EQ(ia.settings.lte_roaming_pdp_type, WDS_COMMON_PDP_TYPE_PDP_IPV6_V01);
     EXPECT_EQ(modem->profiles(0).size(), profiles);
 }
 

@@ -6,7 +6,6 @@
 #include <sys/un.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <thread>
 

@@ -67,35 +67,50 @@ class LoggingTest : public ::testing::Test {
     hostlog::LogCapture capture;
 };
 
-// Cut the same whichever level it has; the history keeps only Error and History lines.
-TEST_F(LoggingTest, MessageReachesWriterAndHistoryCutTo511Characters) {
+// The level picks the Android priority, the diagnostics mask and whether the history keeps the
+// line; whatever the level, the text is cut to 511 characters.
+TEST_F(LoggingTest, LevelSelectsPriorityMaskAndHistoryAndTextIsCutTo511Characters) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     const struct {
+        int level;
         size_t length;
-        size_t expected;
-        LogLevel level;
-    } cases[] = {{0, 0, LogLevel::Error},     {510, 510, LogLevel::Error},
-                 {511, 511, LogLevel::Error}, {512, 511, LogLevel::Error},
-                 {600, 511, LogLevel::Debug}, {600, 511, LogLevel::History},
-                 {5000, 511, LogLevel::Error}};
+        int androidPriority;
+        int diagMask;
+        bool kept;
+    } cases[] = {
+        {3, 0, ANDROID_LOG_ERROR, MSG_LEGACY_HIGH, true},
+        {3, 510, ANDROID_LOG_ERROR, MSG_LEGACY_HIGH, true},
+        {3, 511, ANDROID_LOG_ERROR, MSG_LEGACY_HIGH, true},
+        {3, 512, ANDROID_LOG_ERROR, MSG_LEGACY_HIGH, true},
+        {3, 5000, ANDROID_LOG_ERROR, MSG_LEGACY_HIGH, true},
+        {0, 8, ANDROID_LOG_VERBOSE, MSG_LEGACY_LOW, false},
+        {1, 600, ANDROID_LOG_DEBUG, MSG_LEGACY_LOW, false},
+        {2, 8, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
+        {4, 8, ANDROID_LOG_FATAL, MSG_LEGACY_FATAL, false},
+        {5, 600, ANDROID_LOG_INFO, MSG_LEGACY_HIGH, true},
+        {6, 8, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
+        {-1, 8, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
+    };
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::to_string(c.length) + " characters at level " +
-                     std::to_string(static_cast<int>(c.level)));
+        SCOPED_TRACE(std::to_string(c.length) + " characters at level " + std::to_string(c.level));
         capture.clear();
         LocalLogBuffer::getInstance()->flush();
         std::string text;
         for (size_t i = 0; i < c.length; ++i) {
             text += static_cast<char>('a' + i % 26);
         }
-        LogWrapper::getInstance()->log(c.level, kLogTag, "%s", text.c_str());
+        const LogLevel level = static_cast<LogLevel>(c.level);
+        LogWrapper::getInstance()->log(level, kLogTag, "%s", text.c_str());
 
-        const std::string expected = text.substr(0, c.expected);
+        const std::string expected = text.substr(0, 511);
         std::vector<hostlog::AndroidLogRecord> written = capture.android();
         ASSERT_EQ(written.size(), 1u);
+        EXPECT_EQ(written[0].priority, c.androidPriority);
         EXPECT_EQ(written[0].message, expected);
+        EXPECT_EQ(DiagWriter().convertPrio(level), c.diagMask);
         std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
-        ASSERT_EQ(history.size(), c.level == LogLevel::Debug ? 0u : 1u);
-        if (!history.empty()) {
+        ASSERT_EQ(history.size(), c.kept ? 1u : 0u);
+        if (c.kept) {
             EXPECT_TRUE(isHistoryLine(history[0], "KEL", expected)) << history[0];
         }
     }
@@ -191,44 +206,6 @@ TEST_F(LoggingTest, AdbWriterAndHistoryGetTheFormattedTextUpToItsFirstNul) {
     }
 }
 
-TEST_F(LoggingTest, LevelSelectsPriorityMaskAndHistory) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    const struct {
-        int level;
-        int androidPriority;
-        int diagMask;
-        bool kept;
-    } cases[] = {
-        {0, ANDROID_LOG_VERBOSE, MSG_LEGACY_LOW, false},
-        {1, ANDROID_LOG_DEBUG, MSG_LEGACY_LOW, false},
-        {2, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
-        {3, ANDROID_LOG_ERROR, MSG_LEGACY_HIGH, true},
-        {4, ANDROID_LOG_FATAL, MSG_LEGACY_FATAL, false},
-        {5, ANDROID_LOG_INFO, MSG_LEGACY_HIGH, true},
-        {6, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
-        {-1, ANDROID_LOG_INFO, MSG_LEGACY_LOW, false},
-    };
-    for (const auto& c : cases) {
-        const std::string text = "level " + std::to_string(c.level);
-        SCOPED_TRACE(text);
-        capture.clear();
-        LocalLogBuffer::getInstance()->flush();
-        const LogLevel level = static_cast<LogLevel>(c.level);
-        LogWrapper::getInstance()->log(level, kLogTag, "%s", text.c_str());
-
-        std::vector<hostlog::AndroidLogRecord> written = capture.android();
-        ASSERT_EQ(written.size(), 1u);
-        EXPECT_EQ(written[0].priority, c.androidPriority);
-        EXPECT_EQ(written[0].message, text);
-        EXPECT_EQ(DiagWriter().convertPrio(level), c.diagMask);
-        std::vector<std::string> history = LocalLogBuffer::getInstance()->getLogs();
-        ASSERT_EQ(history.size(), c.kept ? 1u : 0u);
-        if (c.kept) {
-            EXPECT_TRUE(isHistoryLine(history[0], "KEL", text)) << history[0];
-        }
-    }
-}
-
 TEST_F(LoggingTest, WithoutWriterErrorsAreStillKeptInHistory) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     installWriter(nullptr);
@@ -242,21 +219,8 @@ TEST_F(LoggingTest, WithoutWriterErrorsAreStillKeptInHistory) {
     EXPECT_TRUE(isHistoryLine(history[0], "KEL", "lost 1")) << history[0];
 }
 
-TEST_F(LoggingTest, ReplacingWriterClosesDiagnosticsSession) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    installWriter(std::make_unique<DiagWriter>());
-    EXPECT_EQ(capture.diagInitCalls(), 1);
-    EXPECT_EQ(capture.diagDeInitCalls(), 0);
-
-    installWriter(std::make_unique<AdbWriter>());
-    EXPECT_EQ(capture.diagDeInitCalls(), 1);
-    KEL_LOG(Info, "after");
-    EXPECT_TRUE(capture.diag().empty());
-    EXPECT_TRUE(capture.hasAndroidMessage("after"));
-}
-
 // Writers replaced again and again while other threads log: every message goes through exactly
-// one writer, none through a destroyed one.
+// one writer, none through a destroyed one, and each diagnostics session opened is closed.
 TEST_F(LoggingTest, ReplacingWritersWhileOthersLogLosesNoMessage) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     constexpr int kThreads = 3;
@@ -295,7 +259,7 @@ TEST_F(LoggingTest, DiagWriterSendsTagAndMessageThroughItsDescriptor) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     installWriter(std::make_unique<DiagWriter>());
     KEL_LOG(Info, "hello %d", 42);
-    KEL_LOG(Error, "bad %s", "thing");
+    KEL_LOG(Error, "%s", "bad 50%% %s %d");
 
     std::vector<hostlog::DiagRecord> sent = capture.diag();
     ASSERT_EQ(sent.size(), 2u);
@@ -307,19 +271,11 @@ TEST_F(LoggingTest, DiagWriterSendsTagAndMessageThroughItsDescriptor) {
     }
     EXPECT_EQ(sent[0].args, (std::vector<std::string>{"KEL", "hello 42"}));
     EXPECT_EQ(sent[0].text, "|KEL| hello 42");
-    EXPECT_EQ(sent[1].text, "|KEL| bad thing");
+    // The message is passed as text, not as a format.
+    EXPECT_EQ(sent[1].text, "|KEL| bad 50%% %s %d");
     // Whichever message was first in this process decided the mask for all.
     EXPECT_EQ(sent[0].mask, sent[1].mask);
     EXPECT_TRUE(capture.android().empty());
-}
-
-TEST_F(LoggingTest, DiagWriterPassesMessageAsTextNotAsFormat) {
-    installWriter(std::make_unique<DiagWriter>());
-    KEL_LOG(Info, "%s", "50%% %s %d");
-
-    std::vector<hostlog::DiagRecord> sent = capture.diag();
-    ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0].text, "|KEL| 50%% %s %d");
 }
 
 struct FirstMaskCase {

@@ -3,12 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "DebugLogFixture.h"
-#include "ProfileKey.h"
 #include "support/LogObservation.h"
 
 namespace kel {
@@ -170,15 +168,8 @@ TEST(AuthConversionTest, LibraryToModemKeepsKnownTypesOnly) {
     }
 }
 
-TEST(ProfileIdentifierTest, TypeFollowsTechAndIndexIsTheLowByte) {
-    const wds_profile_identifier_type_v01 wrapped =
-        convertToProfileIdentifier(TechType::TYPE_3GPP, 257);
-    EXPECT_EQ(wrapped.profile_type, WDS_PROFILE_TYPE_3GPP_V01);
-    EXPECT_EQ(wrapped.profile_index, 1);
-    const wds_profile_identifier_type_v01 cdma =
-        convertToProfileIdentifier(TechType::TYPE_3GPP2, 7);
-    EXPECT_EQ(cdma.profile_type, WDS_PROFILE_TYPE_3GPP2_V01);
-    EXPECT_EQ(cdma.profile_index, 7);
+// Type and low-byte index for both techs show in the modify requests of the profile tests.
+TEST(ProfileIdentifierTest, UnnamedTechIsTreatedAs3gpp) {
     EXPECT_EQ(convertToProfileIdentifier(static_cast<TechType>(5), 3).profile_type,
               WDS_PROFILE_TYPE_3GPP_V01);
 }
@@ -188,22 +179,6 @@ TEST(ApnNameTest, LowerCasingTouchesAsciiCapitalsOnly) {
     // The neighbours of 'A' and 'Z' and a byte above 127 stay as they are.
     EXPECT_EQ(convertToLower("@AZ[`az{\xC4"), "@az[`az{\xC4");
     EXPECT_EQ(convertToLower(std::string("A\0B", 3)), std::string("a\0b", 3));
-}
-
-TEST(ApnNameTest, NormalisationKeepsTheFirst150Characters) {
-    const std::string longName = std::string(149, 'A') + "BC";
-    EXPECT_EQ(normalizeApnName(longName), std::string(149, 'a') + "b");
-    EXPECT_EQ(normalizeApnName("Ims"), "ims");
-}
-
-TEST(ExpiredListenerTest, ExpiredWhenTheHandleIsGoneOrNeverSet) {
-    std::shared_ptr<IProfileKey> key = std::make_shared<ProfileKey>(
-        TechType::TYPE_3GPP, 1, 0, [](std::shared_ptr<ClientRequest>) { return nullptr; });
-    ExpirationListener listener{[] {}, key};
-    EXPECT_FALSE(expired(listener));
-    EXPECT_TRUE(expired(ExpirationListener{[] {}, std::weak_ptr<IProfileKey>()}));
-    key.reset();
-    EXPECT_TRUE(expired(listener));
 }
 
 }  // namespace

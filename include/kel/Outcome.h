@@ -68,7 +68,7 @@ struct KEL_EXPORT Outcome {
     // "not bound", "refresh in progress", "not initialised", "invalid arguments", "failed in the
     // library".
     static const char* name(Kind kind);
-    // One line: "refused by the modem: message 0x28, error 0x0003"; "done".
+    // One line: "refused by the modem: message 0x0028, error 0x0003"; "done".
     std::string dump() const;
 
     bool operator==(const Outcome& other) const {

@@ -71,7 +71,7 @@ TEST_F(VexClientTest, NotifierReportsAtOnceWhenUpOrWhenTheModemComesUpAndAfterEv
     vex_client_type earlyNotifier = early.startNotifier();
     ASSERT_NE(earlyNotifier, nullptr);
     ASSERT_TRUE(early.waitForUps(1));
-    EXPECT_NE(early.callbackThread(), std::this_thread::get_id());
+    EXPECT_NE(early.seen.get().thread, std::this_thread::get_id());
 
     modem().stop();
     NotifyCounter late;
@@ -92,8 +92,8 @@ TEST_F(VexClientTest, NotifierReportsAtOnceWhenUpOrWhenTheModemComesUpAndAfterEv
     }
     EXPECT_EQ(vex_client_release(earlyNotifier), VEX_NO_ERR);
     EXPECT_EQ(vex_client_release(lateNotifier), VEX_NO_ERR);
-    EXPECT_EQ(early.count(), 3);
-    EXPECT_EQ(late.count(), 2);
+    EXPECT_EQ(early.seen.get().ups, 3);
+    EXPECT_EQ(late.seen.get().ups, 2);
 }
 
 TEST_F(VexClientTest, InvalidHandlesAreRejectedByEveryCall) {
@@ -181,8 +181,8 @@ TEST_F(VexClientTest, DroppedConnectionReportsTheErrorOnceAndFailsLaterSends) {
     ASSERT_EQ(clients.size(), 1u);
     ASSERT_TRUE(modem().dropClient(clients[0].id));
     ASSERT_TRUE(client.waitForErrors(1));
-    EXPECT_EQ(client.lastError(), VEX_ERR_CONNECTION_LOST);
-    EXPECT_NE(client.errorThread(), std::this_thread::get_id());
+    EXPECT_EQ(client.seen.get().lastError, VEX_ERR_CONNECTION_LOST);
+    EXPECT_NE(client.seen.get().errorThread, std::this_thread::get_id());
 
     auto req = getRequest(1);
     wds_get_profile_settings_resp_msg_v01 resp{};
@@ -201,43 +201,24 @@ TEST_F(VexClientTest, DroppedConnectionReportsTheErrorOnceAndFailsLaterSends) {
     ASSERT_EQ(witness.connect(), VEX_NO_ERR);
     for (RecordingClient* each : {&client, &first, &second}) {
         each->release();
-        EXPECT_EQ(each->errorCount(), 1);
+        EXPECT_EQ(each->seen.get().errors, 1);
     }
 }
 
 TEST_F(VexClientTest, ErrorCallbackRegisteredAfterTheLossRunsOnceOnTheLibraryThread) {
-    vex_service_info info{};
-    ASSERT_EQ(vex_client_get_any_service(wds(), &info), VEX_NO_ERR);
-    vex_client_type handle = nullptr;
-    vex_client_os_params os{};
-    ASSERT_EQ(vex_client_init(&info, wds(), nullptr, nullptr, &os, &handle), VEX_NO_ERR);
+    RecordingClient client;
+    ASSERT_EQ(client.connect(false), VEX_NO_ERR);
     modem().stop();
     auto req = getRequest(1);
     wds_get_profile_settings_resp_msg_v01 resp{};
     // The loss is seen by the first send after it at the latest.
-    vex_client_error_type rc = vex_client_send_msg_sync(
-        handle, VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, &req, sizeof req, &resp, sizeof resp, 5000);
-    EXPECT_EQ(rc, VEX_ERR_CONNECTION_LOST);
-
-    struct Seen {
-        std::promise<std::thread::id> thread;
-        std::atomic<int> calls{0};
-    } seen;
-    ASSERT_EQ(vex_client_register_error_cb(
-                  handle,
-                  [](vex_client_type, vex_client_error_type, void* data) {
-                      auto* s = static_cast<Seen*>(data);
-                      if (s->calls.fetch_add(1) == 0) {
-                          s->thread.set_value(std::this_thread::get_id());
-                      }
-                  },
-                  &seen),
-              VEX_NO_ERR);
-    auto thread = seen.thread.get_future();
-    ASSERT_EQ(thread.wait_for(kWait), std::future_status::ready);
-    EXPECT_NE(thread.get(), std::this_thread::get_id());
-    EXPECT_EQ(vex_client_release(handle), VEX_NO_ERR);
-    EXPECT_EQ(seen.calls.load(), 1);
+    EXPECT_EQ(client.send(VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01, req, resp),
+              VEX_ERR_CONNECTION_LOST);
+    ASSERT_EQ(client.registerErrorCallback(), VEX_NO_ERR);
+    ASSERT_TRUE(client.waitForErrors(1));
+    EXPECT_NE(client.seen.get().errorThread, std::this_thread::get_id());
+    EXPECT_EQ(client.release(), VEX_NO_ERR);
+    EXPECT_EQ(client.seen.get().errors, 1);
 }
 
 TEST_F(VexClientTest, IndicationsArriveInOrderOnTheLibraryThread) {
@@ -369,7 +350,13 @@ class VexDecodeTest : public VexClientTest {
     vex_client_error_type decode(const std::vector<uint8_t>& bytes, void* record,
                                  unsigned int recordLen,
                                  unsigned int msgId = VEX_WDS_PROFILE_CHANGED_IND_V01) {
-        return vex_client_message_decode(client.handle, VEX_IDL_INDICATION, msgId, bytes.data(),
+        return decodeWith(client.handle, bytes, record, recordLen, msgId);
+    }
+    static vex_client_error_type decodeWith(vex_client_type handle,
+                                            const std::vector<uint8_t>& bytes, void* record,
+                                            unsigned int recordLen,
+                                            unsigned int msgId = VEX_WDS_PROFILE_CHANGED_IND_V01) {
+        return vex_client_message_decode(handle, VEX_IDL_INDICATION, msgId, bytes.data(),
                                          static_cast<unsigned int>(bytes.size()), record,
                                          recordLen);
     }
@@ -401,26 +388,23 @@ TEST_F(VexDecodeTest, ExpandsAProfileChangedIndicationIntoItsRecord) {
 }
 
 TEST_F(VexDecodeTest, RejectsMalformedInputAndLeavesTheRecordZeroed) {
+    const unsigned int kInd = VEX_WDS_PROFILE_CHANGED_IND_V01;
     struct Case {
         const char* what;
         std::vector<uint8_t> bytes;
         unsigned int recordLen;
         unsigned int msgId;
     } cases[] = {
-        {"empty", {}, 16, VEX_WDS_PROFILE_CHANGED_IND_V01},
-        {"half a header", {0x10, 0x06}, 16, VEX_WDS_PROFILE_CHANGED_IND_V01},
-        {"value cut short", tlv(0x10, {0x00, 0x01, 0x03}, 6), 16, VEX_WDS_PROFILE_CHANGED_IND_V01},
-        {"wrong item length", tlv(0x10, {0x00, 0x01, 0x03, 0x00, 0x00}), 16,
-         VEX_WDS_PROFILE_CHANGED_IND_V01},
-        {"unknown item", concat(tlv(0x10, kModify3), tlv(0x11, {0x01})), 16,
-         VEX_WDS_PROFILE_CHANGED_IND_V01},
-        {"only an unknown item", tlv(0x01, {0x00, 0x00, 0x00, 0x00}), 16,
-         VEX_WDS_PROFILE_CHANGED_IND_V01},
-        {"repeated item", concat(tlv(0x10, kModify3), tlv(0x10, kModify3)), 16,
-         VEX_WDS_PROFILE_CHANGED_IND_V01},
-        {"trailing byte", concat(tlv(0x10, kModify3), {0x00}), 16, VEX_WDS_PROFILE_CHANGED_IND_V01},
-        {"record too small", tlv(0x10, kModify3), 15, VEX_WDS_PROFILE_CHANGED_IND_V01},
-        {"record too large", tlv(0x10, kModify3), 17, VEX_WDS_PROFILE_CHANGED_IND_V01},
+        {"empty", {}, 16, kInd},
+        {"half a header", {0x10, 0x06}, 16, kInd},
+        {"value cut short", tlv(0x10, {0x00, 0x01, 0x03}, 6), 16, kInd},
+        {"wrong item length", tlv(0x10, {0x00, 0x01, 0x03, 0x00, 0x00}), 16, kInd},
+        {"unknown item", concat(tlv(0x10, kModify3), tlv(0x11, {0x01})), 16, kInd},
+        {"only an unknown item", tlv(0x01, {0x00, 0x00, 0x00, 0x00}), 16, kInd},
+        {"repeated item", concat(tlv(0x10, kModify3), tlv(0x10, kModify3)), 16, kInd},
+        {"trailing byte", concat(tlv(0x10, kModify3), {0x00}), 16, kInd},
+        {"record too small", tlv(0x10, kModify3), 15, kInd},
+        {"record too large", tlv(0x10, kModify3), 17, kInd},
         {"unknown indication", tlv(0x10, kModify3), 16, 0x00A9},
         {"request id as indication", tlv(0x10, kModify3), 16, VEX_WDS_CREATE_PROFILE_REQ_V01},
     };
@@ -428,7 +412,7 @@ TEST_F(VexDecodeTest, RejectsMalformedInputAndLeavesTheRecordZeroed) {
         uint8_t record[32];
         std::memset(record, 0xAB, sizeof record);
         EXPECT_EQ(decode(c.bytes, record, c.recordLen, c.msgId), VEX_ERR_BAD_MESSAGE) << c.what;
-        if (c.recordLen == 16 && c.msgId == VEX_WDS_PROFILE_CHANGED_IND_V01) {
+        if (c.recordLen == 16 && c.msgId == kInd) {
             EXPECT_TRUE(allZero(record, c.recordLen)) << c.what;
         }
     }
@@ -436,18 +420,11 @@ TEST_F(VexDecodeTest, RejectsMalformedInputAndLeavesTheRecordZeroed) {
 
 TEST_F(VexDecodeTest, NeedsAHandleThatNamesTheServiceButNotALiveConnection) {
     wds_profile_changed_ind_msg_v01 ind{};
-    auto bytes = tlv(0x10, kModify3);
-    EXPECT_EQ(vex_client_message_decode(nullptr, VEX_IDL_INDICATION,
-                                        VEX_WDS_PROFILE_CHANGED_IND_V01, bytes.data(),
-                                        static_cast<unsigned int>(bytes.size()), &ind, sizeof ind),
-              VEX_ERR_INVALID_CLIENT);
+    EXPECT_EQ(decodeWith(nullptr, tlv(0x10, kModify3), &ind, sizeof ind), VEX_ERR_INVALID_CLIENT);
     // Indications queued before a release are still decoded after it.
     vex_client_type stale = client.handle;
     client.release();
-    EXPECT_EQ(vex_client_message_decode(stale, VEX_IDL_INDICATION, VEX_WDS_PROFILE_CHANGED_IND_V01,
-                                        bytes.data(), static_cast<unsigned int>(bytes.size()), &ind,
-                                        sizeof ind),
-              VEX_NO_ERR);
+    EXPECT_EQ(decodeWith(stale, tlv(0x10, kModify3), &ind, sizeof ind), VEX_NO_ERR);
     EXPECT_EQ(ind.profile_changed_ind.profile_index, 3);
 }
 

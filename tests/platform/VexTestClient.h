@@ -38,9 +38,7 @@ inline vex_idl_service_object_type wds() {
 struct ModemHarness {
     explicit ModemHarness(const std::string& seed = "", vexsim::Config config = {}) {
         config.serviceDir = dir.path();
-        if (config.seedFile.empty() && config.seedText.empty()) {
-            config.seedText = seed;
-        }
+        config.seedText = seed;
         serviceDir.emplace("VEX_SERVICE_DIR", dir.path().c_str());
         modem = std::make_unique<vexsim::SimModem>(config);
     }
@@ -79,8 +77,35 @@ inline wds_profile_settings_v01 settings3gpp(const std::string& name, const std:
     return s;
 }
 
-// One vex client whose callbacks are recorded. Threads: the test's thread, and the library's
-// thread for the callbacks; guarded by mu.
+// What the library's thread reports and the test's thread reads or waits for; guarded by mu.
+template <typename T>
+class Guarded {
+  public:
+    template <typename Apply>
+    void change(Apply apply) {
+        {
+            std::lock_guard<std::mutex> lock(mu);
+            apply(value);
+        }
+        cv.notify_all();
+    }
+    template <typename Holds>
+    bool waitUntil(Holds holds) {
+        std::unique_lock<std::mutex> lock(mu);
+        return cv.wait_for(lock, kWait, [&] { return holds(value); });
+    }
+    T get() {
+        std::lock_guard<std::mutex> lock(mu);
+        return value;
+    }
+
+  private:
+    std::mutex mu;
+    std::condition_variable cv;
+    T value{};
+};
+
+// One vex client whose callbacks are recorded.
 class RecordingClient {
   public:
     RecordingClient() = default;
@@ -88,7 +113,8 @@ class RecordingClient {
     RecordingClient(const RecordingClient&) = delete;
     RecordingClient& operator=(const RecordingClient&) = delete;
 
-    vex_client_error_type connect() {
+    // Connects; the error callback is registered at once unless the test does it later.
+    vex_client_error_type connect(bool withErrorCallback = true) {
         vex_service_info info{};
         vex_client_error_type rc = vex_client_get_any_service(wds(), &info);
         if (rc != VEX_NO_ERR) {
@@ -99,6 +125,9 @@ class RecordingClient {
         if (rc != VEX_NO_ERR) {
             return rc;
         }
+        return withErrorCallback ? registerErrorCallback() : VEX_NO_ERR;
+    }
+    vex_client_error_type registerErrorCallback() {
         return vex_client_register_error_cb(handle, &RecordingClient::onError, this);
     }
 
@@ -118,32 +147,36 @@ class RecordingClient {
                                         timeoutMs);
     }
 
-    // Binds to the subscription, registers for indications and hears every profile event, as
-    // the library does.
-    bool registerAll(int subscription) {
-        wds_bind_subscription_req_msg_v01 bind{};
-        bind.subscription = static_cast<wds_bind_subscription_enum_v01>(subscription);
-        wds_bind_subscription_resp_msg_v01 bindResp{};
+    // Sends one request and returns its response; a failed send fails the test.
+    template <typename Resp, typename Req>
+    std::unique_ptr<Resp> call(unsigned int msgId, Req& req) {
+        auto resp = std::make_unique<Resp>();
+        EXPECT_EQ(send(msgId, req, *resp), VEX_NO_ERR) << "message " << msgId;
+        return resp;
+    }
+
+    // Binds to the subscription, registers for indications and hears every profile event (of
+    // one profile type, when given), as the library does.
+    bool registerAll(int subscription, int profileType = 0xFF) {
+        wds_bind_subscription_req_msg_v01 bind{
+            static_cast<wds_bind_subscription_enum_v01>(subscription)};
         wds_indication_register_req_msg_v01 reg{};
         reg.report_profile_changed_events_valid = 1;
         reg.report_profile_changed_events = 1;
-        wds_indication_register_resp_msg_v01 regResp{};
         auto config = std::make_unique<wds_configure_profile_event_list_req_msg_v01>();
         config->profile_event_register_valid = 1;
         config->profile_event_register_len = 1;
-        config->profile_event_register[0].profile_type =
-            static_cast<wds_profile_type_enum_v01>(0xFF);
-        config->profile_event_register[0].profile_index = 0xFF;
+        config->profile_event_register[0] = {static_cast<wds_profile_type_enum_v01>(profileType),
+                                             0xFF};
         config->report_profile_events_valid = 1;
         config->report_profile_events = 1;
-        wds_configure_profile_event_list_resp_msg_v01 configResp{};
-        return send(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, bind, bindResp) == VEX_NO_ERR &&
-               bindResp.resp.result == 0 &&
-               send(VEX_WDS_INDICATION_REGISTER_REQ_V01, reg, regResp) == VEX_NO_ERR &&
-               regResp.resp.result == 0 &&
-               send(VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01, *config, configResp) ==
-                   VEX_NO_ERR &&
-               configResp.resp.result == 0;
+        return call<wds_bind_subscription_resp_msg_v01>(VEX_WDS_BIND_SUBSCRIPTION_REQ_V01, bind)
+                       ->resp.result == 0 &&
+               call<wds_indication_register_resp_msg_v01>(VEX_WDS_INDICATION_REGISTER_REQ_V01, reg)
+                       ->resp.result == 0 &&
+               call<wds_configure_profile_event_list_resp_msg_v01>(
+                   VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01, *config)
+                       ->resp.result == 0;
     }
 
     struct Indication {
@@ -152,18 +185,21 @@ class RecordingClient {
         std::thread::id thread;
     };
 
+    // What the callbacks reported: every indication, and the errors with the last one's thread.
+    struct Seen {
+        std::vector<Indication> indications;
+        int errors = 0;
+        vex_client_error_type lastError = VEX_NO_ERR;
+        std::thread::id errorThread;
+    };
+
     bool waitForIndications(size_t count) {
-        std::unique_lock<std::mutex> lock(mu);
-        return cv.wait_for(lock, kWait, [&] { return indications.size() >= count; });
+        return seen.waitUntil([&](const Seen& now) { return now.indications.size() >= count; });
     }
     bool waitForErrors(int count) {
-        std::unique_lock<std::mutex> lock(mu);
-        return cv.wait_for(lock, kWait, [&] { return errors >= count; });
+        return seen.waitUntil([&](const Seen& now) { return now.errors >= count; });
     }
-    std::vector<Indication> received() {
-        std::lock_guard<std::mutex> lock(mu);
-        return indications;
-    }
+    std::vector<Indication> received() { return seen.get().indications; }
     // The profile-changed events received so far, decoded; an undecodable one is skipped.
     std::vector<wds_profile_changed_ind_type_v01> events() {
         std::vector<wds_profile_changed_ind_type_v01> out;
@@ -178,22 +214,10 @@ class RecordingClient {
         }
         return out;
     }
-    int errorCount() {
-        std::lock_guard<std::mutex> lock(mu);
-        return errors;
-    }
-    vex_client_error_type lastError() {
-        std::lock_guard<std::mutex> lock(mu);
-        return lastErr;
-    }
-    std::thread::id errorThread() {
-        std::lock_guard<std::mutex> lock(mu);
-        return errThread;
-    }
-
     vex_client_type handle = nullptr;
     // Runs on the library's thread before each indication is recorded; set before connect().
     std::function<void(unsigned int msgId)> beforeIndication;
+    Guarded<Seen> seen;
 
   private:
     static void onIndication(vex_client_type, unsigned int msgId, void* buf, unsigned int len,
@@ -203,31 +227,34 @@ class RecordingClient {
             self->beforeIndication(msgId);
         }
         const auto* bytes = static_cast<const uint8_t*>(buf);
-        {
-            std::lock_guard<std::mutex> lock(self->mu);
-            self->indications.push_back(
+        self->seen.change([&](Seen& now) {
+            now.indications.push_back(
                 {msgId, std::vector<uint8_t>(bytes, bytes + len), std::this_thread::get_id()});
-        }
-        self->cv.notify_all();
+        });
     }
     static void onError(vex_client_type, vex_client_error_type error, void* data) {
-        auto* self = static_cast<RecordingClient*>(data);
-        {
-            std::lock_guard<std::mutex> lock(self->mu);
-            ++self->errors;
-            self->lastErr = error;
-            self->errThread = std::this_thread::get_id();
-        }
-        self->cv.notify_all();
+        static_cast<RecordingClient*>(data)->seen.change([&](Seen& now) {
+            ++now.errors;
+            now.lastError = error;
+            now.errorThread = std::this_thread::get_id();
+        });
     }
-
-    std::mutex mu;  // guards the recorded callbacks below
-    std::condition_variable cv;
-    std::vector<Indication> indications;
-    int errors = 0;
-    vex_client_error_type lastErr = VEX_NO_ERR;
-    std::thread::id errThread;
 };
+
+// A client's greeting, and a request with transaction id 9, as they go on the wire.
+inline std::vector<uint8_t> helloFrame() {
+    vexwire::FrameHeader header;
+    header.kind = vexwire::FrameKind::Hello;
+    header.msgId = WDS_SERVICE_ID_V01;
+    const uint8_t role = 0;
+    return vexwire::encodeFrame(header, &role, 1);
+}
+inline std::vector<uint8_t> requestFrame(unsigned int msgId, const std::vector<uint8_t>& payload) {
+    vexwire::FrameHeader header;
+    header.msgId = msgId;
+    header.txnId = 9;
+    return vexwire::encodeFrame(header, payload.data(), payload.size());
+}
 
 // Raw bytes on the service socket, as a broken or hostile peer would send them.
 class RawPeer {
@@ -240,18 +267,9 @@ class RawPeer {
         vexwire::writeAll(fd.get(), bytes.data(), bytes.size(),
                           vexwire::Clock::now() + std::chrono::seconds(5));
     }
-    void hello() {
-        vexwire::FrameHeader header;
-        header.kind = vexwire::FrameKind::Hello;
-        header.msgId = WDS_SERVICE_ID_V01;
-        uint8_t role = 0;
-        send(vexwire::encodeFrame(header, &role, 1));
-    }
+    void hello() { send(helloFrame()); }
     void request(unsigned int msgId, const std::vector<uint8_t>& payload) {
-        vexwire::FrameHeader header;
-        header.msgId = msgId;
-        header.txnId = 9;
-        send(vexwire::encodeFrame(header, payload.data(), payload.size()));
+        send(requestFrame(msgId, payload));
     }
     // The next frame, or nothing when the modem closes the connection.
     std::optional<vexwire::Frame> next() {
@@ -278,7 +296,7 @@ class RawPeer {
     vexwire::FrameReader reader;
 };
 
-// Counts a notifier's service-up reports. Threads: the test's and the library's; guarded by mu.
+// Counts a notifier's service-up reports.
 class NotifyCounter {
   public:
     // A notifier that reports to this counter; null when it cannot be made.
@@ -293,34 +311,20 @@ class NotifyCounter {
     }
     static void onNotify(vex_client_type, vex_idl_service_object_type,
                          vex_client_notify_event_type event, void* data) {
-        auto* self = static_cast<NotifyCounter*>(data);
-        {
-            std::lock_guard<std::mutex> lock(self->mu);
-            if (event == VEX_CLIENT_SERVICE_COUNT_INCREASING) {
-                ++self->ups;
-            }
-            self->thread = std::this_thread::get_id();
-        }
-        self->cv.notify_all();
+        static_cast<NotifyCounter*>(data)->seen.change([&](Ups& now) {
+            now.ups += event == VEX_CLIENT_SERVICE_COUNT_INCREASING ? 1 : 0;
+            now.thread = std::this_thread::get_id();
+        });
     }
     bool waitForUps(int count) {
-        std::unique_lock<std::mutex> lock(mu);
-        return cv.wait_for(lock, kWait, [&] { return ups >= count; });
-    }
-    int count() {
-        std::lock_guard<std::mutex> lock(mu);
-        return ups;
-    }
-    std::thread::id callbackThread() {
-        std::lock_guard<std::mutex> lock(mu);
-        return thread;
+        return seen.waitUntil([&](const Ups& now) { return now.ups >= count; });
     }
 
-  private:
-    std::mutex mu;  // guards ups and thread
-    std::condition_variable cv;
-    int ups = 0;
-    std::thread::id thread;
+    struct Ups {
+        int ups = 0;
+        std::thread::id thread;  // the last report's
+    };
+    Guarded<Ups> seen;
 };
 
 }  // namespace vextest

@@ -7,6 +7,7 @@ namespace {
 using namespace kelctltest;
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 // A network's internet APN written twice for other bearers, one entry with mms, the other with
 // ia: the modem keeps one profile for both.
@@ -34,11 +35,11 @@ const char* const kTelSeed =
 
 class KelctlCarrierImportTest : public KelctlTest {
   protected:
-    Outcome import(const std::vector<std::string>& more = {}) {
-        std::vector<std::string> args = {"--seed", telSeed, "--state", state,   "carrier",
-                                         file,     "--mcc", "262",     "--mnc", "91"};
-        args.insert(args.end(), more.begin(), more.end());
-        return kelctl(args);
+    // The network 262 91 of the file, into the state file that starts from the seed.
+    Outcome import(const std::vector<std::string>& more = {}, const std::string& from = "") {
+        return kelctl(joined({"--seed", from.empty() ? telSeed : from, "--state", state, "carrier",
+                              file, "--mcc", "262", "--mnc", "91"},
+                             more));
     }
 
     const std::string telSeed = script("tel.conf", kTelSeed);
@@ -46,21 +47,18 @@ class KelctlCarrierImportTest : public KelctlTest {
 };
 
 TEST_F(KelctlCarrierImportTest, SecondIdenticalImportChangesNothingAndSaysSo) {
-    const Outcome first = import();
-    ASSERT_EQ(first.status, 0) << first.err;
+    const Outcome first = succeeded(import());
     // The spreading and the attach step agree on the profile's types: set once, not undone.
     EXPECT_THAT(first.out, HasSubstr("updated 3gpp:1: max-conns: - -> 4; max-conns-time: - -> 60; "
                                      "types: default -> default,mms,supl,ia\n"));
     EXPECT_THAT(first.out, HasSubstr("attach: updated 3gpp:1 name=web apn=internet.tel"));
 
-    const Outcome plan = import({"--dry-run"});
-    EXPECT_EQ(plan.status, 0) << plan.err;
+    const Outcome plan = succeeded(import({"--dry-run"}));
     EXPECT_THAT(plan.out, HasSubstr("no profile would change\n"));
     EXPECT_THAT(plan.out, HasSubstr("would use 3gpp:1 as it is\n"));
 
     for (int run = 0; run < 2; ++run) {
-        const Outcome again = import();
-        EXPECT_EQ(again.status, 0) << again.err;
+        const Outcome again = succeeded(import());
         EXPECT_THAT(again.out, HasSubstr("no profile changed\n"));
         EXPECT_THAT(again.out, HasSubstr("attach: found 3gpp:1 name=web"));
         EXPECT_THAT(again.out, Not(HasSubstr("\nupdated ")));
@@ -72,8 +70,7 @@ TEST_F(KelctlCarrierImportTest, SecondIdenticalImportChangesNothingAndSaysSo) {
 }
 
 TEST_F(KelctlCarrierImportTest, EveryEntryIsAccountedForAndTheSummaryAddsUp) {
-    const Outcome outcome = import({"--json"});
-    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    const Outcome outcome = succeeded(import({"--json"}));
     const nlohmann::json report = parsed(outcome.out);
     EXPECT_EQ(report["entries"], nlohmann::json::parse(R"json([
         {"line":2,"carrier":"Tel Internet","fate":"applied","profiles":["3gpp:1"],
@@ -102,9 +99,7 @@ TEST_F(KelctlCarrierImportTest, CreatedAttachProfileNeverReadsAsNothingChanged) 
     const std::string bare = script("bare.conf",
                                     "profile 3gpp sub=0 index=2 name=ims apn=ims "
                                     "pdp=ipv4v6 class=1 types=ims\n");
-    const Outcome outcome =
-        kelctl({"--seed", bare, "--state", state, "carrier", file, "--mcc", "262", "--mnc", "91"});
-    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    const Outcome outcome = succeeded(import({}, bare));
     EXPECT_THAT(outcome.out, Not(HasSubstr("no profile changed")));
     EXPECT_THAT(outcome.out, HasSubstr("attach: created 3gpp:1 name=kel_profile_ia "
                                        "apn=internet.tel ip=v4v6 roam-ip=v4v6 "
@@ -112,8 +107,7 @@ TEST_F(KelctlCarrierImportTest, CreatedAttachProfileNeverReadsAsNothingChanged) 
     EXPECT_THAT(outcome.out, HasSubstr("line 2 (Tel Internet): applied to 3gpp:1\n"));
     EXPECT_THAT(outcome.out, HasSubstr("0 profiles updated, 1 created\n"));
 
-    const Outcome again =
-        kelctl({"--seed", bare, "--state", state, "carrier", file, "--mcc", "262", "--mnc", "91"});
+    const Outcome again = import({}, bare);
     EXPECT_THAT(again.out, HasSubstr("no profile changed\n"));
     EXPECT_THAT(again.out, HasSubstr("attach: found 3gpp:1"));
 }
@@ -125,21 +119,16 @@ TEST_F(KelctlCarrierImportTest, AttachProfileThatDiffersFromItsEntryIsNamed) {
         script("roam.conf",
                "profile 3gpp sub=0 index=1 name=web apn=internet.tel pdp=ipv4v6 "
                "lte_roam=ipv4 umts_roam=ipv4 types=default\n");
-    const Outcome outcome = kelctl({"--seed", roamV4, "--state", state, "carrier", file, "--mcc",
-                                    "262", "--mnc", "91", "--json"});
-    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    const Outcome outcome = succeeded(import({"--json"}, roamV4));
     EXPECT_EQ(
         parsed(outcome.out)["attach"]["differs"],
         nlohmann::json::parse(R"json([{"setting":"roam-ip","entry":"v4v6","profile":"v4"}])json"));
-    const Outcome text = kelctl(
-        {"--seed", roamV4, "--state", state, "carrier", file, "--mcc", "262", "--mnc", "91"});
+    const Outcome text = import({}, roamV4);
     EXPECT_THAT(text.out, HasSubstr("attach: 3gpp:1 keeps roam-ip=v4 where line 3 (Tel LTE) "
                                     "gives v4v6"));
 
     // Allowed to update, the import sets it, and reads it back.
-    const Outcome updated = kelctl({"--seed", roamV4, "--state", state, "carrier", file, "--mcc",
-                                    "262", "--mnc", "91", "--allow-update"});
-    EXPECT_EQ(updated.status, 0) << updated.err;
+    const Outcome updated = succeeded(import({"--allow-update"}, roamV4));
     EXPECT_THAT(updated.out, HasSubstr("roam-ip: v4 -> v4v6"));
     EXPECT_THAT(updated.out, Not(HasSubstr("keeps roam-ip")));
 }
@@ -147,9 +136,7 @@ TEST_F(KelctlCarrierImportTest, AttachProfileThatDiffersFromItsEntryIsNamed) {
 // Read-back covers every setting: the attach fix-up's timers refused by the modem are named.
 TEST_F(KelctlCarrierImportTest, ReadBackNamesEverySettingTheModemDidNotTake) {
     RunningModem modem(dir.path(), telSeed);
-    ASSERT_TRUE(modem.isServing());
-    ASSERT_THAT(modem.control(dir.path(), {"fail-next", "50", "0x28"}),
-                HasSubstr("failing the next 50 requests"));
+    modem.control({"fail-next", "50", "0x28"});
     const Outcome outcome =
         kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "262", "--mnc", "91", "--json"});
     EXPECT_EQ(outcome.status, 1);
@@ -204,21 +191,18 @@ TEST_F(KelctlCarrierImportTest, CreateAddsAPersistentProfileForEachMissingApn) {
                "  <apn carrier=\"New Tether 4\" mcc=\"262\" mnc=\"95\" apn=\"tether.new\" "
                "type=\"dun,default\" protocol=\"IP\" />\n"
                "</apns>\n");
-    const auto run = [&](std::vector<std::string> more) {
-        std::vector<std::string> args = {"--seed", telSeed, "--state", state,   "carrier",
-                                         lacking,  "--mcc", "262",     "--mnc", "95"};
-        args.insert(args.end(), more.begin(), more.end());
-        return kelctl(args);
+    const auto run = [&](const std::vector<std::string>& more) {
+        return kelctl(joined({"--seed", telSeed, "--state", state, "carrier", lacking, "--mcc",
+                              "262", "--mnc", "95"},
+                             more));
     };
 
-    const Outcome without = run({});
-    EXPECT_EQ(without.status, 0) << without.err;
+    const Outcome without = succeeded(run({}));
     EXPECT_THAT(without.out, HasSubstr("line 2 (New MMS): not applied: no profile has APN "
                                        "\"mms.new\" with IP type v4\n"));
     EXPECT_THAT(without.out, HasSubstr("summary: 3 entries: 0 applied, 0 merged, 3 not applied"));
 
-    const Outcome plan = run({"--create", "--dry-run"});
-    EXPECT_EQ(plan.status, 0) << plan.err;
+    const Outcome plan = succeeded(run({"--create", "--dry-run"}));
     EXPECT_THAT(plan.out, HasSubstr("create: line 2 (New MMS): would create apn=mms.new ip=v4 "
                                     "roam-ip=v4v6 types=mms auth=pap user=mms password=<hidden> "
                                     "max-conns=3 max-conns-time=30 wait-time=2\n"
@@ -229,8 +213,7 @@ TEST_F(KelctlCarrierImportTest, CreateAddsAPersistentProfileForEachMissingApn) {
     EXPECT_THAT(plan.out, HasSubstr("line 2 (New MMS): would be applied to a new profile\n"));
     EXPECT_THAT(plan.out, HasSubstr("0 profiles would be updated, 3 would be created\n"));
 
-    const Outcome created = run({"--create", "--json"});
-    ASSERT_EQ(created.status, 0) << created.err;
+    const Outcome created = succeeded(run({"--create", "--json"}));
     const nlohmann::json report = parsed(created.out);
     EXPECT_EQ(report["not_applied"], nlohmann::json::array()) << "every setting read back";
     ASSERT_EQ(report["created"].size(), 3u);
@@ -240,27 +223,20 @@ TEST_F(KelctlCarrierImportTest, CreateAddsAPersistentProfileForEachMissingApn) {
     const nlohmann::json mms = parsed(
         kelctl({"--seed", telSeed, "--state", state, "--show-secrets", "get", mmsProfile, "--json"})
             .out);
-    for (const auto& [key, value] : std::map<std::string, nlohmann::json>{{"apn", "mms.new"},
-                                                                          {"ip", "v4"},
-                                                                          {"roam_ip", "v4v6"},
-                                                                          {"auth", "pap"},
-                                                                          {"user", "mms"},
-                                                                          {"password", "pw"},
-                                                                          {"max_conns", 3},
-                                                                          {"max_conns_time", 30},
-                                                                          {"wait_time", 2}}) {
-        EXPECT_EQ(mms.value(key, nlohmann::json()), value) << key;
+    const nlohmann::json expected = nlohmann::json::parse(R"({"apn": "mms.new", "ip": "v4",
+        "roam_ip": "v4v6", "auth": "pap", "user": "mms", "password": "pw", "max_conns": 3,
+        "max_conns_time": 30, "wait_time": 2})");
+    for (const auto& setting : expected.items()) {
+        EXPECT_EQ(mms.value(setting.key(), nlohmann::json()), setting.value()) << setting.key();
     }
 
-    const Outcome again = run({"--create"});
-    EXPECT_EQ(again.status, 0) << again.err;
+    const Outcome again = succeeded(run({"--create"}));
     EXPECT_THAT(again.out, HasSubstr("no profile changed\n"));
     EXPECT_THAT(again.out, HasSubstr("summary: 3 entries: 3 applied, 0 merged, 0 not applied; 0 "
                                      "profiles updated, 0 created\n"));
 }
 
-struct NetworkImport {
-    const char* name;
+struct NetworkImport : Row {
     const char* file;  // under tests/data, or the shipped one under data/carrier
     std::vector<std::string> selector;
 };
@@ -279,10 +255,6 @@ const NetworkImport kNetworkImports[] = {
     {"Shipped", "data/carrier/apns-conf.xml", {"--mcc", "001", "--mnc", "01"}},
 };
 
-void PrintTo(const NetworkImport& network, std::ostream* os) {
-    *os << network.name;
-}
-
 class KelctlNetworkConvergenceTest : public KelctlTest,
                                      public ::testing::WithParamInterface<NetworkImport> {};
 
@@ -293,15 +265,14 @@ TEST_P(KelctlNetworkConvergenceTest, SecondImportChangesNothing) {
              {}, {"--create"}, {"--allow-update"}, {"--create", "--allow-update"}}) {
         const std::string modeState =
             dir.file("state" + std::to_string(mode.size()) + (mode.empty() ? "" : mode.front()));
-        std::vector<std::string> args = {"--state", modeState, "carrier",
-                                         testsupport::sourceDir() + "/" + GetParam().file};
-        args.insert(args.end(), GetParam().selector.begin(), GetParam().selector.end());
-        args.insert(args.end(), mode.begin(), mode.end());
-        const Outcome first = seeded(args);
-        ASSERT_EQ(first.status, 0) << first.err;
+        std::vector<std::string> args = joined(
+            joined(
+                {"--state", modeState, "carrier", testsupport::sourceDir() + "/" + GetParam().file},
+                GetParam().selector),
+            mode);
+        const Outcome first = succeeded(seeded(args));
         args.push_back("--json");
-        const Outcome second = seeded(args);
-        ASSERT_EQ(second.status, 0) << second.err;
+        const Outcome second = succeeded(seeded(args));
         const nlohmann::json report = parsed(second.out);
         EXPECT_EQ(report["updates"], nlohmann::json::array()) << first.out << second.out;
         EXPECT_EQ(report["summary"]["created"], 0) << second.out;
@@ -312,7 +283,401 @@ TEST_P(KelctlNetworkConvergenceTest, SecondImportChangesNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Networks, KelctlNetworkConvergenceTest,
-                         ::testing::ValuesIn(kNetworkImports),
-                         [](const auto& testCase) { return std::string(testCase.param.name); });
+                         ::testing::ValuesIn(kNetworkImports), RowName());
+
+// ---------------------------------------------------------------------------------------------
+// Carrier APN configuration
+
+TEST_F(KelctlTest, CarrierVerboseDryRunMapsEveryQuirkAndChangesNothing) {
+    const std::string file = dataFile("apns-quirks.xml");
+    const Outcome before = succeeded(seeded({"--state", state, "list"}));
+
+    const Outcome outcome = succeeded(seeded({"--state", state, "carrier", file, "--mcc", "001",
+                                              "--mnc", "01", "--dry-run", "--verbose"}));
+    EXPECT_EQ(outcome.out,
+              "carrier mcc 001 mnc 01: 6 of 8 entries in " + file +
+                  "\n"
+                  "  line 5 (Quirk & Co Internet): apn=Internet.Quirk ip=v4v6 roam-ip=v4 "
+                  "types=default,supl,ia\n"
+                  "  line 8 (Quirk MMS): apn=mms.quirk ip=v4 types=mms auth=pap_chap "
+                  "user=mms@quirk password=<hidden>\n"
+                  "  line 8 (Quirk MMS): ignored attributes: mmsc, mmsproxy, mmsport\n"
+                  "  line 11 (Quirk Attach): ip=v6 roam-ip=v4v6 types=ia\n"
+                  "  line 13 (Quirk IMS): apn=ims ip=v6 types=ims,xcap max-conns=8 "
+                  "max-conns-time=120 wait-time=5\n"
+                  "  line 13 (Quirk IMS): ignored APN type: bip\n"
+                  "  line 15 (Quirk All): apn=all.quirk "
+                  "types=default,mms,supl,dun,hipri,fota,ims,cbs,ia,emergency,mcx,xcap auth=none "
+                  "disabled=yes\n"
+                  "  line 17 (Quirk Untyped): apn=untyped.quirk "
+                  "types=default,mms,supl,dun,hipri,fota,ims,cbs,ia,emergency,mcx,xcap "
+                  "disabled=no\n"
+                  "would update 3gpp:2: types: ims -> ims,xcap\n"
+                  "attach: line 5 (Quirk & Co Internet): would create the attach profile: "
+                  "apn=internet.quirk ip=v4v6 roam-ip=v4 types=default,supl,ia\n"
+                  "line 5 (Quirk & Co Internet): would be applied to the new attach profile\n"
+                  "line 8 (Quirk MMS): would not be applied: no profile has APN \"mms.quirk\" "
+                  "with IP type v4\n"
+                  "line 11 (Quirk Attach): would not be applied: it has no APN name, and only "
+                  "the entry that sets up attach may go without one\n"
+                  "line 13 (Quirk IMS): would be applied to 3gpp:2\n"
+                  "line 15 (Quirk All): would not be applied: the carrier disabled it "
+                  "(carrier_enabled=\"false\")\n"
+                  "line 17 (Quirk Untyped): would not be applied: no profile has APN "
+                  "\"untyped.quirk\" with IP type v4v6\n"
+                  "summary: 6 entries: 2 would be applied, 0 merged, 4 would not be applied; 1 "
+                  "profile would be updated, 1 would be created\n"
+                  "dry run: nothing was sent to the modem\n");
+    EXPECT_EQ(seeded({"--state", state, "list"}).out, before.out);
+
+    const Outcome quiet = seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run"});
+    EXPECT_THAT(quiet.out, Not(HasSubstr("ignored")));
+    EXPECT_EQ(quiet.err, "");
+}
+
+TEST_F(KelctlTest, CarrierPlanOnTheShippedSeedShowsTheChangesAndChangesNothing) {
+    const std::string shippedSeed = testsupport::sourceDir() + "/data/modem-seed.conf";
+    const std::string file = testsupport::sourceDir() + "/data/carrier/apns-conf.xml";
+    RunningModem modem(dir.path(), shippedSeed);
+    const std::string before = modem.control({"profiles"});
+
+    const Outcome plan = succeeded(kelctl(
+        {"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run"}));
+    EXPECT_EQ(plan.err, "");
+    EXPECT_EQ(plan.out, "carrier mcc 001 mnc 01: 5 of 8 entries in " + file +
+                            "\n"
+                            "would update 3gpp:1: max-conns: - -> 20; max-conns-time: - -> 300; "
+                            "types: default,supl -> default,supl,hipri,ia; wait-time: - -> 0\n"
+                            "would update 3gpp:2: types: ims -> ims,xcap\n"
+                            "attach: line 11 (Testnet Internet): would update 3gpp:1: max-conns: "
+                            "- -> 20; max-conns-time: - -> 300; wait-time: - -> 0\n"
+                            "line 11 (Testnet Internet): would be applied to 3gpp:1 (attach)\n"
+                            "line 20 (Testnet MMS): would be applied to 3gpp:3\n"
+                            "line 29 (Testnet IMS): would be applied to 3gpp:2\n"
+                            "line 36 (Testnet Emergency): would be applied to 3gpp:4\n"
+                            "line 43 (Testnet Tethering): would not be applied: the carrier "
+                            "disabled it (carrier_enabled=\"false\")\n"
+                            "summary: 5 entries: 4 would be applied, 0 merged, 1 would not be "
+                            "applied; 2 profiles would be updated, 0 would be created\n"
+                            "dry run: nothing was sent to the modem\n");
+    EXPECT_EQ(modem.control({"profiles"}), before);
+
+    // The apply does what the plan said, and the modem took all of it.
+    const Outcome applied =
+        succeeded(kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01"}));
+    EXPECT_THAT(applied.out, HasSubstr("updated 3gpp:1: max-conns: - -> 20; max-conns-time: - -> "
+                                       "300; types: default,supl -> default,supl,hipri,ia; "
+                                       "wait-time: - -> 0\nupdated 3gpp:2: types: ims -> "
+                                       "ims,xcap\nattach: updated 3gpp:1 name=internet"));
+    EXPECT_THAT(applied.out, Not(HasSubstr("\nnot applied: ")));
+    EXPECT_THAT(applied.out, HasSubstr("summary: 5 entries: 4 applied, 0 merged, 1 not applied; "
+                                       "2 profiles updated, 0 created\n"));
+}
+
+TEST_F(KelctlTest, CarrierSelectsAVirtualOperatorOnlyWhenAsked) {
+    // Without --mvno-type the network's own entries are chosen (the verbose dry run above).
+    const std::string file = dataFile("apns-quirks.xml");
+    const Outcome virtualOperator =
+        succeeded(seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--mvno-type", "GID",
+                          "--mvno-match", "ba", "--dry-run", "--verbose"}));
+    EXPECT_THAT(virtualOperator.out, HasSubstr("1 of 8 entries"));
+    EXPECT_THAT(virtualOperator.out, HasSubstr("apn=budget.quirk ip=v4 types=default,mms\n"));
+
+    const Outcome nobody = seeded({"carrier", file, "--mcc", "998", "--mnc", "01", "--dry-run"});
+    EXPECT_EQ(nobody.status, 2);
+    EXPECT_EQ(nobody.err, "kelctl: carrier: " + file + ": no entry for mcc 998 mnc 01\n");
+}
+
+TEST_F(KelctlTest, CarrierImportSpreadsTypesAndSetsUpAttach) {
+    const std::string file = dataFile("apns-quirks.xml");
+    const Outcome outcome =
+        succeeded(seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc", "01"}));
+    EXPECT_THAT(outcome.out, HasSubstr("updated 3gpp:2: types: ims -> ims,xcap\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("attach: created 3gpp:5 name=kel_profile_ia "
+                                       "apn=internet.quirk ip=v4v6 roam-ip=v4 "
+                                       "types=default,supl,ia flags=kel,ia\n"));
+
+    const Outcome after = seeded({"--state", state, "get", "3gpp:5", "--json"});
+    const nlohmann::json profile = parsed(after.out);
+    EXPECT_EQ(profile.value("apn", ""), "internet.quirk");
+    EXPECT_EQ(profile.value("ia", false), true);
+}
+
+// The file's first network carries each quirk that once cost an import: an attach entry without
+// APN whose IP types are the IMS profile's, an unsupported roaming protocol, entries that differ
+// only by network type, and an APN repeated for other bearers.
+TEST_F(KelctlTest, CarrierImportLeavesImsAloneAndAppliesTheRestWithWarnings) {
+    const std::string file = dataFile("apns-networks.xml");
+    const Outcome outcome =
+        succeeded(seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc", "01"}));
+    EXPECT_EQ(outcome.out,
+              "carrier mcc 001 mnc 01: 6 of 13 entries in " + file +
+                  "\n"
+                  "updated 3gpp:1: types: default,supl -> default,supl,hipri\n"
+                  "updated 3gpp:2: types: ims -> ims,mcx,xcap\n"
+                  "attach: created 3gpp:5 name=kel_profile_ia apn=\"\" ip=v4v6 roam-ip=v4v6 "
+                  "types=ia flags=kel,ia\n"
+                  "attach: line 5 (Edge Attach) has no APN name (the network assigns it): "
+                  "profiles that carry an APN are left alone\n"
+                  "line 5 (Edge Attach): applied to 3gpp:5 (attach)\n"
+                  "line 7 (Edge Internet): applied to 3gpp:1\n"
+                  "line 9 (Edge IMS): applied to 3gpp:2\n"
+                  "line 11 (Edge MMS): applied to 3gpp:3\n"
+                  "line 13 (Edge MMS): merged into line 11\n"
+                  "line 15 (Edge IMS 3G): applied to 3gpp:2\n"
+                  "summary: 6 entries: 5 applied, 1 merged, 0 not applied; 2 profiles updated, "
+                  "1 created\n");
+    EXPECT_EQ(outcome.err,
+              "kelctl: carrier: " + file +
+                  ":7: warning: roaming_protocol=\"IPV4\" is not one of IP, IPV6, IPV4V6; the "
+                  "entry is applied without it\n"
+                  "kelctl: carrier: " +
+                  file +
+                  ":13: note: merged into line 11: the two differ only by bearer or network "
+                  "type\n"
+                  "kelctl: carrier: " +
+                  file +
+                  ":15: warning: APN \"ims\" (ip v4v6) is also at line 9 for other bearers; the "
+                  "modem keeps one profile for both: their APN types are joined, and only the "
+                  "first entry that names ia sets up attach\n");
+
+    const Outcome verbose =
+        seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run", "--verbose"});
+    EXPECT_THAT(verbose.out, HasSubstr("  line 11 (Edge MMS): apn=mms.test ip=v4 types=mms "
+                                       "(merged: line 13)\n"));
+
+    const Outcome ims = seeded({"--state", state, "get", "3gpp:2"});
+    EXPECT_THAT(ims.out, HasSubstr("types ims,mcx,xcap\n"));
+    const Outcome internet = seeded({"--state", state, "get", "3gpp:1"});
+    EXPECT_THAT(internet.out, HasSubstr("types default,supl,hipri\n"));
+}
+
+TEST_F(KelctlTest, CarrierKeepsEntriesThatDifferOnlyByTheirPassword) {
+    const std::string file = script("passwords.xml",
+                                    "<apns version=\"8\">\n"
+                                    "<apn carrier=\"A\" mcc=\"006\" mnc=\"01\" apn=\"vpn.test\" "
+                                    "type=\"default\" user=\"u\" password=\"one\" />\n"
+                                    "<apn carrier=\"B\" mcc=\"006\" mnc=\"01\" apn=\"vpn.test\" "
+                                    "type=\"default\" user=\"u\" password=\"two\" />\n"
+                                    "</apns>\n");
+    const Outcome plan = succeeded(
+        seeded({"carrier", file, "--mcc", "006", "--mnc", "01", "--dry-run", "--verbose"}));
+    EXPECT_THAT(plan.out, HasSubstr("line 2 (A): "));
+    EXPECT_THAT(plan.out, HasSubstr("line 3 (B): "));
+    EXPECT_THAT(plan.err, Not(HasSubstr("merged"))) << "hidden passwords are not the same";
+}
+
+struct NetworkCase : Row {
+    std::vector<std::string> selector;
+    int status;
+    std::string expected;  // in standard output (status 0) or standard error
+};
+
+const NetworkCase kNetworkCases[] = {
+    {"OneDigitMncAsWritten", {"--mcc", "002", "--mnc", "0"}, 0, "apn=single.test"},
+    {"OneDigitMncAsTwoDigits", {"--mcc", "002", "--mnc", "00"}, 0, "apn=single.test"},
+    {"CodesAsNumbers", {"--mcc", "2", "--mnc", "000"}, 0, "apn=single.test"},
+    {"TwoDigitSpelling", {"--mcc", "004", "--mnc", "07"}, 0, "apn=a.test"},
+    {"ThreeDigitSpelling", {"--mcc", "004", "--mnc", "007"}, 0, "apn=b.test"},
+    {"SpelledNeitherWay",
+     {"--mcc", "004", "--mnc", "7"},
+     2,
+     "mcc 004 mnc 7 is written several ways (004/007, 004/07); give MCC and MNC as the file "
+     "writes them\n"},
+    {"OnlyVirtualOperators",
+     {"--mcc", "003", "--mnc", "30"},
+     2,
+     "mcc 003 mnc 30 has only virtual-operator entries; choose one with --mvno-type spn "
+     "--mvno-match \"One\", --mvno-type gid --mvno-match \"2A\"\n"},
+    {"OneVirtualOperator",
+     {"--mcc", "003", "--mnc", "30", "--mvno-type", "gid", "--mvno-match", "2a"},
+     0,
+     "apn=two.test"},
+    {"UnknownVirtualOperator",
+     {"--mcc", "003", "--mnc", "30", "--mvno-type", "spn", "--mvno-match", "Three"},
+     2,
+     "no entry for mcc 003 mnc 30 spn \"Three\"; its virtual operators: --mvno-type spn "
+     "--mvno-match \"One\", --mvno-type gid --mvno-match \"2A\"\n"},
+};
+
+class KelctlCarrierNetworkTest : public KelctlTest,
+                                 public ::testing::WithParamInterface<NetworkCase> {};
+
+TEST_P(KelctlCarrierNetworkTest, IsSelectedOrNamesWhatToChoose) {
+    const NetworkCase& network = GetParam();
+    const std::string file = dataFile("apns-networks.xml");
+    const Outcome outcome =
+        seeded(joined(joined({"carrier", file}, network.selector), {"--dry-run", "--verbose"}));
+    EXPECT_EQ(outcome.status, network.status) << outcome.err;
+    if (network.status == 0) {
+        EXPECT_THAT(outcome.out, HasSubstr("1 of 13 entries"));
+        EXPECT_THAT(outcome.out, HasSubstr(network.expected));
+    } else {
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_EQ(outcome.err, "kelctl: carrier: " + file + ": " + network.expected);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Networks, KelctlCarrierNetworkTest, ::testing::ValuesIn(kNetworkCases),
+                         RowName());
+
+TEST_F(KelctlTest, CarrierNamesWhatAnEarlierImportLeftOnTheAttachProfile) {
+    const std::string file = dataFile("apns-networks.xml");
+    const Outcome first =
+        succeeded(seeded({"--state", state, "carrier", file, "--mcc", "005", "--mnc", "01"}));
+    EXPECT_THAT(first.out, HasSubstr("attach: created 3gpp:5 name=kel_profile_ia apn=lte.first"));
+
+    const Outcome second =
+        succeeded(seeded({"--state", state, "carrier", file, "--mcc", "005", "--mnc", "02"}));
+    EXPECT_THAT(second.out, HasSubstr("updated 3gpp:5: apn: lte.first -> lte.second\n"));
+    EXPECT_THAT(second.out, HasSubstr("attach: 3gpp:5 keeps max-conns=8, max-conns-time=120 from "
+                                      "before; line 34 (Second Attach) does not set them\n"));
+    EXPECT_EQ(second.err, "kelctl: carrier: " + file +
+                              ":34: note: profile_id=4: 3gpp:4 holds APN \"sos\"; kelctl chooses "
+                              "profiles by APN name and IP type\n");
+}
+
+TEST_F(KelctlTest, CarrierPlansAndReportsHidePasswordsUnlessAsked) {
+    const std::string file =
+        script("secret.xml",
+               "<apns version=\"8\">\n"
+               "  <apn carrier=\"Secret Attach\" mcc=\"005\" mnc=\"01\" "
+               "apn=\"lte.first\" type=\"default,ia\" protocol=\"IPV4V6\" "
+               "user=\"spy\" password=\"hunter2\" authtype=\"1\" />\n"
+               "  <apn carrier=\"Open Attach\" mcc=\"005\" mnc=\"02\" "
+               "apn=\"lte.second\" type=\"default,ia\" protocol=\"IPV4V6\" />\n"
+               "</apns>\n");
+    const std::vector<std::string> first = {"--state", state, "carrier", file,
+                                            "--mcc",   "005", "--mnc",   "01"};
+    const std::vector<std::string> second = {"--state", state, "carrier", file,
+                                             "--mcc",   "005", "--mnc",   "02"};
+    const auto noSecret = [](const Outcome& outcome) {
+        EXPECT_THAT(outcome.out, Not(HasSubstr("hunter2")));
+        EXPECT_THAT(outcome.err, Not(HasSubstr("hunter2")));
+    };
+
+    // The plan of a new attach profile: its settings line and its JSON changes.
+    const Outcome plan = succeeded(seeded(joined(first, {"--dry-run"})));
+    EXPECT_THAT(plan.out, HasSubstr("would create the attach profile: apn=lte.first ip=v4v6 "
+                                    "types=default,ia auth=pap user=spy password=<hidden>\n"));
+    noSecret(plan);
+    const Outcome planJson = succeeded(seeded(joined(first, {"--dry-run", "--json"})));
+    const nlohmann::json planned = parsed(planJson.out);  // one document, nothing beside it
+    EXPECT_EQ(planned["dry_run"], true);
+    EXPECT_THAT(planned["attach"]["changes"].dump(),
+                HasSubstr(R"({"from":"-","setting":"password","to":"<hidden>"})"));
+    noSecret(planJson);
+    EXPECT_THAT(seeded(joined(first, {"--dry-run", "--show-secrets"})).out,
+                HasSubstr("user=spy password=hunter2\n"));
+
+    // Applied: the attach summary; then a second network's entry keeps the password.
+    const Outcome applied = succeeded(seeded(first));
+    EXPECT_THAT(applied.out, HasSubstr("attach: created 3gpp:5 name=kel_profile_ia apn=lte.first "
+                                       "ip=v4v6 types=default,ia auth=pap user=spy "
+                                       "password=<hidden> flags=kel,ia\n"));
+    noSecret(applied);
+    const Outcome kept = succeeded(seeded(joined(second, {"--json"})));
+    EXPECT_EQ(parsed(kept.out)["attach"]["kept"],
+              nlohmann::json({"user=spy", "password=<hidden>", "auth=pap"}));
+    noSecret(kept);
+    const Outcome shown = seeded(joined(second, {"--show-secrets"}));
+    EXPECT_THAT(shown.out, HasSubstr("attach: 3gpp:5 keeps user=spy, password=hunter2, auth=pap "
+                                     "from before; line 3 (Open Attach) does not set them\n"));
+}
+
+TEST_F(KelctlTest, CarrierImportNamesWhatTheModemDidNotTake) {
+    const std::string file = dataFile("apns-quirks.xml");
+    RunningModem modem(dir.path(), seed);
+    // Every modify is refused; creating the attach profile still works.
+    modem.control({"fail-next", "50", "0x28"});
+
+    const Outcome outcome =
+        kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01", "--json"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err,
+              "kelctl: carrier: 1 setting was not applied (the \"not applied\" "
+              "lines name them)\n");
+    const auto json = nlohmann::json::parse(outcome.out, nullptr, false);
+    ASSERT_FALSE(json.is_discarded()) << outcome.out;
+    EXPECT_EQ(json["not_applied"],
+              nlohmann::json::parse(R"([{"profile":"3gpp:2","setting":"types","wanted":"ims,xcap",
+                                         "got":"ims"}])"));
+    EXPECT_EQ(json["updates"], nlohmann::json::array());
+    EXPECT_EQ(json["attach"]["action"], "created");
+    // The report stands under --json although the run failed, with the error beside it.
+    EXPECT_EQ(json.value("error", ""),
+              "1 setting was not applied (the \"not applied\" lines name them)");
+
+    modem.control({"fail-next", "50", "0x28"});
+    const Outcome text =
+        kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01"});
+    EXPECT_EQ(text.status, 1);
+    EXPECT_THAT(text.out, HasSubstr("no profile changed\n"));
+    EXPECT_THAT(text.out, HasSubstr("not applied: 3gpp:2 types: asked for ims,xcap, the modem has "
+                                    "ims\n"));
+    EXPECT_THAT(modem.control({"profiles", "0"}),
+                HasSubstr("index=2 persistent=yes name=ims apn=ims pdp=ipv4v6 lte_roam=ipv4v6 "
+                          "umts_roam=ipv4v6 class=1 types=ims\n"));
+}
+
+TEST_F(KelctlTest, CarrierValueKelctlCannotMapCostsOnlyThatSetting) {
+    const std::string file = script("values.xml",
+                                    "<apns>\n"
+                                    "<apn mcc=\"001\" mnc=\"01\" apn=\"ims\" type=\"ims,xcap\"\n"
+                                    "  max_conns=\"ten\" authtype=\"4\" protocol=\"PPP\"/>\n"
+                                    "<apn mcc=\"001\" mnc=\"01\" apn=\"\xFFodd\" type=\"mms\"\n"
+                                    "  carrier_enabled=\"maybe\xFE\"/>\n"
+                                    "</apns>\n");
+    const Outcome outcome = succeeded(seeded({"carrier", file, "--mcc", "001", "--mnc", "01"}));
+    EXPECT_THAT(outcome.out, HasSubstr("updated 3gpp:2: types: ims -> ims,xcap\n"));
+    const std::string where = "kelctl: carrier: " + file;
+    EXPECT_THAT(outcome.err, HasSubstr(where + ":2: warning: protocol=\"PPP\" is not one of IP, "
+                                               "IPV6, IPV4V6; the entry is applied without it\n"));
+    EXPECT_THAT(outcome.err, HasSubstr(where + ":2: warning: authtype=\"4\" is not one of -1, 0"));
+    EXPECT_THAT(outcome.err, HasSubstr(where + ":2: warning: max_conns=\"ten\" is not a number "
+                                               "from 0 to 65535; the entry is applied without "
+                                               "it\n"));
+    // Bytes that are not text reach the terminal escaped.
+    EXPECT_THAT(outcome.err, HasSubstr(where + ":4: warning: carrier_enabled=\"maybe\\xfe\" is "
+                                               "not true or false"));
+}
+
+struct MalformedCase : Row {
+    std::string file;  // under tests/data, or written by the test when text is set
+    std::string text;
+    std::string error;  // after "FILE:"
+};
+
+const MalformedCase kMalformedCases[] = {
+    {"UnclosedAttribute", "apns-malformed.xml", "", "4: malformed attribute"},
+    {"NeverClosed", "open.xml", "<apns>\n  <apn mcc=\"001\" mnc=\"01\"/>\n",
+     "1: an element is never closed"},
+    {"MismatchedTag", "tag.xml", "<apns>\n<apn mcc=\"001\" mnc=\"01\">\n</apns>\n",
+     "2: closing tag does not match the open element"},
+    {"NotADatabase", "other.xml", "<?xml version=\"1.0\"?>\n<carriers/>\n",
+     "2: the file is not a carrier APN database"},
+    {"Empty", "empty.xml", "   \n", "0: the file holds no XML"},
+};
+
+class KelctlMalformedCarrierTest : public KelctlTest,
+                                   public ::testing::WithParamInterface<MalformedCase> {};
+
+TEST_P(KelctlMalformedCarrierTest, IsRefusedWithItsLineNumberAndNothingSent) {
+    const MalformedCase& bad = GetParam();
+    const std::string file = bad.text.empty() ? dataFile(bad.file) : script(bad.file, bad.text);
+    RunningModem modem(dir.path(), seed);
+    const std::string before = modem.control({"profiles"});
+
+    const Outcome outcome =
+        kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_THAT(outcome.err, StartsWith("kelctl: carrier: " + file + ":" + bad.error));
+    EXPECT_EQ(countOf(outcome.err, "\n"), 1) << outcome.err;
+    EXPECT_EQ(modem.control({"profiles"}), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, KelctlMalformedCarrierTest, ::testing::ValuesIn(kMalformedCases),
+                         RowName());
 
 }  // namespace

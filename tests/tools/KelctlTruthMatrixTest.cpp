@@ -4,6 +4,7 @@
 // case runs twice against its own vex-modemd process, as text and as JSON; the exit status, the
 // words and the document must agree with the modem's tables read afterwards through
 // vex-modemctl.
+#include <regex>
 #include <thread>
 
 #include "KelctlHarness.h"
@@ -18,8 +19,7 @@ constexpr char kSeed[] =
 
 enum class Fault { Refused, Late, NotInRun, OneReadFailed, EveryReadLate, Restart };
 
-struct TruthCase {
-    const char* name;
+struct TruthCase : Row {
     std::vector<std::string> command;
     Fault fault;
     unsigned int msgId;  // the message the fault hits (Refused, Late, NotInRun, Restart)
@@ -29,7 +29,7 @@ struct TruthCase {
     // The member the JSON document has ("error" on failure).
     std::string member;
     bool late;  // a note that the answer came late, and "late" in the document
-    // The modem's tables afterwards: this many profile lines hold the pattern (see holds).
+    // The modem's tables afterwards: this many profile lines match the pattern.
     std::string onModem;
     int times;
 };
@@ -53,32 +53,14 @@ std::vector<std::string> faultCommand(const TruthCase& c) {
     return {};
 }
 
-// Whether line holds the parts of pattern (split at '*') in that order; the line is given a
+// How many lines of the modem's tables match pattern, a regular expression; each line is given a
 // trailing blank, so that "types=default " ends at the value.
-bool holds(const std::string& line, const std::string& pattern) {
-    const std::string text = line + " ";
-    std::size_t at = 0;
-    std::size_t from = 0;
-    for (;;) {
-        const std::size_t star = pattern.find('*', from);
-        const std::string part = pattern.substr(from, star - from);
-        at = text.find(part, at);
-        if (at == std::string::npos) {
-            return false;
-        }
-        at += part.size();
-        if (star == std::string::npos) {
-            return true;
-        }
-        from = star + 1;
-    }
-}
-
 int profileLines(const std::string& tables, const std::string& pattern) {
+    const std::regex wanted(pattern);
     std::istringstream in(tables);
     int count = 0;
     for (std::string text; std::getline(in, text);) {
-        count += holds(text, pattern) ? 1 : 0;
+        count += std::regex_search(text + " ", wanted) ? 1 : 0;
     }
     return count;
 }
@@ -90,8 +72,7 @@ class KelctlTruthMatrixTest : public KelctlTest, public ::testing::WithParamInte
         const TruthCase& c = GetParam();
         testsupport::TempDir modemDir;
         RunningModem modem(modemDir.path(), script("seed.conf", kSeed));
-        EXPECT_TRUE(modem.isServing());
-        modem.control(modemDir.path(), faultCommand(c));
+        modem.control(faultCommand(c));
         std::vector<std::string> args = {"--modem", modemDir.path(), "--timeout", "8"};
         if (json) {
             args.push_back("--json");
@@ -100,25 +81,24 @@ class KelctlTruthMatrixTest : public KelctlTest, public ::testing::WithParamInte
         Outcome outcome;
         std::thread command([&] { outcome = kelctl(args); });
         if (c.fault == Fault::Restart) {
-            restartWhenAsked(modem, modemDir.path(), c.msgId);
+            restartWhenAsked(modem, c.msgId);
         }
         command.join();
-        modem.control(modemDir.path(), {"delay", "0"});
-        tables = modem.control(modemDir.path(), {"profiles", "0"});
+        modem.control({"delay", "0"});
+        tables = modem.control({"profiles", "0"});
         return outcome;
     }
 
     // The modem goes down and comes back once it has taken the request (and holds back its
     // answer).
-    static void restartWhenAsked(const RunningModem& modem, const std::string& dir,
-                                 unsigned int msgId) {
+    static void restartWhenAsked(const RunningModem& modem, unsigned int msgId) {
         char last[32];
         std::snprintf(last, sizeof last, "last=0x%04x", msgId);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (modem.control(dir, {"clients"}).find(last) == std::string::npos) {
+        while (modem.control({"clients"}).find(last) == std::string::npos) {
             ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the request never came";
         }
-        modem.control(dir, {"restart"});
+        modem.control({"restart"});
     }
 
     void checkModem() {
@@ -162,8 +142,8 @@ const std::vector<std::string> kCarrierRun = {"carrier", kCarrier, "--mcc", "001
 const std::vector<std::string> kApplyTypes = {"apply-types", "--apn", "internet", "--types",
                                               "default,supl"};
 const char* const kRefusedWords = "the modem refused it (error 0x";
-const char* const kInternetAsSeeded = "index=1 *types=default ";
-const char* const kInternetWithMms = "index=1 *types=default,mms ";
+const char* const kInternetAsSeeded = "index=1 .*types=default ";
+const char* const kInternetWithMms = "index=1 .*types=default,mms ";
 
 // clang-format off
 // name, command, fault, message, exit, words, JSON member, late, modem line pattern, how many
@@ -172,11 +152,11 @@ const TruthCase kCases[] = {
     {"AddLate", kAdd, F::Late, 0x27, 0, "added 3gpp:3 name=kel_profile apn=new.test", "added", true,
      "apn=new.test ", 1},
     {"AddNotInRun", kAdd, F::NotInRun, 0x27, 0, "added 3gpp:3", "added", true,
-     "index=3 *apn=new.test ", 1},
+     "index=3 .*apn=new.test ", 1},
     {"AddOneReadFailed", kAdd, F::OneReadFailed, 0, 0, "added 3gpp:3", "added", false,
      "apn=new.test ", 1},
     {"AddRestart", kAdd, F::Restart, 0x27, 0, "added 3gpp:3", "added", true,
-     "persistent=yes *apn=new.test ", 1},
+     "persistent=yes .*apn=new.test ", 1},
 
     {"ModifyRefused", kModify, F::Refused, 0x28, 1,
      "the modem did not take the change to 3gpp:1: the modem refused it", "error", false,
@@ -213,7 +193,7 @@ const TruthCase kCases[] = {
     {"AttachOneReadFailed", {"attach", "--apn", "internet"}, F::OneReadFailed, 0, 0,
      "found 3gpp:1", "outcome", false, "apn=internet ", 1},
     {"EmergencyOneReadFailed", {"emergency", "--apn", "sos"}, F::OneReadFailed, 0, 0,
-     "created 3gpp:3", "outcome", false, "index=3 *apn=sos ", 1},
+     "created 3gpp:3", "outcome", false, "index=3 .*apn=sos ", 1},
 
     {"CarrierOneReadFailed", kCarrierRun, F::OneReadFailed, 0, 0, "updated 3gpp:1", "updates",
      false, "apn=internet ", 1},
@@ -224,7 +204,7 @@ const TruthCase kCases[] = {
      "apn=internet class=3", 1},
     {"ApplyTypesOneReadFailed", kApplyTypes, F::OneReadFailed, 0, 0,
      "updated 3gpp:1: types: default -> default,supl", "changes", false,
-     "index=1 *types=default,supl ", 1},
+     "index=1 .*types=default,supl ", 1},
     {"ApplyTypesEveryReadLate", kApplyTypes, F::EveryReadLate, 0, 1, "nothing was changed",
      "incomplete", false, kInternetAsSeeded, 1},
 
@@ -244,10 +224,7 @@ const TruthCase kCases[] = {
 };
 // clang-format on
 
-INSTANTIATE_TEST_SUITE_P(Commands, KelctlTruthMatrixTest, ::testing::ValuesIn(kCases),
-                         [](const ::testing::TestParamInfo<TruthCase>& param) {
-                             return param.param.name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Commands, KelctlTruthMatrixTest, ::testing::ValuesIn(kCases), RowName());
 
 }  // namespace
 }  // namespace kelctltest

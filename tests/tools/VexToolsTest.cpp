@@ -1,7 +1,6 @@
-// vex-modemd, vex-modemctl and kelctl as processes: the command-line conventions they share.
+// vex-modemd and vex-modemctl as processes: the command-line conventions they share with kelctl.
 // --help and --version on standard output with status 0; every wrong command line exits 2 with
-// one line on standard error; the man pages name every option the tools take; under --json a
-// refused kelctl command line is also one JSON document on standard output.
+// one line on standard error; the man pages name every option the tools take.
 #include <cctype>
 #include <fstream>
 #include <set>
@@ -14,8 +13,7 @@ namespace {
 using namespace kelctltest;
 using ::testing::StartsWith;
 
-struct Convention {
-    const char* name;
+struct Convention : Row {
     const char* tool;
     std::vector<std::string> args;
     int status;
@@ -74,25 +72,14 @@ const Convention kConventions[] = {
      2,
      "",
      "vex-modemctl: --wait: \"61\" is not a number of seconds"},
-    {"KelctlVersion", KELCTL_PATH, {"--version"}, 0, "kelctl " KELR_VERSION, ""},
-    {"KelctlUnknownOption",
-     KELCTL_PATH,
-     {"list", "--bogus"},
-     2,
-     "",
-     "kelctl: list: unknown option --bogus"},
 };
-
-void PrintTo(const Convention& convention, std::ostream* os) {
-    *os << convention.name;
-}
 
 class ToolConventionTest : public ::testing::TestWithParam<Convention> {};
 
 TEST_P(ToolConventionTest, AnswersAsTheOthersDo) {
     const Convention& c = GetParam();
     RunOptions options;
-    options.env.emplace_back("VEX_SERVICE_DIR", std::nullopt);
+    options.env.emplace("VEX_SERVICE_DIR", std::nullopt);
     const Outcome outcome = run(c.tool, c.args, options);
     EXPECT_EQ(outcome.status, c.status) << outcome.err;
     EXPECT_THAT(outcome.out, StartsWith(c.out));
@@ -105,8 +92,7 @@ TEST_P(ToolConventionTest, AnswersAsTheOthersDo) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Tools, ToolConventionTest, ::testing::ValuesIn(kConventions),
-                         [](const auto& testCase) { return std::string(testCase.param.name); });
+INSTANTIATE_TEST_SUITE_P(Tools, ToolConventionTest, ::testing::ValuesIn(kConventions), RowName());
 
 // Every long option a tool's --help shows is in its man page, and the other way round.
 TEST(ToolManPageTest, NamesEveryOptionTheToolTakes) {
@@ -144,7 +130,6 @@ TEST(ToolManPageTest, NamesEveryOptionTheToolTakes) {
 // refuses is not (1).
 TEST_F(KelctlTest, ModemctlTellsAWrongCommandFromARefusedOne) {
     RunningModem modem(dir.path(), seed);
-    ASSERT_TRUE(modem.isServing());
     const Outcome unknown = run(VEX_MODEMCTL_PATH, {"--dir", dir.path(), "no-such-command"});
     EXPECT_EQ(unknown.status, 2);
     EXPECT_EQ(unknown.err, "vex-modemctl: unknown command 'no-such-command'; try 'help'\n");
@@ -152,36 +137,5 @@ TEST_F(KelctlTest, ModemctlTellsAWrongCommandFromARefusedOne) {
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(refused.err, "vex-modemctl: no client 4242\n");
 }
-
-struct JsonRefusal {
-    const char* name;
-    std::vector<std::string> args;
-    std::string error;
-};
-
-const JsonRefusal kJsonRefusals[] = {
-    {"UnknownGlobalOption", {"--json", "--bogus", "list"}, "unknown option --bogus"},
-    {"UnknownCommandOption", {"list", "--bogus", "-j"}, "list: unknown option --bogus"},
-    {"UnknownCommand", {"--jso", "lst"}, "unknown command \"lst\""},
-    {"NoCommand", {"--json"}, "no command given"},
-    {"BadValue", {"add", "--ip", "v5", "--json"}, "add: --ip"},
-};
-
-void PrintTo(const JsonRefusal& refusal, std::ostream* os) {
-    *os << refusal.name;
-}
-
-class KelctlJsonRefusalTest : public KelctlTest,
-                              public ::testing::WithParamInterface<JsonRefusal> {};
-
-TEST_P(KelctlJsonRefusalTest, IsOneJsonDocumentOnStandardOutput) {
-    const Outcome outcome = seeded(GetParam().args);
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_THAT(parsed(outcome.out).value("error", ""), StartsWith(GetParam().error));
-    EXPECT_THAT(outcome.err, StartsWith("kelctl: " + GetParam().error));
-}
-
-INSTANTIATE_TEST_SUITE_P(Refusals, KelctlJsonRefusalTest, ::testing::ValuesIn(kJsonRefusals),
-                         [](const auto& testCase) { return std::string(testCase.param.name); });
 
 }  // namespace

@@ -37,13 +37,11 @@ std::string sizeLimitText() {
 }
 
 // Opens path without blocking (a FIFO with no writer would) and checks what it is. An empty
-// holder with the reason in *error otherwise; *missing tells a path that does not exist.
-UniqueFd openChecked(const std::string& path, bool* missing, std::string* error) {
-    const std::string& shown = path;
+// holder with the reason in *error otherwise.
+UniqueFd openChecked(const std::string& path, std::string* error) {
     UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!fd) {
-        *missing = errno == ENOENT;
-        *error = shown + ": cannot read: " + std::strerror(errno);
+        *error = path + ": cannot read: " + std::strerror(errno);
         return UniqueFd(-1);
     }
     int errorNumber = 0;
@@ -52,14 +50,14 @@ UniqueFd openChecked(const std::string& path, bool* missing, std::string* error)
         case vexwire::ReadEnd::kRead:
             return fd;
         case vexwire::ReadEnd::kNotRegular:
-            *error = shown + ": " + kindOf(mode) + ", not a regular file";
+            *error = path + ": " + kindOf(mode) + ", not a regular file";
             break;
         case vexwire::ReadEnd::kTooLarge:
-            *error = shown + ": larger than " + sizeLimitText();
+            *error = path + ": larger than " + sizeLimitText();
             break;
         case vexwire::ReadEnd::kCannotStat:
         case vexwire::ReadEnd::kCannotRead:
-            *error = shown + ": cannot read: " + std::strerror(errorNumber);
+            *error = path + ": cannot read: " + std::strerror(errorNumber);
             break;
     }
     return UniqueFd(-1);
@@ -103,15 +101,12 @@ std::size_t utf8Length(const std::string& text, std::size_t at) {
 
 }  // namespace
 
-bool checkInputFile(const std::string& path, bool mayBeMissing, std::string* error) {
-    bool missing = false;
-    const UniqueFd fd = openChecked(path, &missing, error);
-    return static_cast<bool>(fd) || (mayBeMissing && missing);
+bool checkInputFile(const std::string& path, std::string* error) {
+    return static_cast<bool>(openChecked(path, error));
 }
 
 bool readInputFile(const std::string& path, std::string* text, std::string* error) {
-    bool missing = false;
-    const UniqueFd fd = openChecked(path, &missing, error);
+    const UniqueFd fd = openChecked(path, error);
     if (!fd) {
         return false;
     }

@@ -18,9 +18,8 @@ constexpr std::uint64_t kMaxInputFileBytes = 64ull * 1024 * 1024;
 // opened, is not a regular file or is larger than the bound.
 bool readInputFile(const std::string& path, std::string* text, std::string* error);
 
-// The same checks without reading. With mayBeMissing, a path that does not exist passes (a state
-// file the modem creates).
-bool checkInputFile(const std::string& path, bool mayBeMissing, std::string* error);
+// The same checks without reading.
+bool checkInputFile(const std::string& path, std::string* error);
 
 // Text from a file (and a message quoting it), made safe to print: printable ASCII and well-formed
 // UTF-8 stay as they are, a backslash becomes "\\", every other byte "\xHH".

@@ -43,7 +43,7 @@ bool checkStateFile(const std::string& path, std::string* error) {
             *error = "--state " + path + ": a symbolic link, not a regular file";
             return false;
         }
-        if (!checkInputFile(path, false, error)) {
+        if (!checkInputFile(path, error)) {
             *error = "--state " + *error;
             return false;
         }
@@ -86,7 +86,7 @@ bool settleGlobals(GlobalOptions* globals, std::string* error) {
         return false;
     }
     // Checked before any modem starts, so that a wrong file is an input error.
-    if (!globals->seedFile.empty() && !checkInputFile(globals->seedFile, false, error)) {
+    if (!globals->seedFile.empty() && !checkInputFile(globals->seedFile, error)) {
         *error = "--seed " + *error;
         return false;
     }

@@ -88,10 +88,16 @@ TEST_P(ReclaimTest, RefreshesWithHeldHandlesLeaveNoOrphan) {
 TEST_P(ReclaimTest, AForeignModifyThenTheLastReleaseLeavesNothing) {
     auto key = manager.addProfile(addParams("foreign.test"));
     ASSERT_NE(key, nullptr);
+    auto second = manager.filter(byApn("foreign.test"));
+    ASSERT_EQ(second.size(), 1u);
     const int id = key->getProfileId();
     ASSERT_TRUE(modem->modifyProfile(0, k3gpp, static_cast<std::uint8_t>(id), apnClassChange(7)));
     ASSERT_TRUE(settle());
+    // Every handle still counts after the re-read: the first release leaves it in place.
     key.reset();
+    ASSERT_TRUE(settle());
+    EXPECT_TRUE(onModem(k3gpp, id).has_value());
+    second.clear();
     EXPECT_EQ(onModem(k3gpp, id).has_value(), !GetParam().on);
 }
 

@@ -318,6 +318,7 @@ struct SimModem::Impl {
     bool readyOnRegister;
     int failCount = 0;
     int loseCount = 0;  // profile-changed notices still to be lost
+    uint32_t overstatedListLength = 0;
     std::optional<unsigned int> failMsgId;
     int failError = VEX_ERR_INTERNAL_V01;
     std::chrono::milliseconds delay{0};
@@ -808,6 +809,9 @@ std::vector<uint8_t> SimModem::Impl::answerProfileList(int sub,
             }
         }
     }
+    if (overstatedListLength != 0) {
+        resp->profile_list_len = overstatedListLength;
+    }
     return bytesOf(*resp);
 }
 
@@ -1073,6 +1077,11 @@ void SimModem::failNext(int count, std::optional<unsigned int> msgId, int error)
 void SimModem::loseNextIndications(int count) {
     std::lock_guard<std::mutex> lock(impl->mu);
     impl->loseCount = std::max(count, 0);
+}
+
+void SimModem::overstateProfileLists(uint32_t count) {
+    std::lock_guard<std::mutex> lock(impl->mu);
+    impl->overstatedListLength = count;
 }
 
 void SimModem::setResponseDelay(std::chrono::milliseconds delay,

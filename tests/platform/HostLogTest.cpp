@@ -12,13 +12,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <regex>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "hostlog/LogCapture.h"
+#include "support/Regex.h"
 
 namespace {
 

@@ -4,10 +4,10 @@
 // case runs twice against its own vex-modemd process, as text and as JSON; the exit status, the
 // words and the document must agree with the modem's tables read afterwards through
 // vex-modemctl.
-#include <regex>
 #include <thread>
 
 #include "KelctlHarness.h"
+#include "support/Regex.h"
 
 namespace kelctltest {
 namespace {

@@ -97,11 +97,6 @@ bool hasAnyField(const ProfileParams& p) {
            p.hasPdnReqWaitInterval() || p.hasIsApnDisabled() || p.hasIsEmergencySupported();
 }
 
-TEST(ProfileParamsTest, DumpWritesPresentFieldsInFixedOrder) {
-    ProfileParams params = everyField();
-    EXPECT_EQ(params.dump(), kEveryFieldDump);
-}
-
 // Each field alone, dumped by the base class.
 TEST(ProfileParamsTest, DumpsEachFieldAlone) {
     const struct {

@@ -227,9 +227,7 @@ TEST_F(ManagerSimModemTest, ConcurrentCallersEachGetTheirOwnAnswer) {
             }
         });
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    joinAll(threads);
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_TRUE(onModemNamed("kel_profile").empty()) << "every last release deleted its profile";
 }

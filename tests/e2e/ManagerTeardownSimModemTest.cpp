@@ -97,12 +97,7 @@ TEST_F(ManagerTeardownSimModemTest, DestroyingTheManagerAnswersEveryCallInsideAn
             testsupport::Watchdog watchdog("destroying the Manager", kWatchdog);
             library.reset();
         }
-        {
-            testsupport::Watchdog watchdog("the callers", kWatchdog);
-            for (std::thread& thread : threads) {
-                thread.join();
-            }
-        }
+        joinAll(threads);
         // Each call either was served or was refused as the pipeline closed.
         const int refused = watch.count(std::string(kClosingRefusal) + "Add ") +
                             watch.count(std::string(kClosingRefusal) + "Get ");
@@ -169,12 +164,7 @@ TEST_F(ManagerTeardownSimModemTest, InitAgainWhileCallsAreInsideAnswersEveryCall
         ASSERT_NO_FATAL_FAILURE(connect(manager, round % 2));
     }
     stop = true;
-    {
-        testsupport::Watchdog watchdog("the callers", kWatchdog);
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-    }
+    joinAll(threads);
     EXPECT_GT(served.load(), 0);
     EXPECT_EQ(served.load() + refused.load(), calls.load());
     modem->setResponseDelay(std::chrono::milliseconds(0));
@@ -210,12 +200,14 @@ TEST_F(ManagerTeardownSimModemTest, AWaitForTheModemEndsWhenTheManagerGoes) {
 // --- Listeners while the pipeline goes ---
 
 enum class Teardown { Destroy, InitAgain };
+constexpr const char* kInitRefusal = "Manager::init(0) refused on the worker thread";
 enum class Act { CallFacade, CallInit, DropLastHandle };
 
 struct ListenerCase {
     const char* name;
     Teardown teardown;
     Act act;
+    std::string refusal;  // the Error line, followed by the token when the act drops a handle
 };
 
 class ManagerTeardownListenerTest : public ManagerTeardownSimModemTest,
@@ -265,20 +257,8 @@ TEST_P(ManagerTeardownListenerTest, IsRefusedWithAnErrorInsteadOfHangingOrAborti
 
         EXPECT_EQ(calls.count(), 1) << "the listener of a handle still held ran once";
         EXPECT_FALSE(answered.load());
-        std::string refusal;
-        switch (act) {
-            case Act::CallFacade:
-                refusal = GetParam().teardown == Teardown::Destroy
-                              ? "Manager::filter refused: the library is shutting down"
-                              : std::string(kWorkerRefusal) + "Filter params: ";
-                break;
-            case Act::CallInit:
-                refusal = "Manager::init(0) refused on the worker thread";
-                break;
-            case Act::DropLastHandle:
-                refusal = std::string(kWorkerRefusal) + "Callback Release " + heldToken;
-                break;
-        }
+        const std::string refusal =
+            GetParam().refusal + (act == Act::DropLastHandle ? heldToken : std::string());
         // Kept in the history, which holds only Error and History lines; these are Errors.
         int refusals = 0;
         for (const std::string& line : kel::LocalLogBuffer::getInstance()->getLogs()) {
@@ -294,13 +274,17 @@ TEST_P(ManagerTeardownListenerTest, IsRefusedWithAnErrorInsteadOfHangingOrAborti
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, ManagerTeardownListenerTest,
-    ::testing::Values(ListenerCase{"DestroyCallFacade", Teardown::Destroy, Act::CallFacade},
-                      ListenerCase{"DestroyCallInit", Teardown::Destroy, Act::CallInit},
-                      ListenerCase{"DestroyDropLastHandle", Teardown::Destroy, Act::DropLastHandle},
-                      ListenerCase{"InitAgainCallFacade", Teardown::InitAgain, Act::CallFacade},
-                      ListenerCase{"InitAgainCallInit", Teardown::InitAgain, Act::CallInit},
-                      ListenerCase{"InitAgainDropLastHandle", Teardown::InitAgain,
-                                   Act::DropLastHandle}),
+    ::testing::Values(
+        ListenerCase{"DestroyCallFacade", Teardown::Destroy, Act::CallFacade,
+                     "Manager::filter refused: the library is shutting down"},
+        ListenerCase{"DestroyCallInit", Teardown::Destroy, Act::CallInit, kInitRefusal},
+        ListenerCase{"DestroyDropLastHandle", Teardown::Destroy, Act::DropLastHandle,
+                     std::string(kWorkerRefusal) + "Callback Release "},
+        ListenerCase{"InitAgainCallFacade", Teardown::InitAgain, Act::CallFacade,
+                     std::string(kWorkerRefusal) + "Filter params: "},
+        ListenerCase{"InitAgainCallInit", Teardown::InitAgain, Act::CallInit, kInitRefusal},
+        ListenerCase{"InitAgainDropLastHandle", Teardown::InitAgain, Act::DropLastHandle,
+                     std::string(kWorkerRefusal) + "Callback Release "}),
     [](const ::testing::TestParamInfo<ListenerCase>& param) { return param.param.name; });
 
 // --- Process exit ---

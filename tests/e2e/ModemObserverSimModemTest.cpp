@@ -5,14 +5,12 @@
 // the facade called from inside an observer.
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "SimModemFixture.h"
 #include "kel/ModemObserver.h"
+#include "support/ObserverRecorder.h"
 
 namespace e2e {
 namespace {
@@ -20,55 +18,10 @@ namespace {
 using kel::ModemEvent;
 using Kind = kel::ModemEvent::Kind;
 using Origin = kel::ModemEvent::Origin;
+using testsupport::ObserverRecorder;
 
 // The profile read message: failing it leaves a profile unread.
 constexpr unsigned int kReadProfileMsg = 0x2b;
-
-class Recorder : public kel::ModemObserver {
-  public:
-    void onModemEvent(const ModemEvent& event) override {
-        if (onEvent) {
-            onEvent(event);
-        }
-        std::lock_guard<std::mutex> lock(mutex);
-        events.push_back(event);
-        changed.notify_all();
-    }
-    // Waits until an event satisfies match; returns the events up to and including it.
-    std::vector<ModemEvent> until(const std::function<bool(const ModemEvent&)>& match) {
-        std::unique_lock<std::mutex> lock(mutex);
-        std::size_t found = 0;
-        changed.wait_for(lock, kTimeout, [&] {
-            for (found = 0; found < events.size(); ++found) {
-                if (match(events[found])) {
-                    return true;
-                }
-            }
-            return false;
-        });
-        EXPECT_LT(found, events.size()) << "the awaited event never came";
-        return std::vector<ModemEvent>(events.begin(),
-                                       events.begin() + std::min(found + 1, events.size()));
-    }
-    std::vector<ModemEvent> untilKind(Kind kind) {
-        return until([kind](const ModemEvent& event) { return event.kind == kind; });
-    }
-    std::vector<ModemEvent> all() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return events;
-    }
-    void clear() {
-        std::lock_guard<std::mutex> lock(mutex);
-        events.clear();
-    }
-
-    std::function<void(const ModemEvent&)> onEvent;
-
-  private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<ModemEvent> events;
-};
 
 std::vector<Kind> kindsOf(const std::vector<ModemEvent>& events) {
     std::vector<Kind> kinds;
@@ -111,7 +64,7 @@ class ModemObserverSimModemTest : public SimModemFixture {
 
     int settles = 0;  // settle() sets the sentinel's class to the count of its calls
 
-    std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+    std::shared_ptr<ObserverRecorder> recorder = std::make_shared<ObserverRecorder>();
 };
 
 TEST_F(ModemObserverSimModemTest, OwnChangesAreToldOnceAsThisProcessWithWhatChanged) {
@@ -276,13 +229,8 @@ TEST_F(ModemObserverSimModemTest, AStuckObserverLosesEventsButNeverStallsTheLibr
     auto key = manager.addProfile(addParams("busy.example"));
     ASSERT_TRUE(key);
     ASSERT_TRUE(recorder->untilKind(Kind::ProfileAdded).size() == 1);
-    std::mutex gateMutex;
-    std::condition_variable gateChanged;
-    bool released = false;
-    recorder->onEvent = [&](const ModemEvent&) {
-        std::unique_lock<std::mutex> lock(gateMutex);
-        gateChanged.wait_for(lock, kTimeout, [&] { return released; });
-    };
+    testsupport::Gate gate;
+    recorder->onEvent = [&gate](const ModemEvent&) { gate.wait(); };
     // Beyond the queue's bound; each of this process's changes is exactly one event.
     constexpr int kChanges = 5000;
     for (int i = 0; i < kChanges; ++i) {
@@ -291,11 +239,7 @@ TEST_F(ModemObserverSimModemTest, AStuckObserverLosesEventsButNeverStallsTheLibr
         ASSERT_TRUE(manager.modifyProfile(change, key));
         ASSERT_TRUE(manager.lastOutcome().ok());
     }
-    {
-        std::lock_guard<std::mutex> lock(gateMutex);
-        released = true;
-    }
-    gateChanged.notify_all();
+    gate.open();
     // Told once the queue has drained; a marker made after it is told in full.
     recorder->untilKind(Kind::EventsLost);
     ASSERT_TRUE(manager.deleteProfile(key));
@@ -316,7 +260,7 @@ TEST_F(ModemObserverSimModemTest, AStuckObserverLosesEventsButNeverStallsTheLibr
 }
 
 TEST_F(ModemObserverSimModemTest, AnObserverMayCallTheLibraryAndRemoveItself) {
-    auto caller = std::make_shared<Recorder>();
+    auto caller = std::make_shared<ObserverRecorder>();
     std::optional<std::size_t> found;
     caller->onEvent = [&](const ModemEvent& event) {
         if (event.kind == Kind::ProfileAdded && event.after) {

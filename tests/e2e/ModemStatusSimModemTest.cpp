@@ -36,18 +36,11 @@ TEST_F(ModemStatusSimModemTest, AHealthyLinkIsReadyWithItsCacheFilled) {
     manager.init(0, true);
 
     EXPECT_TRUE(manager.waitForModem(kTimeout));
-    const ModemStatus now = status();
-    EXPECT_EQ(now.subscriptionId, 0);
-    EXPECT_TRUE(now.connected);
-    EXPECT_TRUE(now.bound);
-    EXPECT_TRUE(now.registered);
-    EXPECT_TRUE(now.cacheLoaded);
-    EXPECT_EQ(now.failedMessages, 0u);
-    EXPECT_EQ(now.timedOutMessages, 0u);
-    EXPECT_EQ(now.connections, 1u);
+    EXPECT_TRUE(status().isReady());
     EXPECT_EQ(manager.filter(kel::FilterProfileParams()).size(), modem->profiles(0).size())
         << "ready means the cache holds the modem's profiles";
     EXPECT_TRUE(inHistory("Manager::waitForModem < true"));
+    // Every field, as the reader above got them.
     EXPECT_TRUE(
         inHistory("Manager::getModemStatus < SubscriptionId=0,Connected=true,Bound=true,"
                   "Registered=true,CacheLoaded=true,FailedMessages=0,TimedOutMessages=0,"
@@ -126,6 +119,9 @@ TEST_F(ModemStatusSimModemTest, AFailedProfileListLeavesTheCacheUnloadedUntilARe
     EXPECT_NE(failed.dump().find("ListFailed=true"), std::string::npos) << failed.dump();
     EXPECT_FALSE(manager.waitForModem(std::chrono::milliseconds(50)));
     EXPECT_TRUE(manager.filter(kel::FilterProfileParams()).empty());
+    EXPECT_EQ(served(), kRegistrationRequests + 1)
+        << "the 3GPP2 list is not asked for once the 3GPP list failed";
+    EXPECT_TRUE(error("Unable send VEX_WDS_GET_PROFILE_LIST_REQ_V01 message"));
 
     manager.refresh(PDCRefreshStatus::Completed);
     EXPECT_TRUE(Manager::lastOutcome().ok());
@@ -161,9 +157,7 @@ TEST_F(ModemStatusSimModemTest, ReadersOnManyThreadsSeeOnlyWholeSnapshots) {
     ASSERT_TRUE(waitUntilFilled(oldClient, 0));
     EXPECT_TRUE(manager.waitForModem(kTimeout));
     stop = true;
-    for (std::thread& reader : readers) {
-        reader.join();
-    }
+    joinAll(readers);
     EXPECT_GT(reads.load(), 0);
     EXPECT_EQ(torn.load(), 0);
     EXPECT_EQ(status().connections, 2u);

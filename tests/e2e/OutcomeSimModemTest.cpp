@@ -1,11 +1,13 @@
 // End to end: how a call ended (Manager::lastOutcome) and whether the library's picture of the
 // modem is whole (ModemStatus::isComplete), against the embedded simulated modem: refused and
-// unanswered messages, a refresh in progress, no pipeline, bad handles, no link, and reads and
-// lists that fail during a refresh.
+// unanswered messages and what the cache then holds, a refresh in progress, no pipeline, bad
+// handles, no link, and reads and lists that fail during a refresh.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,6 +36,7 @@ struct FailedCall {
     unsigned int msgId;
     bool late;  // no answer in time rather than refused
     const char* result;
+    std::vector<const char*> errors;
 };
 
 class FailedCallTest : public OutcomeSimModemTest,
@@ -42,10 +45,14 @@ class FailedCallTest : public OutcomeSimModemTest,
 TEST_P(FailedCallTest, TellsHowTheModemMessageEnded) {
     const FailedCall& call = GetParam();
     std::shared_ptr<kel::IProfileKey> target;
+    int id = 0;
+    std::uint64_t maskBefore = 0;
     if (call.op != Op::Add) {
         target = manager.addProfile(addParams("target.example", true));
         ASSERT_TRUE(target);
         ASSERT_TRUE(Manager::lastOutcome().ok());
+        id = target->getProfileId();
+        maskBefore = modemProfile(k3gpp, id).settings.apn_type_mask;
     }
     constexpr int kError = VEX_ERR_INVALID_ARG_V01;
     if (call.late) {
@@ -82,19 +89,74 @@ TEST_P(FailedCallTest, TellsHowTheModemMessageEnded) {
     EXPECT_EQ(counted.failedMessages, 1u);
     EXPECT_EQ(counted.timedOutMessages, call.late ? 1u : 0u);
     EXPECT_TRUE(counted.isReady()) << "failed messages do not make the link unusable";
+    for (const char* text : call.errors) {
+        EXPECT_TRUE(error(text)) << text;
+    }
+
+    // The modem applies a change it answers late, and the cache takes it from the echo; one it
+    // refuses it never applies, and the cache keeps what it had.
+    ASSERT_TRUE(settle());
+    switch (call.op) {
+        case Op::Add:
+            EXPECT_EQ(manager.filter(byApn("new.example")).size(), call.late ? 1u : 0u);
+            break;
+        case Op::Modify: {
+            EXPECT_EQ(modemProfile(k3gpp, id).settings.apn_type_mask != maskBefore, call.late);
+            const std::optional<kel::ProfileParams> cached = manager.getProfile(target);
+            ASSERT_TRUE(cached) << "the handle stays valid";
+            EXPECT_EQ(cached->getApnTypesMask() == 0x4u, call.late);
+            break;
+        }
+        case Op::Delete:
+            EXPECT_EQ(onModem(k3gpp, id).has_value(), !call.late);
+            EXPECT_EQ(manager.getProfile(target).has_value(), !call.late);
+            break;
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Calls, FailedCallTest,
-    ::testing::Values(
-        FailedCall{"AddRefused", Op::Add, VEX_WDS_CREATE_PROFILE_REQ_V01, false, "empty"},
-        FailedCall{"AddLate", Op::Add, VEX_WDS_CREATE_PROFILE_REQ_V01, true, "empty"},
-        // A refused modify still answers true: only the outcome says it was refused.
-        FailedCall{"ModifyRefused", Op::Modify, VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, false,
-                   "true"},
-        FailedCall{"ModifyLate", Op::Modify, VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01, true, "true"},
-        FailedCall{"DeleteRefused", Op::Delete, VEX_WDS_DELETE_PROFILE_REQ_V01, false, "false"},
-        FailedCall{"DeleteLate", Op::Delete, VEX_WDS_DELETE_PROFILE_REQ_V01, true, "false"}),
+    ::testing::Values(FailedCall{"AddRefused",
+                                 Op::Add,
+                                 VEX_WDS_CREATE_PROFILE_REQ_V01,
+                                 false,
+                                 "empty",
+                                 {"Unable send VEX_WDS_CREATE_PROFILE_REQ_V01 message"}},
+                      FailedCall{"AddLate",
+                                 Op::Add,
+                                 VEX_WDS_CREATE_PROFILE_REQ_V01,
+                                 true,
+                                 "empty",
+                                 {"Unable send VEX_WDS_CREATE_PROFILE_REQ_V01 message"}},
+                      // A refused modify still answers true: only the outcome says it was refused.
+                      FailedCall{"ModifyRefused",
+                                 Op::Modify,
+                                 VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01,
+                                 false,
+                                 "true",
+                                 {"Unable send VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 message",
+                                  "ProfileCache: failed to modify modem profile"}},
+                      FailedCall{"ModifyLate",
+                                 Op::Modify,
+                                 VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01,
+                                 true,
+                                 "true",
+                                 {"Unable send VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 message",
+                                  "ProfileCache: failed to modify modem profile"}},
+                      FailedCall{"DeleteRefused",
+                                 Op::Delete,
+                                 VEX_WDS_DELETE_PROFILE_REQ_V01,
+                                 false,
+                                 "false",
+                                 {"Unable send VEX_WDS_DELETE_PROFILE_REQ_V01 message",
+                                  "ProfileCache: Failed to remove profile"}},
+                      FailedCall{"DeleteLate",
+                                 Op::Delete,
+                                 VEX_WDS_DELETE_PROFILE_REQ_V01,
+                                 true,
+                                 "false",
+                                 {"Unable send VEX_WDS_DELETE_PROFILE_REQ_V01 message",
+                                  "ProfileCache: Failed to remove profile"}}),
     [](const ::testing::TestParamInfo<FailedCall>& param) { return param.param.name; });
 
 TEST_F(OutcomeSimModemTest, BadHandlesFailAsInvalidArgumentsAndAnExpiredOneDeletesNothing) {
@@ -175,6 +237,15 @@ TEST_F(OutcomeSimModemTest, AReadThatFailsDuringARefreshLeavesAHoleUntilARefresh
     ASSERT_EQ(holed.unreadProfiles.size(), 1u);
     EXPECT_EQ(holed.unreadProfiles[0], (ModemStatus::ProfileRef{kel::TechType::TYPE_3GPP, 1}));
     EXPECT_EQ(manager.filter(kel::FilterProfileParams()).size(), modem->profiles(0).size() - 1);
+    EXPECT_TRUE(error("Unable send VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01 message"));
+    EXPECT_TRUE(error("ProfileCache: null profile"));
+    const std::vector<std::string> lines = manager.dump();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& line) {
+                                return line.size() > 6 && line.substr(line.size() - 6) == ": null";
+                            }),
+              1)
+        << "the unread profile's entry";
 
     // A change announced for the unread profile reads nothing: the hole stays.
     ASSERT_TRUE(modem->modifyProfile(0, k3gpp, 1, apnClassChange(9)));

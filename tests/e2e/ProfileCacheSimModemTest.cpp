@@ -72,50 +72,54 @@ INSTANTIATE_TEST_SUITE_P(
                                    [](vexsim::SimModem& m) { m.announceSubscriptionChange(0); }}),
     [](const ::testing::TestParamInfo<Announcement>& param) { return param.param.event; });
 
-class ProfileCacheWithoutAnnouncementTest : public ProfileCacheSimModemTest {
-  protected:
-    ProfileCacheWithoutAnnouncementTest() { config.profilesReadyOnRegister = false; }
-};
-
-TEST_F(ProfileCacheWithoutAnnouncementTest, StaysEmptyUntilARefreshCompletes) {
-    EXPECT_TRUE(all().empty());
-    manager.refresh(PDCRefreshStatus::Completed);
-    EXPECT_EQ(all().size(), modem->profiles(0).size());
-}
-
 // --- Adding and the modem's echoes ---
 
+// The library's profiles go with their last handle unless persistent.
 struct NamedAdd {
     bool initialAttach;
+    bool persistent;
     const char* name;
 };
 
 class ProfileCacheAddTest : public ProfileCacheSimModemTest,
                             public ::testing::WithParamInterface<NamedAdd> {};
 
-TEST_P(ProfileCacheAddTest, CreatesAProfileUnderTheLibrarysOwnName) {
+TEST_P(ProfileCacheAddTest, CreatesAProfileUnderTheLibrarysOwnNameThatItsLastHandleReleases) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    kel::AddProfileParams params(false, kel::TechType::TYPE_3GPP, GetParam().initialAttach);
+    const bool persistent = GetParam().persistent;
+    kel::AddProfileParams params(persistent, kel::TechType::TYPE_3GPP, GetParam().initialAttach);
     params.setApnName("Named.Example");
     std::shared_ptr<IProfileKey> key = manager.addProfile(params);
     ASSERT_TRUE(key);
+    const int id = key->getProfileId();
 
     std::vector<vexsim::Profile> created = onModemNamed(GetParam().name);
     ASSERT_EQ(created.size(), 1u);
-    EXPECT_EQ(created[0].index, key->getProfileId());
+    EXPECT_EQ(created[0].index, id);
     EXPECT_STREQ(created[0].settings.apn_name, "named.example");
-    EXPECT_FALSE(created[0].persistent);
+    EXPECT_EQ(created[0].persistent, persistent);
     EXPECT_TRUE(history("VexWdsProxy VEX_WDS_CREATE_PROFILE_REQ_V01 request successful!"));
-    EXPECT_TRUE(logged("Added: TechType=3GPP,ProfileId=" + std::to_string(key->getProfileId())));
+    EXPECT_TRUE(logged("Added: TechType=3GPP,ProfileId=" + std::to_string(id)));
     std::optional<kel::ProfileParams> read = manager.getProfile(key);
     ASSERT_TRUE(read);
     EXPECT_TRUE(read->getIsKelProfile());
     EXPECT_EQ(read->getIsIAProfile(), GetParam().initialAttach);
+
+    Keys found = manager.filter(byApn("named.example"));
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(tokenOf(found.front()), tokenOf(key)) << "two handles of one profile";
+    key.reset();
+    EXPECT_TRUE(onModem(k3gpp, id)) << "the other handle keeps it";
+    found.clear();
+    EXPECT_EQ(onModem(k3gpp, id).has_value(), persistent);
+    EXPECT_EQ(manager.filter(byApn("named.example")).empty(), !persistent);
+    EXPECT_TRUE(history(persistent ? "ProfileCache: ignoring non-persistent or non-kel created"
+                                   : "Released profile " + std::to_string(id)));
 }
 
 INSTANTIATE_TEST_SUITE_P(Names, ProfileCacheAddTest,
-                         ::testing::Values(NamedAdd{false, "kel_profile"},
-                                           NamedAdd{true, "kel_profile_ia"}),
+                         ::testing::Values(NamedAdd{false, false, "kel_profile"},
+                                           NamedAdd{true, true, "kel_profile_ia"}),
                          [](const ::testing::TestParamInfo<NamedAdd>& param) {
                              return std::string(param.param.name);
                          });
@@ -171,46 +175,6 @@ TEST_F(ProfileCacheSimModemTest, ModifyChangesModemAndCacheOnlyWhenSomethingChan
     EXPECT_EQ(apnOf(key), "internet.example");
     EXPECT_TRUE(logged("Diff: TechType=3GPP,ProfileId=-1,ApnName=internet.example,"));
 }
-
-// --- Release ---
-
-struct Release {
-    bool persistent;
-    bool deleted;
-    const char* log;
-};
-
-class ProfileCacheReleaseTest : public ProfileCacheSimModemTest,
-                                public ::testing::WithParamInterface<Release> {};
-
-TEST_P(ProfileCacheReleaseTest, LastHandleDeletesOnlyNonPersistentLibraryProfiles) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    std::shared_ptr<IProfileKey> key =
-        manager.addProfile(addParams("release.example", GetParam().persistent));
-    Keys found = manager.filter(byApn("release.example"));
-    ASSERT_TRUE(key);
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(tokenOf(found.front()), tokenOf(key)) << "two handles of one profile";
-    const int id = key->getProfileId();
-    const std::string expectedLog =
-        std::string(GetParam().log) + (GetParam().deleted ? std::to_string(id) : "");
-    key.reset();
-    EXPECT_TRUE(onModem(k3gpp, id)) << "the other handle keeps it";
-    found.clear();
-
-    EXPECT_EQ(!onModem(k3gpp, id), GetParam().deleted);
-    EXPECT_EQ(manager.filter(byApn("release.example")).empty(), GetParam().deleted);
-    EXPECT_TRUE(history(expectedLog));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Persistence, ProfileCacheReleaseTest,
-    ::testing::Values(Release{false, true, "Released profile "},
-                      Release{true, false,
-                              "ProfileCache: ignoring non-persistent or non-kel created"}),
-    [](const ::testing::TestParamInfo<Release>& param) {
-        return std::string(param.param.persistent ? "Persistent" : "NotPersistent");
-    });
 
 // --- Expiration listeners ---
 

@@ -67,6 +67,7 @@ INSTANTIATE_TEST_SUITE_P(
 struct MatchModemProfileCase {
     const char* name;
     bool updateAllowed;
+    int id;
     const char* apn;
     IPType home;
     bool matches;
@@ -78,23 +79,30 @@ class UtilMatchAttachSimModemTest : public UtilSimModemTest,
 TEST_P(UtilMatchAttachSimModemTest, MatchAttachOnModemProfileLoosensIpTypesOnlyWithoutUpdates) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     util.setProfileUpdateAllowed(GetParam().updateAllowed);
+    const ProfileParams request = apnParams(GetParam().apn, GetParam().home);
 
-    EXPECT_EQ(util.matchLteAttachProfileId(1, apnParams(GetParam().apn, GetParam().home)),
-              GetParam().matches);
+    EXPECT_EQ(util.matchLteAttachProfileId(GetParam().id, request), GetParam().matches);
 
-    EXPECT_EQ(history("kel matchLteAttachList < 1"), GetParam().matches);
+    const std::string id = std::to_string(GetParam().id);
+    EXPECT_TRUE(history("kel matchLteAttachProfileId > Profile id = " + id +
+                        " Input Params = " + request.dump()));
+    EXPECT_EQ(history("kel matchLteAttachList < " + id), GetParam().matches);
     EXPECT_EQ(history("kel matchLteAttachProfileId < did not match input params"),
               !GetParam().matches);
 }
 
-// Profile 1 is the carrier's dual-stack internet profile.
+// Profile 1 is the carrier's dual-stack internet profile; 7 exists only as a 3GPP2 profile (of
+// the same APN); 42 not at all.
 INSTANTIATE_TEST_SUITE_P(
     Cases, UtilMatchAttachSimModemTest,
-    ::testing::Values(MatchModemProfileCase{"FlagOffSubset", false, "internet", IPType::V4, true},
-                      MatchModemProfileCase{"FlagOffExact", false, "Internet", IPType::V4V6, true},
-                      MatchModemProfileCase{"FlagOnSubset", true, "internet", IPType::V4, false},
-                      MatchModemProfileCase{"FlagOnExact", true, "internet", IPType::V4V6, true},
-                      MatchModemProfileCase{"OtherApn", false, "ims", IPType::V4V6, false}),
+    ::testing::Values(
+        MatchModemProfileCase{"FlagOffSubset", false, 1, "internet", IPType::V4, true},
+        MatchModemProfileCase{"FlagOffExact", false, 1, "Internet", IPType::V4V6, true},
+        MatchModemProfileCase{"FlagOnSubset", true, 1, "internet", IPType::V4, false},
+        MatchModemProfileCase{"FlagOnExact", true, 1, "internet", IPType::V4V6, true},
+        MatchModemProfileCase{"OtherApn", false, 1, "ims", IPType::V4V6, false},
+        MatchModemProfileCase{"Only3gpp2Id", false, 7, "ims", IPType::V4V6, false},
+        MatchModemProfileCase{"UnknownId", false, 42, "ims", IPType::V4V6, false}),
     CaseName());
 
 TEST_F(UtilSimModemTest, MatchAttachRefusesALibraryDataCallProfileAndComparesAnIAOneExactly) {
@@ -117,21 +125,6 @@ TEST_F(UtilSimModemTest, MatchAttachRefusesALibraryDataCallProfileAndComparesAnI
     EXPECT_TRUE(history("kel matchLteAttachList < " + std::to_string(iaId)));
     EXPECT_FALSE(util.matchLteAttachProfileId(iaId, apnParams("ia.example", IPType::V4)));
 }
-
-class UtilMatchAttachIdSimModemTest : public UtilSimModemTest,
-                                      public ::testing::WithParamInterface<int> {};
-
-TEST_P(UtilMatchAttachIdSimModemTest, MatchAttachRefusesIdsWithout3gppProfile) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    EXPECT_FALSE(util.matchLteAttachProfileId(GetParam(), apnParams("ims", IPType::V4V6)));
-
-    EXPECT_TRUE(history("kel matchLteAttachProfileId > Profile id = " + std::to_string(GetParam()) +
-                        " Input Params = " + apnParams("ims", IPType::V4V6).dump()));
-    EXPECT_TRUE(history("kel matchLteAttachProfileId < did not match input params"));
-}
-
-// 7 exists only as a 3GPP2 profile (of the same APN); 42 not at all.
-INSTANTIATE_TEST_SUITE_P(Ids, UtilMatchAttachIdSimModemTest, ::testing::Values(7, 42));
 
 // --- Updates by APN class ---
 
@@ -298,7 +291,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(UtilSimModemTest, ApnTypeEntriesWithMissingFieldsAreDefaultedAndLogged) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     ProfileParams noMask = apnParams("mms", IPType::V4);
-    ProfileParams noIpType = withoutIpType("xcap", lib(ApnTypes::DUN));
+    ProfileParams noIpType = apnParams("xcap");
+    noIpType.setApnTypesMask(lib(ApnTypes::DUN));
     ProfileParams noApn;
     noApn.setApnTypesMask(lib(ApnTypes::FOTA));
     const std::list<ProfileParams> entries{noMask, noIpType, noApn};

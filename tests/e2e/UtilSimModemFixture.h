@@ -83,12 +83,6 @@ inline ProfileParams apnTypeEntry(const std::string& apn, IPType home, unsigned 
     return entry;
 }
 
-inline ProfileParams withoutIpType(const std::string& apn, unsigned int mask) {
-    ProfileParams entry = apnParams(apn);
-    entry.setApnTypesMask(mask);
-    return entry;
-}
-
 // The shared end-to-end fixture, with Util's Manager (the process-wide one) connected.
 class UtilSimModemTest : public e2e::SimModemFixture {
   protected:

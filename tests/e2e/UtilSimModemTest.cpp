@@ -65,32 +65,13 @@ TEST_F(UtilSimModemTest, SetupDataCallWithUpdatesAllowedTakesAnyIpTypeAndModifie
     EXPECT_EQ(mms.settings.apn_type_mask, WDS_APN_TYPE_MASK_MMS_V01);
 }
 
-TEST_F(UtilSimModemTest, SetupDataCallAddsNonPersistentProfileThatGoesWithItsHandle) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    ProfileParams request = apnParams("corp.example", IPType::V4);
-    request.setApnTypesMask(lib(ApnTypes::DEFAULT));
-
-    std::shared_ptr<IProfileKey> key =
-        util.findOrCreateProfileForSetupDataCall(TechType::TYPE_3GPP, request);
-
-    ASSERT_TRUE(key);
-    EXPECT_TRUE(history("setupDataCall profile added"));
-    const int id = key->getProfileId();
-    const vexsim::Profile added = modemProfile(k3gpp, id);
-    EXPECT_STREQ(added.settings.profile_name, "kel_profile");
-    EXPECT_STREQ(added.settings.apn_name, "corp.example");
-    EXPECT_EQ(added.settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4_V01);
-    EXPECT_FALSE(added.persistent);
-
-    key.reset();
-    EXPECT_FALSE(onModem(k3gpp, id)) << "the call's own profile leaves with its last handle";
-}
-
+// A 3GPP2 profile is taken only for its user; with none, one of that user is added, nameless, and
+// leaves with its handle.
 struct UserNameCase {
     const char* name;
     TechType techType;
     const char* userName;
-    int expectedId;
+    int expectedId;  // 0: added
 };
 
 class UtilUserNameSimModemTest : public UtilSimModemTest,
@@ -106,35 +87,28 @@ TEST_P(UtilUserNameSimModemTest, SetupDataCallFilters3gpp2ProfilesOnUserName) {
 
     ASSERT_TRUE(key);
     EXPECT_EQ(key->getTechType(), GetParam().techType);
-    EXPECT_EQ(key->getProfileId(), GetParam().expectedId);
-    EXPECT_TRUE(history("found existing setupDataCall profile"));
+    const bool added = GetParam().expectedId == 0;
+    EXPECT_EQ(history("found existing setupDataCall profile"), !added);
+    if (!added) {
+        EXPECT_EQ(key->getProfileId(), GetParam().expectedId);
+        return;
+    }
+    const int id = key->getProfileId();
+    const vexsim::Profile profile = modemProfile(k3gpp2, id);
+    EXPECT_STREQ(profile.settings.user_id, GetParam().userName);
+    EXPECT_STREQ(profile.settings.apn_string, "internet");
+    EXPECT_FALSE(profile.settings.profile_name_valid);
+    key.reset();
+    EXPECT_FALSE(onModem(k3gpp2, id));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, UtilUserNameSimModemTest,
     ::testing::Values(UserNameCase{"Cdma3gpp2User", TechType::TYPE_3GPP2, "cdmauser", 1},
                       UserNameCase{"Roam3gpp2User", TechType::TYPE_3GPP2, "roamuser", 2},
-                      UserNameCase{"UserIgnoredOn3gpp", TechType::TYPE_3GPP, "stranger", 1}),
+                      UserNameCase{"UserIgnoredOn3gpp", TechType::TYPE_3GPP, "stranger", 1},
+                      UserNameCase{"No3gpp2UserAdds", TechType::TYPE_3GPP2, "stranger", 0}),
     CaseName());
-
-TEST_F(UtilSimModemTest, SetupDataCallAdds3gpp2ProfileWhenNoUserNameMatches) {
-    ProfileParams request = apnParams("internet", IPType::V4V6);
-    request.setUserName("stranger");
-
-    std::shared_ptr<IProfileKey> key =
-        util.findOrCreateProfileForSetupDataCall(TechType::TYPE_3GPP2, request);
-
-    ASSERT_TRUE(key);
-    EXPECT_EQ(key->getTechType(), TechType::TYPE_3GPP2);
-    const int id = key->getProfileId();
-    const vexsim::Profile added = modemProfile(k3gpp2, id);
-    EXPECT_STREQ(added.settings.user_id, "stranger");
-    EXPECT_STREQ(added.settings.apn_string, "internet");
-    EXPECT_FALSE(added.settings.profile_name_valid) << "a 3GPP2 profile has no name";
-
-    key.reset();
-    EXPECT_FALSE(onModem(k3gpp2, id));
-}
 
 // --- Emergency data call ---
 
@@ -238,12 +212,19 @@ TEST_F(UtilSimModemTest, AttachTakesExactModemMatchAndAppliesTheRequestedSetting
     EXPECT_TRUE(onModemNamed("kel_profile_ia").empty());
 }
 
-TEST_F(UtilSimModemTest, AttachPassesOverADataCallProfileLettingGoOfItAndCreatesAnIAProfile) {
+// The data call's own profile is not persistent and leaves with its last handle.
+TEST_F(UtilSimModemTest, AttachPassesOverAnAddedDataCallProfileLettingGoOfItAndCreatesAnIAProfile) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     std::shared_ptr<IProfileKey> dataCall = util.findOrCreateProfileForSetupDataCall(
         TechType::TYPE_3GPP, apnParams("corp.example", IPType::V4));
     ASSERT_TRUE(dataCall);
+    EXPECT_TRUE(history("setupDataCall profile added"));
     const int dataCallId = dataCall->getProfileId();
+    const vexsim::Profile added = modemProfile(k3gpp, dataCallId);
+    EXPECT_STREQ(added.settings.profile_name, "kel_profile");
+    EXPECT_STREQ(added.settings.apn_name, "corp.example");
+    EXPECT_EQ(added.settings.pdp_type, WDS_PDP_TYPE_PDP_IPV4_V01);
+    EXPECT_FALSE(added.persistent);
     const std::string release =
         "ProfileCache: releaseProfile token=" + std::to_string(e2e::tokenOf(dataCall));
     clearLogs();
@@ -277,7 +258,6 @@ TEST_F(UtilSimModemTest, AttachPassesOverADataCallProfileLettingGoOfItAndCreates
     EXPECT_STREQ(ia.settings.profile_name, "kel_profile_ia");
     EXPECT_STREQ(ia.settings.apn_name, "corp.example");
     EXPECT_TRUE(ia.persistent);
-    EXPECT_STREQ(modemProfile(k3gpp, dataCallId).settings.profile_name, "kel_profile");
 
     dataCall.reset();
     attach.reset();

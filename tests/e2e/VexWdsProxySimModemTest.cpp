@@ -1,7 +1,7 @@
 // End to end: the library's connection to the modem's data service, through kel::Manager against
-// the embedded simulated modem: registration, the modem going down and coming back, a modem that
-// answers errors or answers too late, and indications the library must survive. One test uses a
-// scripted modem on the same socket, for a profile list that the simulated modem never sends.
+// the embedded simulated modem: registration, the modem going down and coming back, and
+// indications the library must survive. One test uses a scripted modem on the same socket, for a
+// profile list that the simulated modem never sends.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -23,7 +22,6 @@
 namespace e2e {
 namespace {
 
-using kel::FilterProfileParams;
 using kel::IProfileKey;
 using kel::PDCRefreshStatus;
 
@@ -91,101 +89,6 @@ TEST_F(VexWdsProxySimModemTest, AfterReconnectingReadsTheModemOnlyWhenItAnnounce
     EXPECT_FALSE(manager.getProfile(key));
 }
 
-// --- Errors and late answers ---
-
-class VexWdsProxyFaultTest;
-
-struct ModemFault {
-    const char* name;
-    unsigned int msgId;
-    std::vector<const char*> errors;
-    // Runs the operation against the failing modem; true when the library answered as it must.
-    std::function<bool(VexWdsProxyFaultTest&)> operation;
-};
-
-class VexWdsProxyFaultTest : public VexWdsProxySimModemTest,
-                             public ::testing::WithParamInterface<ModemFault> {
-  public:
-    kel::Manager& library() { return manager; }
-    vexsim::SimModem& sim() { return *modem; }
-    using SimModemFixture::profile3gpp1;
-    using SimModemFixture::served;
-};
-
-TEST_P(VexWdsProxyFaultTest, AnsweredErrorIsLoggedAndLeavesCacheAsTheModemHasIt) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    modem->failNext(1, GetParam().msgId);
-    EXPECT_TRUE(GetParam().operation(*this));
-    for (const char* text : GetParam().errors) {
-        EXPECT_TRUE(error(text)) << text;
-    }
-}
-
-bool apnIs(kel::Manager& manager, const std::shared_ptr<IProfileKey>& key, const char* apn) {
-    std::optional<kel::ProfileParams> params = manager.getProfile(key);
-    return params && params->getApnName() == apn;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Messages, VexWdsProxyFaultTest,
-    ::testing::Values(
-        ModemFault{"Create",
-                   VEX_WDS_CREATE_PROFILE_REQ_V01,
-                   {"Unable send VEX_WDS_CREATE_PROFILE_REQ_V01 message"},
-                   [](VexWdsProxyFaultTest& fixture) {
-                       return !fixture.library().addProfile(addParams("refused.example")) &&
-                              fixture.library().filter(byApn("refused.example")).empty();
-                   }},
-        ModemFault{"Modify",
-                   VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01,
-                   {"Unable send VEX_WDS_MODIFY_PROFILE_SETTINGS_REQ_V01 message",
-                    "ProfileCache: failed to modify modem profile"},
-                   [](VexWdsProxyFaultTest& fixture) {
-                       auto key = fixture.profile3gpp1();
-                       kel::ModifyProfileParams change;
-                       change.setApnName("refused.example");
-                       // Reported as done, deliberately; the cache keeps the modem's
-                       // value.
-                       return fixture.library().modifyProfile(change, key) &&
-                              apnIs(fixture.library(), key, "internet");
-                   }},
-        ModemFault{"Delete",
-                   VEX_WDS_DELETE_PROFILE_REQ_V01,
-                   {"Unable send VEX_WDS_DELETE_PROFILE_REQ_V01 message",
-                    "ProfileCache: Failed to remove profile"},
-                   [](VexWdsProxyFaultTest& fixture) {
-                       auto key = fixture.profile3gpp1();
-                       return !fixture.library().deleteProfile(key) &&
-                              apnIs(fixture.library(), key, "internet");
-                   }},
-        ModemFault{"List",
-                   VEX_WDS_GET_PROFILE_LIST_REQ_V01,
-                   {"Unable send VEX_WDS_GET_PROFILE_LIST_REQ_V01 message"},
-                   [](VexWdsProxyFaultTest& fixture) {
-                       const std::uint64_t before = fixture.served();
-                       fixture.library().refresh(PDCRefreshStatus::Completed);
-                       const bool refused =
-                           kel::Manager::lastOutcome().kind == kel::Outcome::Kind::Refused;
-                       // The 3GPP2 list is not asked for once the 3GPP list failed.
-                       return refused && fixture.library().filter(FilterProfileParams()).empty() &&
-                              fixture.served() == before + 1;
-                   }},
-        ModemFault{"Settings",
-                   VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01,
-                   {"Unable send VEX_WDS_GET_PROFILE_SETTINGS_REQ_V01 message",
-                    "ProfileCache: null profile"},
-                   [](VexWdsProxyFaultTest& fixture) {
-                       fixture.library().refresh(PDCRefreshStatus::Completed);
-                       const std::vector<std::string> lines = fixture.library().dump();
-                       const bool nullEntry =
-                           std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
-                               return line.size() > 6 && line.substr(line.size() - 6) == ": null";
-                           });
-                       return nullEntry && fixture.library().filter(FilterProfileParams()).size() ==
-                                               fixture.sim().profiles(0).size() - 1;
-                   }}),
-    [](const ::testing::TestParamInfo<ModemFault>& param) { return param.param.name; });
-
 // --- Indications ---
 
 TEST_F(VexWdsProxySimModemTest, HandlesABurstOfIndicationsInArrivalOrderIgnoringOtherMessages) {
@@ -205,26 +108,6 @@ TEST_F(VexWdsProxySimModemTest, HandlesABurstOfIndicationsInArrivalOrderIgnoring
                                               "ProfileCache: onIndication < 3GPP:2 Modify",
                                               "ProfileCache: onIndication < 3GPP2:1 Modify"}));
     EXPECT_TRUE(verbose("Unknown message ID 4660 received"));
-}
-
-TEST_F(VexWdsProxySimModemTest, DropsAMalformedIndicationAndHandlesLaterOnes) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    modem->sendMalformedIndication(0);
-    // An undecodable indication ends its turn: one that arrived with it waits for the next
-    // wake-up, so the sentinel is changed until the library has read it.
-    bool handled = false;
-    for (int attempt = 0; attempt < 5 && !handled; ++attempt) {
-        const std::uint64_t before = served();
-        wds_profile_settings_v01 change{};
-        change.apn_class_3gpp2_valid = 1;
-        change.apn_class_3gpp2 = static_cast<std::uint8_t>(100 + attempt);
-        auto sentinelIndex = manager.filter(byApn(kSentinelApn)).front()->getProfileId();
-        ASSERT_TRUE(
-            modem->modifyProfile(0, k3gpp2, static_cast<std::uint8_t>(sentinelIndex), change));
-        handled = modem->waitUntil([&] { return served() > before; }, std::chrono::seconds(1));
-    }
-    EXPECT_TRUE(handled);
-    EXPECT_TRUE(error("Unable to decode the nr status ind message"));
 }
 
 // --- A modem that claims more profiles than its list holds ---

@@ -3,10 +3,9 @@
 // bound.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <chrono>
-#include <cstring>
+#include <string>
 #include <thread>
 
 #include "SimModemFixture.h"
@@ -24,12 +23,9 @@ TEST(VexWdsProxyStuckServiceTest, FullAcceptQueueHoldsNoFacadeCallPastTheConnect
     testsupport::ScopedEnv serviceDir("VEX_SERVICE_DIR", dir.path().c_str());
     // Room for one queued connection: the notifier's watch connection takes it, so the service
     // looks up, and the worker's own connect then finds the queue full.
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, dir.file("wds").c_str(), sizeof addr.sun_path - 1);
-    vexwire::UniqueFd stuck(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    ASSERT_TRUE(stuck);
-    ASSERT_EQ(::bind(stuck.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr), 0);
+    std::string why;
+    vexwire::UniqueFd stuck = vexwire::listenUnix(dir.file("wds"), &why);
+    ASSERT_TRUE(stuck) << why;
     ASSERT_EQ(::listen(stuck.get(), 0), 0);
 
     kel::Manager manager;

@@ -71,9 +71,7 @@ TEST_F(WorkerSafetySimModemTest, DumpFromThreadsDuringIndicationBurstsAndRefresh
         ASSERT_TRUE(settle());
     }
     done = true;
-    for (std::thread& reader : readers) {
-        reader.join();
-    }
+    joinAll(readers);
     EXPECT_EQ(broken, 0);
     EXPECT_GT(dumps, 2);
     // After the last refresh the cache holds exactly the modem's profiles.

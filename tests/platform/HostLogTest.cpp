@@ -189,7 +189,8 @@ std::string standardErrorOf(const std::function<void()>& call) {
     return text;
 }
 
-// Whatever a capture's lifetime wrote to standard error still reaches it, log or not.
+// Whatever a capture's lifetime wrote to standard error still reaches it, log or not; the
+// diagnostics stand-in prints its descriptor's place before the text.
 TEST(LogCaptureTest, LeavesWhatWasWrittenOnStandardError) {
     hostlog::setEcho(true);
     const std::string printed = standardErrorOf([] {
@@ -197,10 +198,12 @@ TEST(LogCaptureTest, LeavesWhatWasWrittenOnStandardError) {
         // Before the record: standard error keeps no write boundaries, so another writer's line
         // after a record reads as the record's next line.
         std::fprintf(stderr, "not a record\n");
+        msg_sprintf(descriptor("|%s| %s"), "KEL", "up");
         __android_log_print(ANDROID_LOG_WARN, "KEL", "handed %s", "back");
         EXPECT_TRUE(capture.hasAndroidMessage("handed back"));
     });
     EXPECT_NE(printed.find(" handed back\n"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("host/test:200 |KEL| up\n"), std::string::npos) << printed;
     EXPECT_NE(printed.find("not a record\n"), std::string::npos) << printed;
     restoreDefaultEcho();
 }
@@ -241,12 +244,5 @@ TEST(AndroidStandInTest, RecordsAndPrintsALogcatThreadtimeLinePerMessageLine) {
     restoreDefaultEcho();
 }
 #endif
-
-TEST(DiagStandInTest, PrintsDescriptorAndText) {
-    hostlog::setEcho(true);
-    std::string printed = standardErrorOf([] { msg_sprintf(descriptor("|%s| %s"), "KEL", "up"); });
-    EXPECT_NE(printed.find("host/test:200 |KEL| up\n"), std::string::npos) << printed;
-    restoreDefaultEcho();
-}
 
 }  // namespace

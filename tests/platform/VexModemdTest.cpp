@@ -132,10 +132,6 @@ TEST_F(VexModemdTest, ControlWaitsForADaemonThatIsStillStarting) {
     const Result nobody = modemctl(dir.file("nowhere"), "--wait 1 clients");
     EXPECT_EQ(nobody.status, 1);
     EXPECT_NE(nobody.output.find("no vex-modemd answers"), std::string::npos);
-    const Result wrong = modemctl(later, "--wait soon clients");
-    EXPECT_EQ(wrong.status, 2);
-    EXPECT_EQ(wrong.output,
-              "vex-modemctl: --wait: \"soon\" is not a number of seconds from 0 to 60\n");
 }
 
 TEST_F(VexModemdTest, BreaksAConnectedClientFromTheShell) {

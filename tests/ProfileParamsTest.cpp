@@ -21,25 +21,21 @@ NameCase printed(T value, std::string expected) {
     return NameCase{os.str(), toString(value), std::move(expected)};
 }
 
+// The names the dumps below show are not repeated here.
 TEST(EnumPrinterTest, PrintsNameOrNumber) {
     const NameCase cases[] = {
-        printed(TechType::TYPE_3GPP, "3GPP"),
         printed(TechType::TYPE_3GPP2, "3GPP2"),
         printed(static_cast<TechType>(7), "7"),
         printed(IPType::UNKNOWN, "UNKNOWN"),
-        printed(IPType::V4, "V4"),
         printed(IPType::V6, "V6"),
-        printed(IPType::V4V6, "V4V6"),
         printed(static_cast<IPType>(4), "4"),
         printed(AuthType::NONE, "NONE"),
         printed(AuthType::PAP, "PAP"),
         printed(AuthType::CHAP, "CHAP"),
-        printed(AuthType::PAP_CHAP, "PAP_CHAP"),
         printed(static_cast<AuthType>(-2), "-2"),
         printed(static_cast<ApnClass>(0), "0"),
         printed(ApnClass::IMS, "IMS"),
         printed(ApnClass::ADMN, "ADMN"),
-        printed(ApnClass::INET, "INET"),
         printed(ApnClass::APP, "APP"),
         printed(static_cast<ApnClass>(5), "5"),
         printed(static_cast<ApnTypes>(0), "NONE"),
@@ -51,9 +47,6 @@ TEST(EnumPrinterTest, PrintsNameOrNumber) {
         printed(static_cast<FilterMatchType>(0), "None"),
         printed(static_cast<FilterMatchType>(0x33),
                 "HomeIPSubset|RoamIPSubset|HomeIPSuperset|RoamIPSuperset|"),
-        printed(static_cast<FilterMatchType>(0x3F),
-                "HomeIPSubset|RoamIPSubset|ApnNameSubset|ApnTypeBitmaskSubset|HomeIPSuperset|"
-                "RoamIPSuperset|"),
         printed(static_cast<FilterMatchType>(0x4C), "ApnNameSubset|ApnTypeBitmaskSubset|"),
         printed(static_cast<FilterMatchType>(0x40), "")};
     for (const NameCase& c : cases) {

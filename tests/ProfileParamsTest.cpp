@@ -83,13 +83,6 @@ const char* const kEveryFieldDump =
     "MaxPdnsConnPerBlock=20,MaxPdnConnTimer=300,PdnReqWaitInterval=-1,IsApnDisabled=false,"
     "IsEmergencySupported=true,IsKelProfile=true,IsIAProfile=false,";
 
-bool hasAnyField(const ProfileParams& p) {
-    return p.hasApnName() || p.hasUserName() || p.hasPassword() || p.hasAuthType() ||
-           p.hasHomeIPType() || p.hasRoamIPType() || p.hasApnTypesMask() || p.hasApnClass() ||
-           p.hasIsClatEnabled() || p.hasMaxPdnsConnPerBlock() || p.hasMaxPdnConnTimer() ||
-           p.hasPdnReqWaitInterval() || p.hasIsApnDisabled() || p.hasIsEmergencySupported();
-}
-
 // Each field alone, dumped by the base class.
 TEST(ProfileParamsTest, DumpsEachFieldAlone) {
     const struct {
@@ -125,7 +118,6 @@ TEST(AddProfileParamsTest, ConstructorMakesIAFlagPresentAndDumpsTheTechByNameOrN
     EXPECT_FALSE(params.getIsPersistent());
     EXPECT_EQ(params.getTechType(), TechType::TYPE_3GPP);
     EXPECT_FALSE(params.getIsIAProfile());
-    EXPECT_FALSE(hasAnyField(params));
     EXPECT_EQ(params.dump(), "3GPP persist=false: IsIAProfile=false,");
 
     AddProfileParams attach(true, TechType::TYPE_3GPP, true);

@@ -1,6 +1,6 @@
-// Replays a fuzz target's corpus without libFuzzer, so that every build runs it: each file given,
-// and each file of each directory given, goes once through LLVMFuzzerTestOneInput. A broken
-// invariant aborts the run; an input that cannot be read fails it.
+// Replays a fuzz target's corpus without libFuzzer, so that every build runs it: each file of each
+// directory given goes once through LLVMFuzzerTestOneInput. A broken invariant aborts the run; an
+// input that cannot be read fails it.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -17,20 +17,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool collectInputs(const fs::path& arg, std::vector<fs::path>* inputs) {
+// Every regular file in dir; false when dir cannot be listed.
+bool collectInputs(const fs::path& dir, std::vector<fs::path>* inputs) {
     std::error_code error;
-    if (fs::is_regular_file(arg, error)) {
-        inputs->push_back(arg);
-        return true;
-    }
-    if (!fs::is_directory(arg, error)) {
-        std::fprintf(stderr, "%s: no such file or directory\n", arg.c_str());
-        return false;
-    }
-    for (const fs::directory_entry& entry : fs::directory_iterator(arg, error)) {
+    for (const fs::directory_entry& entry : fs::directory_iterator(dir, error)) {
         if (entry.is_regular_file(error)) {
             inputs->push_back(entry.path());
         }
+    }
+    if (error) {
+        std::fprintf(stderr, "%s: %s\n", dir.c_str(), error.message().c_str());
     }
     return !error;
 }
@@ -52,8 +48,7 @@ int main(int argc, char** argv) {
     }
     // Replaying nothing would pass while checking nothing.
     if (inputs.empty()) {
-        std::fprintf(stderr, "usage: %s <corpus directory or input>... (no inputs found)\n",
-                     argv[0]);
+        std::fprintf(stderr, "usage: %s <corpus directory>... (no inputs found)\n", argv[0]);
         return 2;
     }
     std::sort(inputs.begin(), inputs.end());

@@ -1,6 +1,4 @@
-// The notifier on its own, with its real thread: a slow observer's queue overflowing into one
-// "events lost" event, removal while a call is in progress and from inside the observer, and an
-// observer that throws.
+// The notifier on its own, with its real thread.
 #include "ChangeNotifier.h"
 
 #include <gtest/gtest.h>

@@ -13,7 +13,6 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <ostream>
 #include <set>
 #include <string>
 #include <thread>
@@ -278,45 +277,38 @@ TEST_F(LoggingTest, DiagWriterSendsTagAndMessageThroughItsDescriptor) {
     EXPECT_TRUE(capture.android().empty());
 }
 
-struct FirstMaskCase {
-    LogLevel first;
-    LogLevel second;
-    const char* expected;
-};
+using DiagFirstMaskTest = LoggingTest;
 
-void PrintTo(const FirstMaskCase& c, std::ostream* os) {
-    *os << "levels " << static_cast<int>(c.first) << " then " << static_cast<int>(c.second);
-}
-
-class DiagFirstMaskTest : public LoggingTest,
-                          public ::testing::WithParamInterface<FirstMaskCase> {};
-
-// The descriptor is a process-wide static filled once, so this runs in a fresh process where
-// these are the first diagnostics messages.
-TEST_P(DiagFirstMaskTest, EveryMessageCarriesTheFirstMessagesMask) {
+// The descriptor is a process-wide static filled once, so each order runs in a fresh process
+// where its messages are the first diagnostics messages.
+TEST_F(DiagFirstMaskTest, EveryMessageCarriesTheFirstMessagesMask) {
+    const struct {
+        LogLevel first;
+        LogLevel second;
+        const char* expected;
+    } orders[] = {{LogLevel::Verbose, LogLevel::Error, "masks: 1 1\\."},
+                  {LogLevel::Error, LogLevel::Verbose, "masks: 4 4\\."},
+                  {LogLevel::Fatal, LogLevel::History, "masks: 16 16\\."}};
     const std::string savedStyle = GTEST_FLAG_GET(death_test_style);
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            installWriter(std::make_unique<DiagWriter>());
-            LogWrapper::getInstance()->log(GetParam().first, kLogTag, "first");
-            LogWrapper::getInstance()->log(GetParam().second, kLogTag, "second");
-            std::string masks = "masks:";
-            for (const hostlog::DiagRecord& record : capture.diag()) {
-                masks += " " + std::to_string(record.mask);
-            }
-            std::fprintf(stderr, "%s.\n", masks.c_str());
-            std::exit(0);
-        },
-        ::testing::ExitedWithCode(0), GetParam().expected);
+    for (const auto& order : orders) {
+        SCOPED_TRACE(order.expected);
+        EXPECT_EXIT(
+            {
+                installWriter(std::make_unique<DiagWriter>());
+                LogWrapper::getInstance()->log(order.first, kLogTag, "first");
+                LogWrapper::getInstance()->log(order.second, kLogTag, "second");
+                std::string masks = "masks:";
+                for (const hostlog::DiagRecord& record : capture.diag()) {
+                    masks += " " + std::to_string(record.mask);
+                }
+                std::fprintf(stderr, "%s.\n", masks.c_str());
+                std::exit(0);
+            },
+            ::testing::ExitedWithCode(0), order.expected);
+    }
     GTEST_FLAG_SET(death_test_style, savedStyle);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Orders, DiagFirstMaskTest,
-    ::testing::Values(FirstMaskCase{LogLevel::Verbose, LogLevel::Error, "masks: 1 1\\."},
-                      FirstMaskCase{LogLevel::Error, LogLevel::Verbose, "masks: 4 4\\."},
-                      FirstMaskCase{LogLevel::Fatal, LogLevel::History, "masks: 16 16\\."}));
 
 // The stamp as it is formatted from scratch: "%F %X" of the local time, then ".%03d" of the
 // milliseconds.

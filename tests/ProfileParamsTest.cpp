@@ -21,25 +21,21 @@ NameCase printed(T value, std::string expected) {
     return NameCase{os.str(), toString(value), std::move(expected)};
 }
 
+// The names the dumps below show are not repeated here.
 TEST(EnumPrinterTest, PrintsNameOrNumber) {
     const NameCase cases[] = {
-        printed(TechType::TYPE_3GPP, "3GPP"),
         printed(TechType::TYPE_3GPP2, "3GPP2"),
         printed(static_cast<TechType>(7), "7"),
         printed(IPType::UNKNOWN, "UNKNOWN"),
-        printed(IPType::V4, "V4"),
         printed(IPType::V6, "V6"),
-        printed(IPType::V4V6, "V4V6"),
         printed(static_cast<IPType>(4), "4"),
         printed(AuthType::NONE, "NONE"),
         printed(AuthType::PAP, "PAP"),
         printed(AuthType::CHAP, "CHAP"),
-        printed(AuthType::PAP_CHAP, "PAP_CHAP"),
         printed(static_cast<AuthType>(-2), "-2"),
         printed(static_cast<ApnClass>(0), "0"),
         printed(ApnClass::IMS, "IMS"),
         printed(ApnClass::ADMN, "ADMN"),
-        printed(ApnClass::INET, "INET"),
         printed(ApnClass::APP, "APP"),
         printed(static_cast<ApnClass>(5), "5"),
         printed(static_cast<ApnTypes>(0), "NONE"),
@@ -51,9 +47,6 @@ TEST(EnumPrinterTest, PrintsNameOrNumber) {
         printed(static_cast<FilterMatchType>(0), "None"),
         printed(static_cast<FilterMatchType>(0x33),
                 "HomeIPSubset|RoamIPSubset|HomeIPSuperset|RoamIPSuperset|"),
-        printed(static_cast<FilterMatchType>(0x3F),
-                "HomeIPSubset|RoamIPSubset|ApnNameSubset|ApnTypeBitmaskSubset|HomeIPSuperset|"
-                "RoamIPSuperset|"),
         printed(static_cast<FilterMatchType>(0x4C), "ApnNameSubset|ApnTypeBitmaskSubset|"),
         printed(static_cast<FilterMatchType>(0x40), "")};
     for (const NameCase& c : cases) {
@@ -90,18 +83,6 @@ const char* const kEveryFieldDump =
     "MaxPdnsConnPerBlock=20,MaxPdnConnTimer=300,PdnReqWaitInterval=-1,IsApnDisabled=false,"
     "IsEmergencySupported=true,IsKelProfile=true,IsIAProfile=false,";
 
-bool hasAnyField(const ProfileParams& p) {
-    return p.hasApnName() || p.hasUserName() || p.hasPassword() || p.hasAuthType() ||
-           p.hasHomeIPType() || p.hasRoamIPType() || p.hasApnTypesMask() || p.hasApnClass() ||
-           p.hasIsClatEnabled() || p.hasMaxPdnsConnPerBlock() || p.hasMaxPdnConnTimer() ||
-           p.hasPdnReqWaitInterval() || p.hasIsApnDisabled() || p.hasIsEmergencySupported();
-}
-
-TEST(ProfileParamsTest, DumpWritesPresentFieldsInFixedOrder) {
-    ProfileParams params = everyField();
-    EXPECT_EQ(params.dump(), kEveryFieldDump);
-}
-
 // Each field alone, dumped by the base class.
 TEST(ProfileParamsTest, DumpsEachFieldAlone) {
     const struct {
@@ -137,7 +118,6 @@ TEST(AddProfileParamsTest, ConstructorMakesIAFlagPresentAndDumpsTheTechByNameOrN
     EXPECT_FALSE(params.getIsPersistent());
     EXPECT_EQ(params.getTechType(), TechType::TYPE_3GPP);
     EXPECT_FALSE(params.getIsIAProfile());
-    EXPECT_FALSE(hasAnyField(params));
     EXPECT_EQ(params.dump(), "3GPP persist=false: IsIAProfile=false,");
 
     AddProfileParams attach(true, TechType::TYPE_3GPP, true);
@@ -230,17 +210,14 @@ TEST(FilterProfileParamsTest, BuiltFromParamsKeepsFieldsAndDropsFilterSettings) 
     EXPECT_EQ(built.dump(), std::string("None: ") + kEveryFieldDump);
 }
 
+// The add and filter dumps are shown above; here, that a base reference reaches them.
 TEST(ProfileParamsTest, DumpIsVirtualAndModifyKeepsTheBaseDump) {
     AddProfileParams add(true, TechType::TYPE_3GPP, false);
-    FilterProfileParams filter;
-    filter.setFilterByProfileId(2);
     ModifyProfileParams modify;
     modify.setApnName("a");
     modify.setIsClatEnabled(false);
-    const ProfileParams* sets[] = {&add, &filter, &modify};
-    EXPECT_EQ(sets[0]->dump(), "3GPP persist=true: IsIAProfile=false,");
-    EXPECT_EQ(sets[1]->dump(), "None: id=2,");
-    EXPECT_EQ(sets[2]->dump(), "ApnName=a,IsClatEnabled=false,");
+    EXPECT_EQ(static_cast<const ProfileParams&>(add).dump(), add.dump());
+    EXPECT_EQ(static_cast<const ProfileParams&>(modify).dump(), "ApnName=a,IsClatEnabled=false,");
 }
 
 }  // namespace

@@ -24,30 +24,15 @@ Profile parseOne(const std::string& line) {
     return parsed.empty() ? Profile{} : parsed[0];
 }
 
-TEST(ProfileTextTest, FormattedProfilesParseBackToTheSameSettings) {
-    const char* const lines[] = {
+// That formatting reads back as the same profile is for the seed-text corpus to show, on every
+// key; here, what quoting, escapes and named values parse to.
+TEST(ProfileTextTest, QuotedTextsEscapesAndNamedValuesParseToTheirSettings) {
+    const Profile quoted = parseOne(
         "profile 3gpp sub=1 index=7 persistent=no name=\"My \\\"quoted\\\" APN\\\\#1\" "
-        "apn=internet.example pdp=ipv4v6 common_pdp=ipv4 lte_roam=ipv6 umts_roam=ipv4v6 "
-        "user=\"\" password=\"p w\\n\" auth=pap_chap class=2 emergency=yes apn_disabled=no "
-        "max_pdn_conn_per_block=20 max_pdn_conn_timer=300 pdn_req_wait_interval=65535 "
-        "types=default,ims,mcx clat=yes",
-        "profile 3gpp2 sub=0 index=2 persistent=yes apn=cdma.example pdn=unspec user=u "
-        "password=p auth=chap pdn_user=pu pdn_password=pp pdn_auth=pap class=3 types=0x1000001",
-        "# a comment\n\n   \nprofile 3gpp sub=0 persistent=yes types=0x0 # trailing\n",
-    };
-    for (const char* line : lines) {
-        Profile original = parseOne(line);
-        std::string formatted = vexsim::formatProfile(original);
-        Profile again = parseOne(formatted);
-        EXPECT_EQ(again.subscription, original.subscription) << formatted;
-        EXPECT_EQ(again.type, original.type) << formatted;
-        EXPECT_EQ(again.index, original.index) << formatted;
-        EXPECT_EQ(again.persistent, original.persistent) << formatted;
-        EXPECT_EQ(std::memcmp(&again.settings, &original.settings, sizeof again.settings), 0)
-            << formatted;
-        EXPECT_EQ(vexsim::formatProfile(again), formatted);
-    }
-    Profile quoted = parseOne(lines[0]);
+        "password=\"p w\\n\" auth=pap_chap types=default,ims,mcx # trailing");
+    EXPECT_EQ(quoted.subscription, 1);
+    EXPECT_EQ(quoted.index, 7);
+    EXPECT_FALSE(quoted.persistent);
     EXPECT_STREQ(quoted.settings.profile_name, "My \"quoted\" APN\\#1");
     EXPECT_STREQ(quoted.settings.password, "p w\n");
     EXPECT_EQ(quoted.settings.apn_type_mask, WDS_APN_TYPE_MASK_DEFAULT_V01 |
@@ -402,46 +387,7 @@ TEST(SimModemReadyTest, ProfilesReadyFollowsACompleteRegistrationUnlessSwitchedO
     ASSERT_EQ(clients.size(), 1u);
     EXPECT_TRUE(clients[0].profilesReadySent);
     EXPECT_EQ(clients[0].subscription, 1);
-
-    harness.modem->setProfilesReadyOnRegister(false);
-    RecordingClient second;
-    ASSERT_EQ(second.connect(), VEX_NO_ERR);
-    ASSERT_TRUE(second.registerAll(1));
-    harness.modem->announceSubscriptionChange(1);
-    ASSERT_TRUE(second.waitForIndications(1));
-    EXPECT_EQ(second.events().at(0).profile_change_evt, WDS_PROFILE_SUBSCRIPTION_CHANGE_EVT_V01);
-}
-
-TEST_F(SimModemTest, UnknownAndMalformedIndicationsReachRegisteredClients) {
-    auto client = registered(0);
-    modem().sendUnknownIndication(0, 0x0777);
-    modem().sendMalformedIndication(0);
-    ASSERT_TRUE(client->waitForIndications(2));
-    auto received = client->received();
-    EXPECT_EQ(received[0].msgId, 0x0777u);
-    EXPECT_EQ(received[1].msgId, VEX_WDS_PROFILE_CHANGED_IND_V01);
-    wds_profile_changed_ind_msg_v01 ind{};
-    EXPECT_EQ(vex_client_message_decode(
-                  client->handle, VEX_IDL_INDICATION, received[1].msgId, received[1].bytes.data(),
-                  static_cast<unsigned int>(received[1].bytes.size()), &ind, sizeof ind),
-              VEX_ERR_BAD_MESSAGE);
-}
-
-TEST_F(SimModemTest, RestartKeepsPersistentProfilesAndDropsTheOthers) {
-    ASSERT_TRUE(
-        modem().createProfile(0, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("keep", "k"), true));
-    ASSERT_TRUE(
-        modem().createProfile(0, WDS_PROFILE_TYPE_3GPP_V01, settings3gpp("lose", "l"), false));
-    ASSERT_TRUE(
-        modem().modifyProfile(0, WDS_PROFILE_TYPE_3GPP_V01, 1, settings3gpp("renamed", "r")));
-    ASSERT_EQ(modem().profiles(0).size(), 6u);
-    modem().stop();
-    ASSERT_TRUE(modem().start(&harness.error)) << harness.error;
-    std::set<std::string> names;
-    for (const Profile& p : modem().profiles(0)) {
-        names.insert(p.settings.profile_name);
-    }
-    EXPECT_EQ(names, (std::set<std::string>{"", "renamed", "ims", "bare", "keep"}));
+    // Switched off, as in SimModemTest's fixture, a client's first event is the first change.
 }
 
 TEST(SimModemStateTest, StateFileCarriesPersistentProfilesToTheNextModem) {

@@ -101,9 +101,6 @@ TEST_F(VexModemdTest, BadCommandsFailWithOneLineAndChangeNothing) {
         EXPECT_EQ(result.output, c.message) << c.args;
     }
     EXPECT_EQ(ctl("profiles").output, before);
-    Result unreachable = modemctl(dir.file("nowhere"), "status");
-    EXPECT_EQ(unreachable.status, 1);
-    EXPECT_NE(unreachable.output.find("no vex-modemd answers"), std::string::npos);
 }
 
 // Whether pid sleeps in a system call. Started, vex-modemctl --wait sleeps only between two
@@ -135,10 +132,6 @@ TEST_F(VexModemdTest, ControlWaitsForADaemonThatIsStillStarting) {
     const Result nobody = modemctl(dir.file("nowhere"), "--wait 1 clients");
     EXPECT_EQ(nobody.status, 1);
     EXPECT_NE(nobody.output.find("no vex-modemd answers"), std::string::npos);
-    const Result wrong = modemctl(later, "--wait soon clients");
-    EXPECT_EQ(wrong.status, 2);
-    EXPECT_EQ(wrong.output,
-              "vex-modemctl: --wait: \"soon\" is not a number of seconds from 0 to 60\n");
 }
 
 TEST_F(VexModemdTest, BreaksAConnectedClientFromTheShell) {

@@ -57,13 +57,10 @@ TEST_F(KelctlCarrierImportTest, SecondIdenticalImportChangesNothingAndSaysSo) {
     EXPECT_THAT(plan.out, HasSubstr("no profile would change\n"));
     EXPECT_THAT(plan.out, HasSubstr("would use 3gpp:1 as it is\n"));
 
-    for (int run = 0; run < 2; ++run) {
-        const Outcome again = succeeded(import());
-        EXPECT_THAT(again.out, HasSubstr("no profile changed\n"));
-        EXPECT_THAT(again.out, HasSubstr("attach: found 3gpp:1 name=web"));
-        EXPECT_THAT(again.out, Not(HasSubstr("\nupdated ")));
-        EXPECT_THAT(again.out, HasSubstr("0 profiles updated, 0 created\n"));
-    }
+    const Outcome again = succeeded(import());
+    EXPECT_THAT(again.out, HasSubstr("no profile changed\n"));
+    EXPECT_THAT(again.out, HasSubstr("attach: found 3gpp:1 name=web"));
+    EXPECT_THAT(again.out, HasSubstr("0 profiles updated, 0 created\n"));
     const nlohmann::json profile =
         parsed(kelctl({"--seed", telSeed, "--state", state, "get", "3gpp:1", "--json"}).out);
     EXPECT_EQ(profile["types"], nlohmann::json({"default", "mms", "supl", "ia"}));
@@ -85,14 +82,6 @@ TEST_F(KelctlCarrierImportTest, EveryEntryIsAccountedForAndTheSummaryAddsUp) {
     EXPECT_EQ(report["summary"], nlohmann::json::parse(R"json({"entries":5,"applied":2,"merged":1,
         "not_applied":2,"updated":1,"created":0})json"));
     EXPECT_EQ(report["selected"], 5);
-
-    // The text says the same, line for line, and never that nothing changed.
-    const Outcome text = import({"--dry-run"});
-    EXPECT_THAT(text.out, HasSubstr("line 4 (Tel MMS): would not be applied: no profile has APN "
-                                    "\"mms.tel\" with IP type v4\n"
-                                    "line 5 (Tel Tether): would not be applied: the carrier "
-                                    "disabled it (carrier_enabled=\"false\")\n"
-                                    "line 6 (Tel Internet): merged into line 2\n"));
 }
 
 TEST_F(KelctlCarrierImportTest, CreatedAttachProfileNeverReadsAsNothingChanged) {
@@ -106,10 +95,6 @@ TEST_F(KelctlCarrierImportTest, CreatedAttachProfileNeverReadsAsNothingChanged) 
                                        "types=default,mms,supl,ia"));
     EXPECT_THAT(outcome.out, HasSubstr("line 2 (Tel Internet): applied to 3gpp:1\n"));
     EXPECT_THAT(outcome.out, HasSubstr("0 profiles updated, 1 created\n"));
-
-    const Outcome again = import({}, bare);
-    EXPECT_THAT(again.out, HasSubstr("no profile changed\n"));
-    EXPECT_THAT(again.out, HasSubstr("attach: found 3gpp:1"));
 }
 
 // The library's loose search takes a profile whose roaming IP type is not the entry's; the
@@ -288,10 +273,8 @@ INSTANTIATE_TEST_SUITE_P(Networks, KelctlNetworkConvergenceTest,
 // ---------------------------------------------------------------------------------------------
 // Carrier APN configuration
 
-TEST_F(KelctlTest, CarrierVerboseDryRunMapsEveryQuirkAndChangesNothing) {
+TEST_F(KelctlTest, CarrierVerboseDryRunMapsEveryQuirk) {
     const std::string file = dataFile("apns-quirks.xml");
-    const Outcome before = succeeded(seeded({"--state", state, "list"}));
-
     const Outcome outcome = succeeded(seeded({"--state", state, "carrier", file, "--mcc", "001",
                                               "--mnc", "01", "--dry-run", "--verbose"}));
     EXPECT_EQ(outcome.out,
@@ -328,7 +311,6 @@ TEST_F(KelctlTest, CarrierVerboseDryRunMapsEveryQuirkAndChangesNothing) {
                   "summary: 6 entries: 2 would be applied, 0 merged, 4 would not be applied; 1 "
                   "profile would be updated, 1 would be created\n"
                   "dry run: nothing was sent to the modem\n");
-    EXPECT_EQ(seeded({"--state", state, "list"}).out, before.out);
 
     const Outcome quiet = seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--dry-run"});
     EXPECT_THAT(quiet.out, Not(HasSubstr("ignored")));
@@ -361,17 +343,6 @@ TEST_F(KelctlTest, CarrierPlanOnTheShippedSeedShowsTheChangesAndChangesNothing) 
                             "applied; 2 profiles would be updated, 0 would be created\n"
                             "dry run: nothing was sent to the modem\n");
     EXPECT_EQ(modem.control({"profiles"}), before);
-
-    // The apply does what the plan said, and the modem took all of it.
-    const Outcome applied =
-        succeeded(kelctl({"--modem", dir.path(), "carrier", file, "--mcc", "001", "--mnc", "01"}));
-    EXPECT_THAT(applied.out, HasSubstr("updated 3gpp:1: max-conns: - -> 20; max-conns-time: - -> "
-                                       "300; types: default,supl -> default,supl,hipri,ia; "
-                                       "wait-time: - -> 0\nupdated 3gpp:2: types: ims -> "
-                                       "ims,xcap\nattach: updated 3gpp:1 name=internet"));
-    EXPECT_THAT(applied.out, Not(HasSubstr("\nnot applied: ")));
-    EXPECT_THAT(applied.out, HasSubstr("summary: 5 entries: 4 applied, 0 merged, 1 not applied; "
-                                       "2 profiles updated, 0 created\n"));
 }
 
 TEST_F(KelctlTest, CarrierSelectsAVirtualOperatorOnlyWhenAsked) {
@@ -382,25 +353,6 @@ TEST_F(KelctlTest, CarrierSelectsAVirtualOperatorOnlyWhenAsked) {
                           "--mvno-match", "ba", "--dry-run", "--verbose"}));
     EXPECT_THAT(virtualOperator.out, HasSubstr("1 of 8 entries"));
     EXPECT_THAT(virtualOperator.out, HasSubstr("apn=budget.quirk ip=v4 types=default,mms\n"));
-
-    const Outcome nobody = seeded({"carrier", file, "--mcc", "998", "--mnc", "01", "--dry-run"});
-    EXPECT_EQ(nobody.status, 2);
-    EXPECT_EQ(nobody.err, "kelctl: carrier: " + file + ": no entry for mcc 998 mnc 01\n");
-}
-
-TEST_F(KelctlTest, CarrierImportSpreadsTypesAndSetsUpAttach) {
-    const std::string file = dataFile("apns-quirks.xml");
-    const Outcome outcome =
-        succeeded(seeded({"--state", state, "carrier", file, "--mcc", "001", "--mnc", "01"}));
-    EXPECT_THAT(outcome.out, HasSubstr("updated 3gpp:2: types: ims -> ims,xcap\n"));
-    EXPECT_THAT(outcome.out, HasSubstr("attach: created 3gpp:5 name=kel_profile_ia "
-                                       "apn=internet.quirk ip=v4v6 roam-ip=v4 "
-                                       "types=default,supl,ia flags=kel,ia\n"));
-
-    const Outcome after = seeded({"--state", state, "get", "3gpp:5", "--json"});
-    const nlohmann::json profile = parsed(after.out);
-    EXPECT_EQ(profile.value("apn", ""), "internet.quirk");
-    EXPECT_EQ(profile.value("ia", false), true);
 }
 
 // The file's first network carries each quirk that once cost an import: an attach entry without
@@ -446,10 +398,7 @@ TEST_F(KelctlTest, CarrierImportLeavesImsAloneAndAppliesTheRestWithWarnings) {
     EXPECT_THAT(verbose.out, HasSubstr("  line 11 (Edge MMS): apn=mms.test ip=v4 types=mms "
                                        "(merged: line 13)\n"));
 
-    const Outcome ims = seeded({"--state", state, "get", "3gpp:2"});
-    EXPECT_THAT(ims.out, HasSubstr("types ims,mcx,xcap\n"));
-    const Outcome internet = seeded({"--state", state, "get", "3gpp:1"});
-    EXPECT_THAT(internet.out, HasSubstr("types default,supl,hipri\n"));
+    EXPECT_THAT(seeded({"--state", state, "get", "3gpp:2"}).out, HasSubstr("types ims,mcx,xcap\n"));
 }
 
 TEST_F(KelctlTest, CarrierKeepsEntriesThatDifferOnlyByTheirPassword) {
@@ -498,6 +447,7 @@ const NetworkCase kNetworkCases[] = {
      2,
      "no entry for mcc 003 mnc 30 spn \"Three\"; its virtual operators: --mvno-type spn "
      "--mvno-match \"One\", --mvno-type gid --mvno-match \"2A\"\n"},
+    {"UnknownNetwork", {"--mcc", "998", "--mnc", "01"}, 2, "no entry for mcc 998 mnc 01\n"},
 };
 
 class KelctlCarrierNetworkTest : public KelctlTest,
@@ -615,9 +565,6 @@ TEST_F(KelctlTest, CarrierImportNamesWhatTheModemDidNotTake) {
     EXPECT_THAT(text.out, HasSubstr("no profile changed\n"));
     EXPECT_THAT(text.out, HasSubstr("not applied: 3gpp:2 types: asked for ims,xcap, the modem has "
                                     "ims\n"));
-    EXPECT_THAT(modem.control({"profiles", "0"}),
-                HasSubstr("index=2 persistent=yes name=ims apn=ims pdp=ipv4v6 lte_roam=ipv4v6 "
-                          "umts_roam=ipv4v6 class=1 types=ims\n"));
 }
 
 TEST_F(KelctlTest, CarrierValueKelctlCannotMapCostsOnlyThatSetting) {

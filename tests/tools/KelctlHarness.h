@@ -47,8 +47,6 @@ struct RunOptions {
     std::string workDir;  // empty: the test's own
     // Environment changes: a value sets the variable, none removes it.
     std::map<std::string, std::optional<std::string>> env;
-    // The watchdog: a child still running then is killed and the test fails.
-    std::chrono::seconds limit = kChildLimit;
 };
 
 inline std::vector<std::string> environmentWith(const RunOptions& options) {
@@ -106,9 +104,9 @@ inline Read readUntil(int fd, std::string& pending, const std::string& text,
 }
 
 // Reads both pipes (a closed one is skipped) to their end, then reaps the child.
-inline Outcome collect(pid_t pid, int outFd, int errFd, std::chrono::seconds limit) {
+inline Outcome collect(pid_t pid, int outFd, int errFd) {
     Outcome outcome;
-    const auto deadline = std::chrono::steady_clock::now() + limit;
+    const auto deadline = std::chrono::steady_clock::now() + kChildLimit;
     pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
     std::string* sinks[2] = {&outcome.out, &outcome.err};
     int open = (outFd >= 0 ? 1 : 0) + (errFd >= 0 ? 1 : 0);
@@ -211,7 +209,7 @@ inline Outcome run(const std::string& program, std::vector<std::string> args,
     if (child.pid < 0) {
         return {};
     }
-    return collect(child.pid, child.out.get(), child.err.get(), options.limit);
+    return collect(child.pid, child.out.get(), child.err.get());
 }
 
 // A row of a table test: its name names the row's test and stands for the row in messages.
@@ -368,7 +366,7 @@ class LiveKelctl {
     // Ends the input, reads the rest and the exit status.
     Outcome finish() {
         child.in.reset();
-        Outcome outcome = collect(child.pid, child.out.get(), child.err.get(), kChildLimit);
+        Outcome outcome = collect(child.pid, child.out.get(), child.err.get());
         child.pid = -1;
         return outcome;
     }

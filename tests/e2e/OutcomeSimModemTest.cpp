@@ -1,7 +1,5 @@
 // End to end: how a call ended (Manager::lastOutcome) and whether the library's picture of the
-// modem is whole (ModemStatus::isComplete), against the embedded simulated modem: refused and
-// unanswered messages and what the cache then holds, a refresh in progress, no pipeline, bad
-// handles, no link, and reads and lists that fail during a refresh.
+// modem is whole (ModemStatus::isComplete), against the embedded simulated modem.
 #include <gtest/gtest.h>
 
 #include <algorithm>

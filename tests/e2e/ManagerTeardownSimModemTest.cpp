@@ -282,7 +282,7 @@ INSTANTIATE_TEST_SUITE_P(
         ListenerCase{"InitAgainCallInit", Teardown::InitAgain, Act::CallInit, kInitRefusal},
         ListenerCase{"InitAgainDropLastHandle", Teardown::InitAgain, Act::DropLastHandle,
                      std::string(kWorkerRefusal) + "Callback Release "}),
-    [](const ::testing::TestParamInfo<ListenerCase>& param) { return param.param.name; });
+    CaseName());
 
 // --- Process exit ---
 

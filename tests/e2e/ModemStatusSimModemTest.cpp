@@ -97,7 +97,7 @@ INSTANTIATE_TEST_SUITE_P(
                       BrokenLink{"EventListConfiguration", 0,
                                  VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01,
                                  "Unable send config req message", true, false}),
-    [](const ::testing::TestParamInfo<BrokenLink>& param) { return param.param.name; });
+    CaseName());
 
 TEST_F(ModemStatusSimModemTest, AFailedProfileListLeavesTheCacheUnloadedUntilARefreshReadsIt) {
     modem->failNext(1, VEX_WDS_GET_PROFILE_LIST_REQ_V01);

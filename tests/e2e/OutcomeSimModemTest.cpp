@@ -137,10 +137,7 @@ TEST_P(FailedCallTest, TellsHowTheModemMessageEnded) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Calls, FailedCallTest, ::testing::ValuesIn(failedCalls()),
-                         [](const ::testing::TestParamInfo<FailedCall>& param) {
-                             return param.param.name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Calls, FailedCallTest, ::testing::ValuesIn(failedCalls()), CaseName());
 
 TEST_F(OutcomeSimModemTest, BadHandlesFailAsInvalidArgumentsAndAnExpiredOneDeletesNothing) {
     std::shared_ptr<kel::IProfileKey> old = manager.addProfile(addParams("stale.example"));

@@ -1,5 +1,4 @@
-// End to end: the profile cache through kel::Manager against the embedded simulated modem: how it
-// fills, tells its own changes from those of others, releases handles and fires listeners.
+// End to end: the profile cache through kel::Manager against the embedded simulated modem.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,6 +1,5 @@
 // End to end: the kel::Manager facade and its request pipeline against the embedded simulated
-// modem: the traces of every call, the refresh gate, a second init, and many client threads at
-// once, handles that outlive their pipeline and calls made on the worker thread included.
+// modem.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>

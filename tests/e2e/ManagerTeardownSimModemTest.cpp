@@ -1,8 +1,5 @@
 // End to end: tearing a kel::Manager's pipeline down while it is in use, against the embedded
-// simulated modem: the Manager destroyed or initialised again while threads are inside calls or
-// dropping handles, a wait for the modem cut short, expiration listeners that call the facade or
-// init or drop the last handle while the pipeline goes, and the process exiting while a thread is
-// inside a call. Every teardown runs under a watchdog, so that a hang fails the test instead of
+// simulated modem. Every teardown runs under a watchdog, so that a hang fails the test instead of
 // stalling it, and is repeated to shake out races.
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -285,7 +282,7 @@ INSTANTIATE_TEST_SUITE_P(
         ListenerCase{"InitAgainCallInit", Teardown::InitAgain, Act::CallInit, kInitRefusal},
         ListenerCase{"InitAgainDropLastHandle", Teardown::InitAgain, Act::DropLastHandle,
                      std::string(kWorkerRefusal) + "Callback Release "}),
-    [](const ::testing::TestParamInfo<ListenerCase>& param) { return param.param.name; });
+    CaseName());
 
 // --- Process exit ---
 

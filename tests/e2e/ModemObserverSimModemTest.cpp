@@ -1,8 +1,5 @@
 // End to end: what a ModemObserver registered with kel::Manager hears against the embedded
-// simulated modem: this process's own changes and those of another client, each once; refreshes;
-// the picture losing and regaining a profile; the link going down and coming back; the order of
-// one profile's changes; a stuck observer overflowing its queue without stalling the library; and
-// the facade called from inside an observer.
+// simulated modem.
 #include <gtest/gtest.h>
 
 #include <memory>

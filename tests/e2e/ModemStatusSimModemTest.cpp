@@ -1,7 +1,5 @@
-// End to end: what kel::Manager tells a client of its modem link (getModemStatus) and waiting
-// for a usable link (waitForModem), against the embedded simulated modem: before init, a healthy
-// link, the modem going down and coming back, registrations the modem refuses, a failed profile
-// list, failed and late messages, and readers on many threads while the link changes.
+// End to end: what kel::Manager tells a client of its modem link (getModemStatus, waitForModem),
+// against the embedded simulated modem.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -99,7 +97,7 @@ INSTANTIATE_TEST_SUITE_P(
                       BrokenLink{"EventListConfiguration", 0,
                                  VEX_WDS_CONFIGURE_PROFILE_EVENT_LIST_REQ_V01,
                                  "Unable send config req message", true, false}),
-    [](const ::testing::TestParamInfo<BrokenLink>& param) { return param.param.name; });
+    CaseName());
 
 TEST_F(ModemStatusSimModemTest, AFailedProfileListLeavesTheCacheUnloadedUntilARefreshReadsIt) {
     modem->failNext(1, VEX_WDS_GET_PROFILE_LIST_REQ_V01);

@@ -1,5 +1,4 @@
-// End to end: the profile cache through kel::Manager against the embedded simulated modem: how it
-// fills, tells its own changes from those of others, releases handles and fires listeners.
+// End to end: the profile cache through kel::Manager against the embedded simulated modem.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -41,7 +40,7 @@ TEST_F(ProfileCacheSimModemTest, HoldsEveryModemProfileOnceTheModemAnnouncesThem
 }
 
 struct Announcement {
-    const char* event;
+    const char* name;  // the event as logged
     std::function<void(vexsim::SimModem&)> announce;
 };
 
@@ -56,7 +55,7 @@ TEST_P(ProfileCacheAnnouncementTest, RereadsTheModemAndExpiresOldHandles) {
     ASSERT_TRUE(waitUntilServed(before + 2 + modem->profiles(0).size()));
     sync();
 
-    EXPECT_TRUE(history(std::string("ProfileCache: onIndication < 3GPP:0 ") + GetParam().event));
+    EXPECT_TRUE(history(std::string("ProfileCache: onIndication < 3GPP:0 ") + GetParam().name));
     EXPECT_TRUE(history("ProfileCache: updating cache due to indication!"));
     EXPECT_TRUE(history("Refreshed Profiles:"));
     EXPECT_EQ(all().size(), modem->profiles(0).size());
@@ -70,7 +69,7 @@ INSTANTIATE_TEST_SUITE_P(
                                    [](vexsim::SimModem& m) { m.announceProfilesReady(0); }},
                       Announcement{"SubscriptionChange",
                                    [](vexsim::SimModem& m) { m.announceSubscriptionChange(0); }}),
-    [](const ::testing::TestParamInfo<Announcement>& param) { return param.param.event; });
+    CaseName());
 
 // --- Adding and the modem's echoes ---
 
@@ -120,9 +119,7 @@ TEST_P(ProfileCacheAddTest, CreatesAProfileUnderTheLibrarysOwnNameThatItsLastHan
 INSTANTIATE_TEST_SUITE_P(Names, ProfileCacheAddTest,
                          ::testing::Values(NamedAdd{false, false, "kel_profile"},
                                            NamedAdd{true, true, "kel_profile_ia"}),
-                         [](const ::testing::TestParamInfo<NamedAdd>& param) {
-                             return std::string(param.param.name);
-                         });
+                         CaseName());
 
 TEST_F(ProfileCacheSimModemTest, AddOfAnUnknownTechnologyReachesNoModem) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
@@ -228,7 +225,7 @@ INSTANTIATE_TEST_SUITE_P(
                [](kel::Manager& m, vexsim::SimModem&, std::shared_ptr<IProfileKey>&) {
                    m.refresh(PDCRefreshStatus::Completed);
                }}),
-    [](const ::testing::TestParamInfo<Expiry>& param) { return param.param.name; });
+    CaseName());
 
 // --- Dump ---
 

@@ -45,6 +45,14 @@ profile 3gpp2 index=2 apn=vzwims pdn=ipv4v6 class=1 types=ims
 // Requests a client sends to register: bind, indication register, event list configuration.
 constexpr std::uint64_t kRegistrationRequests = 3;
 
+// Names each case of a table after its name field.
+struct CaseName {
+    template <typename Case>
+    std::string operator()(const ::testing::TestParamInfo<Case>& test) const {
+        return test.param.name;
+    }
+};
+
 // A profile to add: the APN name, dual stack.
 inline kel::AddProfileParams addParams(const std::string& apn, bool persistent = false,
                                        kel::TechType tech = kel::TechType::TYPE_3GPP) {

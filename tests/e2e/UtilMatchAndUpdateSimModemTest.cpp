@@ -221,6 +221,7 @@ TEST_P(UtilApnTypeSimModemTest, ApnTypesAreDistributedOverTheProfilesOfTheApn) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     util.setProfileUpdateAllowed(GetParam().updateAllowed);
     const std::list<ProfileParams> entries(GetParam().entries.begin(), GetParam().entries.end());
+    const std::vector<std::string> before = modemSnapshot();
 
     util.updateAPNTypeBitmaskOnModemProfile(entries);
 
@@ -231,6 +232,9 @@ TEST_P(UtilApnTypeSimModemTest, ApnTypesAreDistributedOverTheProfilesOfTheApn) {
     for (const ModemMask& want : GetParam().expected) {
         const vexsim::Profile profile = modemProfile(want.type, want.index);
         EXPECT_EQ(profile.settings.apn_type_mask, want.mask) << want.type << ":" << want.index;
+    }
+    if (GetParam().expected.empty()) {
+        EXPECT_EQ(modemSnapshot(), before) << "an APN without profiles creates nothing";
     }
 }
 
@@ -285,7 +289,17 @@ INSTANTIATE_TEST_SUITE_P(
                      {k3gpp, 3, kIms | kEmergency},
                      {k3gpp, 4, kIms | kEmergency},
                      {k3gpp2, 7, kIms | kEmergency},
-                     {k3gpp, 1, kDefault}}}),
+                     {k3gpp, 1, kDefault}}},
+        ApnTypeCase{"ApnWithoutProfilesCreatesNothing",
+                    false,
+                    {apnTypeEntry("unknown.example", IPType::V4, lib(ApnTypes::DEFAULT))},
+                    {"kel no match found for apn name:unknown.example, ip type:1, tech type:0",
+                     "kel no match found for apn name:unknown.example, ip type:3, tech type:0",
+                     "kel no match found for apn name:unknown.example, ip type:2, tech type:0",
+                     "kel no match found for apn name:unknown.example, ip type:1, tech type:1",
+                     "kel no match found for apn name:unknown.example, ip type:3, tech type:1",
+                     "kel no match found for apn name:unknown.example, ip type:2, tech type:1"},
+                    {}}),
     CaseName());
 
 TEST_F(UtilSimModemTest, ApnTypeEntriesWithMissingFieldsAreDefaultedAndLogged) {
@@ -313,23 +327,6 @@ TEST_F(UtilSimModemTest, ApnTypeEntriesWithMissingFieldsAreDefaultedAndLogged) {
     }
     EXPECT_THAT(capture.androidContaining("kel processing APN name"), ::testing::SizeIs(2))
         << "an entry without APN name takes part in no update";
-}
-
-TEST_F(UtilSimModemTest, ApnTypesForAnApnWithoutProfilesCreateNothing) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    const std::vector<std::string> before = modemSnapshot();
-
-    util.updateAPNTypeBitmaskOnModemProfile(
-        {apnTypeEntry("unknown.example", IPType::V4, lib(ApnTypes::DEFAULT))});
-
-    for (int tech = 0; tech <= 1; ++tech) {
-        for (int ipType : {1, 3, 2}) {
-            EXPECT_TRUE(debug("kel no match found for apn name:unknown.example, ip type:" +
-                              std::to_string(ipType) + ", tech type:" + std::to_string(tech)))
-                << tech << "/" << ipType;
-        }
-    }
-    EXPECT_EQ(modemSnapshot(), before);
 }
 
 }  // namespace

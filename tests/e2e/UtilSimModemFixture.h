@@ -24,6 +24,7 @@ namespace utiltest {
 using ::testing::HasSubstr;
 using ::testing::Not;
 
+using e2e::CaseName;
 using e2e::k3gpp;
 using e2e::k3gpp2;
 
@@ -59,14 +60,6 @@ profile 3gpp index=2 name=kel_profile_ia apn=ia.example pdp=ipv6 types=default,i
 constexpr unsigned int lib(ApnTypes type) {
     return static_cast<unsigned int>(type);
 }
-
-// Names each case of a table after its first field.
-struct CaseName {
-    template <typename Case>
-    std::string operator()(const ::testing::TestParamInfo<Case>& test) const {
-        return test.param.name;
-    }
-};
 
 inline ProfileParams apnParams(const std::string& apn, std::optional<IPType> home = std::nullopt) {
     ProfileParams params;

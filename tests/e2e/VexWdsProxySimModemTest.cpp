@@ -1,6 +1,5 @@
 // End to end: the library's connection to the modem's data service, through kel::Manager against
-// the embedded simulated modem: registration, the modem going down and coming back, and
-// indications the library must survive.
+// the embedded simulated modem.
 #include <gtest/gtest.h>
 
 #include <memory>

@@ -1,7 +1,5 @@
-// What a client may do at any time without harming the library: dump from any thread while the
-// worker changes the cache, dump and read the status from an expiration listener, throw from a
-// listener or from its own code that the worker runs. Built also under ThreadSanitizer and
-// AddressSanitizer, where a race or a freed entry fails the run.
+// What a client may do at any time without harming the library. Built also under ThreadSanitizer
+// and AddressSanitizer, where a race or a freed entry fails the run.
 #include <algorithm>
 #include <atomic>
 #include <list>

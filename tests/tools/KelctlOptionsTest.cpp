@@ -1,5 +1,4 @@
-// kelctl's command line: help for every command, the conventions of its options, and every wrong
-// command line refused with one line before the modem is touched.
+// kelctl's command line: help, the conventions of its options, and wrong command lines refused.
 #include <sstream>
 
 #include "tools/KelctlHarness.h"

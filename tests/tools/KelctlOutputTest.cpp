@@ -1,6 +1,4 @@
-// kelctl's output as a user reads it: every command against its embedded modem and a running
-// vex-modemd, as text and as one JSON document; the library's log only on standard error; secrets
-// hidden and bytes made valid wherever they are printed.
+// kelctl's output as a user reads it, as text and as one JSON document.
 #include "tools/KelctlHarness.h"
 
 namespace {

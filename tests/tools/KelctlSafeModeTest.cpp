@@ -1,6 +1,5 @@
-// kelctl runs the library with every safe-mode switch on, and with --reference with all of them
-// off: the same cases against vex-modemd in its own process, counted while kelctl is still
-// connected (within one run or shell).
+// kelctl with every safe-mode switch on, and with --reference with all of them off, against
+// vex-modemd, counted while kelctl is still connected.
 #include <string>
 #include <vector>
 

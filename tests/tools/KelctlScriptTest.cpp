@@ -1,5 +1,4 @@
-// kelctl run and kelctl shell: named handles across a script's lines, a wrong script refused
-// before it runs, a shell that goes on after a failing line, and the shipped bring-up script.
+// kelctl run and kelctl shell.
 #include "tools/KelctlHarness.h"
 
 namespace {

@@ -247,9 +247,6 @@ const NetworkImport kNetworkImports[] = {
     {"VirtualOperatorGid",
      "tests/data/apns-networks.xml",
      {"--mcc", "003", "--mnc", "30", "--mvno-type", "gid", "--mvno-match", "2A"}},
-    {"VirtualOperatorSpn",
-     "tests/data/apns-networks.xml",
-     {"--mcc", "003", "--mnc", "30", "--mvno-type", "spn", "--mvno-match", "One"}},
     {"AttachWithLeftovers", "tests/data/apns-networks.xml", {"--mcc", "005", "--mnc", "02"}},
     {"Quirks", "tests/data/apns-quirks.xml", {"--mcc", "001", "--mnc", "01"}},
     {"Shipped", "data/carrier/apns-conf.xml", {"--mcc", "001", "--mnc", "01"}},
@@ -360,16 +357,6 @@ TEST_F(KelctlTest, CarrierPlanOnTheShippedSeedShowsTheChangesAndChangesNothing) 
     EXPECT_EQ(modem.control({"profiles"}), before);
 }
 
-TEST_F(KelctlTest, CarrierSelectsAVirtualOperatorOnlyWhenAsked) {
-    // Without --mvno-type the network's own entries are chosen (the verbose dry run above).
-    const std::string file = dataFile("apns-quirks.xml");
-    const Outcome virtualOperator =
-        succeeded(seeded({"carrier", file, "--mcc", "001", "--mnc", "01", "--mvno-type", "GID",
-                          "--mvno-match", "ba", "--dry-run", "--verbose"}));
-    EXPECT_THAT(virtualOperator.out, HasSubstr("1 of 8 entries"));
-    EXPECT_THAT(virtualOperator.out, HasSubstr("apn=budget.quirk ip=v4 types=default,mms\n"));
-}
-
 // The file's first network carries each quirk that once cost an import: an attach entry without
 // APN whose IP types are the IMS profile's, an unsupported roaming protocol, entries that differ
 // only by network type, and an APN repeated for other bearers.
@@ -453,8 +440,9 @@ const NetworkCase kNetworkCases[] = {
      2,
      "mcc 003 mnc 30 has only virtual-operator entries; choose one with --mvno-type spn "
      "--mvno-match \"One\", --mvno-type gid --mvno-match \"2A\"\n"},
+    // The type and a gid match in either case.
     {"OneVirtualOperator",
-     {"--mcc", "003", "--mnc", "30", "--mvno-type", "gid", "--mvno-match", "2a"},
+     {"--mcc", "003", "--mnc", "30", "--mvno-type", "GID", "--mvno-match", "2a"},
      0,
      "apn=two.test"},
     {"UnknownVirtualOperator",

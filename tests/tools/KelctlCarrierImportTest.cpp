@@ -76,8 +76,7 @@ TEST_F(KelctlCarrierImportTest, EveryEntryIsAccountedForAndTheSummaryAddsUp) {
         {"line":4,"carrier":"Tel MMS","fate":"not_applied",
          "reason":"no profile has APN \"mms.tel\" with IP type v4"},
         {"line":5,"carrier":"Tel Tether","fate":"not_applied",
-         "reason":"the carrier disabled it (carrier_enabled=\"false\")"
-},
+         "reason":"the carrier disabled it (carrier_enabled=\"false\")"},
         {"line":6,"carrier":"Tel Internet","fate":"merged","merged_into":2}])json"));
     EXPECT_EQ(report["summary"], nlohmann::json::parse(R"json({"entries":5,"applied":2,"merged":1,
         "not_applied":2,"updated":1,"created":0})json"));

@@ -1,6 +1,4 @@
-// kelctl status and kelctl monitor as processes against vex-modemd in its own process, changed
-// by vex-modemctl as another client: the picture, creates, modifies in order, a delete, a modem
-// restart and what follows it, a thousand changes, and the ways a monitor ends.
+// kelctl status and kelctl monitor against vex-modemd, changed by vex-modemctl as another client.
 #include <memory>
 
 #include "KelctlHarness.h"

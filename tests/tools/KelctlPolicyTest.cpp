@@ -1,6 +1,4 @@
-// kelctl apply-classes and apply-types as processes: a plan with --dry-run that names a change to
-// the emergency profile, an apply that does what the plan said, and a read-back that names what
-// the modem did not take.
+// kelctl apply-classes and apply-types: the plan, the apply and the read-back.
 #include "tools/KelctlHarness.h"
 
 namespace {

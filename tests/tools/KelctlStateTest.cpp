@@ -1,6 +1,4 @@
-// What lasts between kelctl runs: the embedded modem's state file, a running vex-modemd's
-// profiles, the modem a run finds or misses, the bound a run keeps against a slow modem, and the
-// state file locked for a whole run so that concurrent runs lose no change.
+// What lasts between kelctl runs, and the modem a run finds or misses.
 #include <fcntl.h>
 
 #include <set>

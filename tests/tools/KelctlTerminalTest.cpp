@@ -1,5 +1,5 @@
 // kelctl as a process: hostile bytes from the modem, a seed, a state file or a carrier file never
-// reach the terminal raw, in any text output; JSON stays valid; field limits count bytes.
+// reach the terminal raw, in any text output; JSON stays valid.
 #include "tools/KelctlHarness.h"
 
 namespace {
@@ -78,17 +78,6 @@ TEST_F(KelctlTest, MonitorShowsHostileBytesEscaped) {
     EXPECT_EQ(watched.status, 1) << "no event came within the timeout: " << watched.err;
     expectTerminalSafe(watched.out, "stdout");
     EXPECT_THAT(watched.out, HasSubstr("name=evil\\x1b]0;owned\\x07 apn=bad\\xff.example"));
-}
-
-// The modem counts bytes: a value of two-byte characters is cut at a character's start.
-TEST_F(KelctlTest, TruncateCutsBytesAndNeverSplitsACharacter) {
-    std::string apn = std::string(149, 'a') + "\xc3\xa9";  // 151 bytes, the last character é
-    const Outcome cut = succeeded(seeded({"add", "--apn", apn, "--truncate", "--json"}));
-    EXPECT_THAT(cut.err, HasSubstr("--apn cut to its first 149 bytes (a character would have "
-                                   "been split at 150)"));
-    const nlohmann::json added = parsed(cut.out);
-    EXPECT_EQ(added.dump().find("\\ufffd"), std::string::npos) << added.dump();
-    EXPECT_THAT(added.dump(), HasSubstr(std::string(149, 'a') + "\""));
 }
 
 }  // namespace

@@ -1,9 +1,5 @@
-// kelctl's truth under a busy modem: each command that changes the modem (and list, which shows
-// it) crossed with the modem refusing, answering after the library's timeout, not answering
-// within the run, failing one read, answering every read late and restarting mid-command. Each
-// case runs twice against its own vex-modemd process, as text and as JSON; the exit status, the
-// words and the document must agree with the modem's tables read afterwards through
-// vex-modemctl.
+// kelctl's truth under a busy modem: each changing command crossed with the modem's faults, as
+// text and as JSON, checked against the modem's tables read afterwards.
 #include <thread>
 
 #include "KelctlHarness.h"

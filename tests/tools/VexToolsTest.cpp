@@ -1,6 +1,4 @@
 // vex-modemd and vex-modemctl as processes: the command-line conventions they share with kelctl.
-// --help and --version on standard output with status 0; every wrong command line exits 2 with
-// one line on standard error; the man pages name every option the tools take.
 #include <cctype>
 #include <fstream>
 #include <set>

@@ -9,14 +9,13 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -25,6 +24,7 @@
 #include "LocalLogBuffer.h"
 #include "hostlog/LogCapture.h"
 #include "kel/Manager.h"
+#include "support/Guarded.h"
 #include "support/TestSupport.h"
 #include "vexsim/SimModem.h"
 
@@ -99,25 +99,15 @@ inline wds_profile_settings_v01 apnClassChange(int apnClass) {
 class Calls {
   public:
     std::function<void()> callback() {
-        return [this] {
-            std::lock_guard<std::mutex> lock(mutex);
-            ++calls;
-            changed.notify_all();
-        };
+        return [this] { calls.change([](int& count) { ++count; }); };
     }
-    int count() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return calls;
-    }
+    int count() { return calls.get(); }
     bool waitFor(int expected) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, kTimeout, [&] { return calls >= expected; });
+        return calls.waitUntil([expected](int count) { return count >= expected; });
     }
 
   private:
-    std::mutex mutex;  // guards calls
-    std::condition_variable changed;
-    int calls = 0;
+    testsupport::Guarded<int> calls;
 };
 
 // Lets a test wait for the library's log lines: installed as the library's writer, it still
@@ -129,45 +119,32 @@ class LogWatch {
         kel::LogWrapper::getInstance()->setLogWriter(std::make_unique<Writer>(lines));
     }
     // Messages that start with prefix, so far.
-    int count(const std::string& prefix) const {
-        std::lock_guard<std::mutex> lock(lines->mutex);
-        return countLocked(prefix);
-    }
+    int count(const std::string& prefix) const { return countIn(lines->get(), prefix); }
     // Waits until at least expected messages start with prefix.
     bool waitFor(const std::string& prefix, int expected = 1) const {
-        std::unique_lock<std::mutex> lock(lines->mutex);
-        return lines->added.wait_for(lock, kTimeout,
-                                     [&] { return countLocked(prefix) >= expected; });
+        return lines->waitUntil(
+            [&](const Messages& messages) { return countIn(messages, prefix) >= expected; });
     }
 
   private:
-    struct Lines {
-        std::mutex mutex;  // guards messages
-        std::condition_variable added;
-        std::vector<std::string> messages;
-    };
+    using Messages = std::vector<std::string>;
+    using Lines = testsupport::Guarded<Messages>;
     class Writer : public kel::AdbWriter {
       public:
         explicit Writer(std::shared_ptr<Lines> target) : lines(std::move(target)) {}
         void write(kel::LogLevel level, std::string tag, std::string message) override {
             kel::AdbWriter::write(level, tag, message);
-            {
-                std::lock_guard<std::mutex> lock(lines->mutex);
-                lines->messages.push_back(std::move(message));
-            }
-            lines->added.notify_all();
+            lines->change([&message](Messages& messages) { messages.push_back(message); });
         }
 
       private:
         std::shared_ptr<Lines> lines;
     };
 
-    int countLocked(const std::string& prefix) const {
-        int found = 0;
-        for (const std::string& message : lines->messages) {
-            found += message.rfind(prefix, 0) == 0 ? 1 : 0;
-        }
-        return found;
+    static int countIn(const Messages& messages, const std::string& prefix) {
+        return static_cast<int>(std::count_if(
+            messages.begin(), messages.end(),
+            [&prefix](const std::string& message) { return message.rfind(prefix, 0) == 0; }));
     }
 
     std::shared_ptr<Lines> lines = std::make_shared<Lines>();

@@ -7,18 +7,17 @@
 #include <poll.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "VexWire.h"
+#include "support/Guarded.h"
 #include "support/TestSupport.h"
 #include "vex/vex_client.h"
 #include "vex/wireless_data_service_v01.h"
@@ -77,33 +76,7 @@ inline wds_profile_settings_v01 settings3gpp(const std::string& name, const std:
     return s;
 }
 
-// What the library's thread reports and the test's thread reads or waits for; guarded by mu.
-template <typename T>
-class Guarded {
-  public:
-    template <typename Apply>
-    void change(Apply apply) {
-        {
-            std::lock_guard<std::mutex> lock(mu);
-            apply(value);
-        }
-        cv.notify_all();
-    }
-    template <typename Holds>
-    bool waitUntil(Holds holds) {
-        std::unique_lock<std::mutex> lock(mu);
-        return cv.wait_for(lock, kWait, [&] { return holds(value); });
-    }
-    T get() {
-        std::lock_guard<std::mutex> lock(mu);
-        return value;
-    }
-
-  private:
-    std::mutex mu;
-    std::condition_variable cv;
-    T value{};
-};
+using testsupport::Guarded;
 
 // One vex client whose callbacks are recorded.
 class RecordingClient {

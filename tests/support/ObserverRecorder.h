@@ -1,5 +1,5 @@
-// An observer that records every event it hears, and a gate to hold it at, for tests of the change
-// notifier on its own and through the Manager.
+// An observer that records every event it hears, for tests of the change notifier on its own and
+// through the Manager; Gate (support/Guarded.h) holds it in its call.
 #ifndef KELR_TESTS_SUPPORT_OBSERVER_RECORDER_H
 #define KELR_TESTS_SUPPORT_OBSERVER_RECORDER_H
 
@@ -7,88 +7,55 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <functional>
-#include <mutex>
 #include <vector>
 
 #include "kel/ModemObserver.h"
+#include "support/Guarded.h"
 
 namespace testsupport {
 
-// Threads: the notifier's thread calls it, the test's thread reads it; guarded by mutex.
+// Threads: the notifier's thread calls it, the test's thread reads it.
 class ObserverRecorder : public kel::ModemObserver {
   public:
-    static constexpr std::chrono::seconds kTimeout{10};
+    using Events = std::vector<kel::ModemEvent>;
+    static constexpr std::chrono::seconds kTimeout = Guarded<Events>::kLimit;
 
     // onEvent, when set, runs before the event is recorded: it may block or throw.
     void onModemEvent(const kel::ModemEvent& event) override {
         if (onEvent) {
             onEvent(event);
         }
-        std::lock_guard<std::mutex> lock(mutex);
-        events.push_back(event);
-        changed.notify_all();
+        events.change([&event](Events& all) { all.push_back(event); });
     }
     bool waitForCount(std::size_t count) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, kTimeout, [&] { return events.size() >= count; });
+        return events.waitUntil([count](const Events& all) { return all.size() >= count; });
     }
     // Waits until an event satisfies match; returns the events up to and including it.
-    std::vector<kel::ModemEvent> until(const std::function<bool(const kel::ModemEvent&)>& match) {
-        std::unique_lock<std::mutex> lock(mutex);
-        std::size_t found = 0;
-        changed.wait_for(lock, kTimeout, [&] {
-            for (found = 0; found < events.size(); ++found) {
-                if (match(events[found])) {
-                    return true;
-                }
-            }
-            return false;
-        });
-        EXPECT_LT(found, events.size()) << "the awaited event never came";
-        return std::vector<kel::ModemEvent>(events.begin(),
-                                            events.begin() + std::min(found + 1, events.size()));
+    Events until(const std::function<bool(const kel::ModemEvent&)>& match) {
+        const auto first = [&match](const Events& all) {
+            return std::find_if(all.begin(), all.end(), match) - all.begin();
+        };
+        const bool found = events.waitUntil(
+            [&first](const Events& all) { return first(all) < static_cast<long>(all.size()); });
+        EXPECT_TRUE(found) << "the awaited event never came";
+        Events all = events.get();
+        all.resize(std::min(all.size(), static_cast<std::size_t>(first(all) + 1)));
+        return all;
     }
-    std::vector<kel::ModemEvent> untilKind(kel::ModemEvent::Kind kind) {
+    Events untilKind(kel::ModemEvent::Kind kind) {
         return until([kind](const kel::ModemEvent& event) { return event.kind == kind; });
     }
-    std::vector<kel::ModemEvent> all() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return events;
-    }
+    Events all() { return events.get(); }
     void clear() {
-        std::lock_guard<std::mutex> lock(mutex);
-        events.clear();
+        events.change([](Events& all) { all.clear(); });
     }
 
     std::function<void(const kel::ModemEvent&)> onEvent;
 
   private:
-    std::mutex mutex;  // guards events
-    std::condition_variable changed;
-    std::vector<kel::ModemEvent> events;
-};
-
-// A one-shot gate: an observer waits at it (for at most the recorder's timeout) until the test
-// opens it. Threads: any; guarded by mutex.
-class Gate {
-  public:
-    void open() {
-        std::lock_guard<std::mutex> lock(mutex);
-        opened = true;
-        changed.notify_all();
-    }
-    bool wait() {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, ObserverRecorder::kTimeout, [this] { return opened; });
-    }
-
-  private:
-    std::mutex mutex;  // guards opened
-    std::condition_variable changed;
-    bool opened = false;
+    Guarded<Events> events;
 };
 
 }  // namespace testsupport

@@ -16,6 +16,18 @@
 namespace vexsim {
 namespace {
 
+// A word of the input as an error message quotes it: at most 40 bytes, each byte that is not
+// printable ASCII shown as '?', so that a hostile file can neither flood nor steer a terminal.
+std::string quoted(const std::string& word) {
+    constexpr size_t kShown = 40;
+    std::string text = "'";
+    for (size_t i = 0; i < word.size() && i < kShown; ++i) {
+        const unsigned char c = static_cast<unsigned char>(word[i]);
+        text += c >= 0x20 && c < 0x7f ? static_cast<char>(c) : '?';
+    }
+    return text + (word.size() > kShown ? "'..." : "'");
+}
+
 struct Named {
     const char* name;
     int value;
@@ -376,14 +388,14 @@ bool LineParser::apply(const std::string& key, const std::string& value, std::st
     bool ok = profile.type == WDS_PROFILE_TYPE_3GPP_V01 ? apply3gpp(key, value, &known, error)
                                                         : apply3gpp2(key, value, &known, error);
     if (!known) {
-        *error = "unknown key '" + key + "'";
+        *error = "unknown key " + quoted(key);
     }
     return ok;
 }
 
 bool parseLine(const std::vector<std::string>& words, Profile* profile, std::string* error) {
     if (words[0] != "profile") {
-        *error = "expected 'profile', found '" + words[0] + "'";
+        *error = "expected 'profile', found " + quoted(words[0]);
         return false;
     }
     if (words.size() < 2 || (words[1] != "3gpp" && words[1] != "3gpp2")) {
@@ -397,19 +409,19 @@ bool parseLine(const std::vector<std::string>& words, Profile* profile, std::str
     for (size_t i = 2; i < words.size(); ++i) {
         size_t eq = words[i].find('=');
         if (eq == std::string::npos || eq == 0) {
-            *error = "expected key=value, found '" + words[i] + "'";
+            *error = "expected key=value, found " + quoted(words[i]);
             return false;
         }
         std::string key = words[i].substr(0, eq);
         std::string value = words[i].substr(eq + 1);
         if (!seen.insert(key).second) {
-            *error = "'" + key + "' given twice";
+            *error = quoted(key) + " given twice";
             return false;
         }
         std::string why;
         if (!parser.apply(key, value, &why)) {
             if (why.empty()) {
-                *error = "bad value for " + key + ": '" + value + "'";
+                *error = "bad value for " + key + ": " + quoted(value);
             } else if (why.rfind("unknown key", 0) == 0) {
                 *error = why;
             } else {

@@ -52,6 +52,7 @@ TEST(ProfileTextTest, ParseErrorsNameTheLineAndTheReasonAndKeepNothing) {
         {"profile 3gpp pdn=ipv4", "line 1: unknown key 'pdn'"},
         {"profile 3gpp2 name=x", "line 1: unknown key 'name'"},
         {"profile 3gpp pdp=ipv5", "line 1: bad value for pdp: 'ipv5'"},
+        {"profile 3gpp pdp=\"\x1b[2J\"", "line 1: bad value for pdp: '?[2J'"},
         {"profile 3gpp class=256", "line 1: bad value for class"},
         {"profile 3gpp index=0", "line 1: bad value for index"},
         {"profile 3gpp max_pdn_conn_timer=65536", "line 1: bad value for max_pdn_conn_timer"},

@@ -393,6 +393,9 @@ TEST_F(ModemFilesTest, StateAndSeedAreReadOnlyWhenRegularAndBounded) {
         vexwire::UniqueFd fd(::open(huge.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
         ASSERT_EQ(::ftruncate(fd.get(), 16 * 1024 * 1024 + 1), 0);
     }
+    // The bound is inclusive: a seed of exactly 16 MiB is read, and its text refused.
+    const std::string atBound = dir.file("at-bound.conf");
+    std::ofstream(atBound) << std::string(16 * 1024 * 1024, 'x');
     struct Case {
         bool state;
         std::string path;
@@ -402,6 +405,9 @@ TEST_F(ModemFilesTest, StateAndSeedAreReadOnlyWhenRegularAndBounded) {
         {true, fifo, "cannot read the state file " + fifo + ": not a regular file"},
         {false, fifo, "cannot read the seed file " + fifo + ": not a regular file"},
         {false, huge, "cannot read the seed file " + huge + ": larger than 16777216 bytes"},
+        {false, atBound,
+         "seed file " + atBound + ": line 1: expected 'profile', found '" + std::string(40, 'x') +
+             "'..."},
         {true, dir.file("missing/state.conf"),
          "cannot write the state file " + dir.file("missing/state.conf") +
              ": cannot open its directory: No such file or directory"},

@@ -3,23 +3,18 @@
 #ifndef KELR_TESTS_PLATFORM_VEX_PROCESS_H
 #define KELR_TESTS_PLATFORM_VEX_PROCESS_H
 
-#include <fcntl.h>
 #include <grp.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "UniqueFd.h"
-
-extern char** environ;
+#include "support/ChildProcess.h"
 
 namespace vextest {
 
@@ -41,69 +36,46 @@ class Daemon {
                const char* program = VEX_MODEMD_PATH, bool asOtherUser = false) {
         std::vector<std::string> argv = {program};
         argv.insert(argv.end(), args.begin(), args.end());
-        std::vector<char*> cargs;
-        for (auto& arg : argv) {
-            cargs.push_back(arg.data());
-        }
-        cargs.push_back(nullptr);
-        int fds[2];
-        if (::pipe2(fds, O_CLOEXEC) != 0) {
-            return false;
-        }
-        pid = ::fork();
-        if (pid == 0) {  // system calls only: the test process has other threads
-            ::dup2(fds[1], STDOUT_FILENO);
-            if (withStderr) {
-                ::dup2(fds[1], STDERR_FILENO);
-            }
-            if (asOtherUser && !becomeOtherUser()) {
-                ::_exit(126);
-            }
-            ::execve(program, cargs.data(), environ);
-            ::_exit(127);
-        }
-        ::close(fds[1]);
-        output.reset(fds[0]);
-        return pid > 0;
+        testsupport::RunOptions options;
+        options.beforeExec = asOtherUser ? becomeOtherUser : nullptr;
+        child = testsupport::spawn(
+            std::move(argv), options, testsupport::kInheritedInput,
+            withStderr ? testsupport::Stderr::WithOutput : testsupport::Stderr::Inherited);
+        return child.pid > 0;
     }
     // The next line of output, or what is left at its end; empty at the end or when nothing comes
     // within 10 s.
     std::string readLine() {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        size_t eol;
-        while ((eol = pending.find('\n')) == std::string::npos) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            pollfd pfd{output.get(), POLLIN, 0};
-            char buffer[1024];
-            ssize_t n = 0;
-            if (left.count() <= 0 || ::poll(&pfd, 1, static_cast<int>(left.count())) <= 0) {
+        using testsupport::Read;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        switch (testsupport::readUntil(child.out.get(), pending, "\n", deadline)) {
+            case Read::Found:
+                break;
+            case Read::Ended:
+                return std::exchange(pending, std::string());
+            case Read::TimedOut:
                 silent = true;
                 return "";
-            }
-            if ((n = ::read(output.get(), buffer, sizeof buffer)) <= 0) {
-                return std::exchange(pending, std::string());
-            }
-            pending.append(buffer, static_cast<size_t>(n));
         }
-        std::string line = pending.substr(0, eol + 1);
-        pending.erase(0, eol + 1);
+        const size_t end = pending.find('\n') + 1;
+        std::string line = pending.substr(0, end);
+        pending.erase(0, end);
         return line;
     }
     int stop(int signal) {
-        ::kill(pid, signal);
+        ::kill(child.pid, signal);
         return wait();
     }
     // The exit status once the child has ended by itself; -1 when a signal ended it.
     int wait() {
         int status = 0;
-        ::waitpid(pid, &status, 0);
-        pid = -1;
+        ::waitpid(child.pid, &status, 0);
+        child.pid = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-    pid_t processId() const { return pid; }
+    pid_t processId() const { return child.pid; }
     ~Daemon() {
-        if (pid > 0) {
+        if (child.pid > 0) {
             stop(SIGKILL);
         }
     }
@@ -111,8 +83,7 @@ class Daemon {
     bool silent = false;  // a read found no output within its bound
 
   private:
-    pid_t pid = -1;
-    vexwire::UniqueFd output;
+    testsupport::Child child;
     std::string pending;  // read, not yet returned
 };
 

@@ -88,24 +88,17 @@ class Daemon {
 };
 
 struct Result {
-    int status;          // exit status; -1 when killed or not run
+    int status;          // exit status; 128 + the signal when killed, -1 when not run
     std::string output;  // stdout and stderr together
 };
 
-// Runs argv (argv[0] a path) to its end, as the other user when asked; killed when it falls
-// silent for 10 s.
+// Runs argv (argv[0] a path) to its end, as the other user when asked.
 inline Result runCommand(const std::vector<std::string>& argv, bool asOtherUser = false) {
-    Daemon child;
-    if (argv.empty() ||
-        !child.start({argv.begin() + 1, argv.end()}, true, argv[0].c_str(), asOtherUser)) {
-        return {-1, ""};
-    }
-    Result result{-1, ""};
-    for (std::string line; !(line = child.readLine()).empty();) {
-        result.output += line;
-    }
-    result.status = child.silent ? child.stop(SIGKILL) : child.wait();
-    return result;
+    testsupport::RunOptions options;
+    options.beforeExec = asOtherUser ? becomeOtherUser : nullptr;
+    const testsupport::Outcome ran = testsupport::run(argv[0], {argv.begin() + 1, argv.end()},
+                                                      options, testsupport::Stderr::WithOutput);
+    return {ran.status, ran.out};
 }
 
 // Runs body in a forked child as the other user; returns its result as the child's exit status,

@@ -203,13 +203,13 @@ inline Child spawn(std::vector<std::string> args, const RunOptions& options, int
 
 // Runs program with args in its own process to its end.
 inline Outcome run(const std::string& program, std::vector<std::string> args,
-                   const RunOptions& options = {}) {
+                   const RunOptions& options = {}, Stderr err = Stderr::Piped) {
     testsupport::TempDir scratch;
     const std::string inputPath = scratch.file("stdin");
     std::ofstream(inputPath) << options.input;
     args.insert(args.begin(), program);
     const UniqueFd input(::open(inputPath.c_str(), O_RDONLY | O_CLOEXEC));
-    const Child child = spawn(std::move(args), options, input.get());
+    const Child child = spawn(std::move(args), options, input.get(), err);
     if (child.pid < 0) {
         return {};
     }

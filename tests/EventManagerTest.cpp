@@ -8,9 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <future>
-#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "DebugLogFixture.h"

@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <memory>
-#include <optional>
 
 #include "SimModemFixture.h"
 

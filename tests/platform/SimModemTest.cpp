@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <atomic>
 #include <set>
 
 #include "VexWire.h"

@@ -10,7 +10,6 @@
 #include <chrono>
 #include <fstream>
 #include <string>
-#include <thread>
 
 #include "platform/VexProcess.h"
 #include "platform/VexTestClient.h"

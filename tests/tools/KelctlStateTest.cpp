@@ -12,7 +12,6 @@ using namespace kelctltest;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::Not;
-using ::testing::StartsWith;
 
 TEST_F(KelctlTest, ChangesLastAcrossRunsWithAStateFile) {
     const Outcome deleted = succeeded(seeded({"--state", state, "delete", "3gpp:3"}));

@@ -10,17 +10,13 @@
 #include <string>
 #include <vector>
 
-#include "ProfileKey.h"
+#include "ModemProfileTestSupport.h"
 #include "kel/ClientResponse.h"
 
 namespace kel {
 namespace {
 
-// A handle whose release goes nowhere: these tests look only at texts and contents.
-std::shared_ptr<IProfileKey> makeKey(TechType techType, int profileId, unsigned long long token) {
-    return std::make_shared<ProfileKey>(techType, profileId, token,
-                                        [](std::shared_ptr<ClientRequest>) { return nullptr; });
-}
+using modemprofiletest::makeKey;
 
 template <typename T>
 std::string printed(T value) {

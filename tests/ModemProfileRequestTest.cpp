@@ -24,7 +24,8 @@ class ModemProfileListenerTest : public DebugLogFixture {};
 
 TEST_F(ModemProfileListenerTest, DestructionCallsLiveListenersInOrder) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
-    auto first = makeKey(1), second = makeKey(2), third = makeKey(3);
+    auto first = makeKey(TechType::TYPE_3GPP, 1, 1), second = makeKey(TechType::TYPE_3GPP, 1, 2),
+         third = makeKey(TechType::TYPE_3GPP, 1, 3);
     std::vector<int> calls;
     auto profile = fullProfile();
     profile->registerExpirationListener([&calls] { calls.push_back(1); }, first);
@@ -39,7 +40,7 @@ TEST_F(ModemProfileListenerTest, DestructionCallsLiveListenersInOrder) {
 }
 
 TEST_F(ModemProfileListenerTest, ClearingDropsOnlyListenersOfGoneHandles) {
-    auto kept = makeKey(1), gone = makeKey(2);
+    auto kept = makeKey(TechType::TYPE_3GPP, 1, 1), gone = makeKey(TechType::TYPE_3GPP, 1, 2);
     auto keptState = std::make_shared<int>(0), goneState = std::make_shared<int>(0);
     auto profile = fullProfile();
     profile->registerExpirationListener([keptState] { ++*keptState; }, kept);

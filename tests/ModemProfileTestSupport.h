@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -45,8 +46,10 @@ inline std::shared_ptr<Modem3gppProfile> fullProfile() {
     return profile;
 }
 
-inline std::shared_ptr<IProfileKey> makeKey(unsigned long long token) {
-    return std::make_shared<ProfileKey>(TechType::TYPE_3GPP, 1, token,
+// A handle whose release goes nowhere.
+inline std::shared_ptr<IProfileKey> makeKey(TechType techType, int profileId,
+                                            unsigned long long token) {
+    return std::make_shared<ProfileKey>(techType, profileId, token,
                                         [](std::shared_ptr<ClientRequest>) { return nullptr; });
 }
 

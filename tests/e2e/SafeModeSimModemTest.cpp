@@ -14,7 +14,7 @@
 #include "SimModemFixture.h"
 #include "VexWire.h"
 #include "kel/Options.h"
-#include "support/ObserverRecorder.h"
+#include "support/Guarded.h"
 
 namespace e2e {
 namespace {

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
-#include <list>
 #include <memory>
 #include <optional>
 #include <ostream>

@@ -7,7 +7,6 @@
 #include <poll.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>

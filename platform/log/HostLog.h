@@ -27,6 +27,8 @@ std::string lineHead();
 // Writes text to standard error in one piece, unless echo is off. Callers building text only to
 // print it check echoing() first.
 void echo(const std::string& text);
+// Writes all of data to fd, going on after a signal; gives up at the first other failure.
+void writeAll(int fd, const char* data, size_t size);
 
 }  // namespace hostlog::detail
 

@@ -128,10 +128,13 @@ void echo(const std::string& text) {
     // Standard error may be a capture's file, which must hold the system's records only.
     writeToOriginalStderr(text);
 #else
-    const char* data = text.data();
-    size_t left = text.size();
+    writeAll(STDERR_FILENO, text.data(), text.size());
+#endif
+}
+
+void writeAll(int fd, const char* data, size_t left) {
     while (left > 0) {
-        ssize_t written = ::write(STDERR_FILENO, data, left);
+        ssize_t written = ::write(fd, data, left);
         if (written < 0 && errno == EINTR) {
             continue;
         }
@@ -141,7 +144,6 @@ void echo(const std::string& text) {
         data += written;
         left -= static_cast<size_t>(written);
     }
-#endif
 }
 
 }  // namespace detail

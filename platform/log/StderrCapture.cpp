@@ -15,6 +15,7 @@
 #include <string>
 #include <utility>
 
+#include "HostLog.h"
 #include "UniqueFd.h"
 
 namespace hostlog::detail {
@@ -36,20 +37,6 @@ struct Capture {
 Capture& capture() {
     static Capture* const instance = std::make_unique<Capture>().release();
     return *instance;
-}
-
-void writeAll(int fd, const char* data, size_t left) {
-    while (left > 0) {
-        ssize_t written = ::write(fd, data, left);
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            return;
-        }
-        data += written;
-        left -= static_cast<size_t>(written);
-    }
 }
 
 // Unlinked from the start where the file system allows it, else unlinked as soon as it is made;

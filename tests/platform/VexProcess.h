@@ -63,15 +63,16 @@ class Daemon {
         return line;
     }
     int stop(int signal) {
-        ::kill(child.pid, signal);
+        if (child.pid > 0) {
+            ::kill(child.pid, signal);
+        }
         return wait();
     }
-    // The exit status once the child has ended by itself; -1 when a signal ended it.
+    // The exit status once the child has ended, 128 + the signal when a signal ended it.
     int wait() {
-        int status = 0;
-        ::waitpid(child.pid, &status, 0);
+        const int status = testsupport::reap(child.pid);
         child.pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return status;
     }
     pid_t processId() const { return child.pid; }
     ~Daemon() {
@@ -102,18 +103,14 @@ inline Result runCommand(const std::vector<std::string>& argv, bool asOtherUser 
 }
 
 // Runs body in a forked child as the other user; returns its result as the child's exit status,
-// 126 when the privileges could not be dropped, -1 when the child died. The body makes system
-// calls only: it runs in a copy of a process that has other threads.
+// 126 when the privileges could not be dropped, 128 + the signal when the child died. The body
+// makes system calls only: it runs in a copy of a process that has other threads.
 inline int runAsOtherUser(const std::function<int()>& body) {
     pid_t pid = ::fork();
     if (pid == 0) {
         ::_exit(becomeOtherUser() ? body() : 126);
     }
-    int status = 0;
-    if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
-        return -1;
-    }
-    return WEXITSTATUS(status);
+    return testsupport::reap(pid);
 }
 
 }  // namespace vextest

@@ -101,6 +101,33 @@ inline Read readUntil(int fd, std::string& pending, const std::string& text,
     return Read::Found;
 }
 
+// Waits until deadline for the child to end, then kills it. Returns its exit status, 128 + the
+// signal that ended it, or -1 when there is no such child.
+inline int reap(pid_t pid,
+                std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::now() +
+                                                                 kChildLimit) {
+    if (pid <= 0) {
+        ADD_FAILURE() << "no child to wait for";
+        return -1;
+    }
+    int status = 0;
+    pid_t ended = 0;
+    while ((ended = ::waitpid(pid, &status, WNOHANG)) == 0 || (ended < 0 && errno == EINTR)) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            ::kill(pid, SIGKILL);
+            ADD_FAILURE() << "the child did not end within the limit";
+            ended = ::waitpid(pid, &status, 0);
+            break;
+        }
+        ::poll(nullptr, 0, 10);
+    }
+    if (ended != pid) {
+        ADD_FAILURE() << "waitpid: " << std::strerror(errno);
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 // Reads both pipes (a closed one is skipped) to their end, then reaps the child.
 inline Outcome collect(pid_t pid, int outFd, int errFd) {
     Outcome outcome;
@@ -130,9 +157,7 @@ inline Outcome collect(pid_t pid, int outFd, int errFd) {
         ::kill(pid, SIGKILL);
         ADD_FAILURE() << "the child did not finish within the limit";
     }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    outcome.status = reap(pid, deadline);
     return outcome;
 }
 
@@ -209,6 +234,10 @@ inline Outcome run(const std::string& program, std::vector<std::string> args,
     std::ofstream(inputPath) << options.input;
     args.insert(args.begin(), program);
     const UniqueFd input(::open(inputPath.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!input) {
+        ADD_FAILURE() << inputPath << ": " << std::strerror(errno);
+        return {};
+    }
     const Child child = spawn(std::move(args), options, input.get(), err);
     if (child.pid < 0) {
         return {};

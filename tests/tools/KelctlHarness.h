@@ -17,7 +17,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "UniqueFd.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "support/ChildProcess.h"
@@ -103,7 +102,7 @@ class RunningModem {
     ~RunningModem() {
         if (daemon.pid > 0) {
             ::kill(daemon.pid, SIGTERM);
-            ::waitpid(daemon.pid, nullptr, 0);
+            reap(daemon.pid);
         }
     }
 
@@ -119,6 +118,15 @@ class RunningModem {
     const std::string serviceDir;
     Child daemon;
 };
+
+// Every kelctl run must keep standard output free of the library's console line and be free of
+// sanitizer reports.
+inline Outcome checked(Outcome outcome) {
+    EXPECT_THAT(outcome.out, ::testing::Not(::testing::HasSubstr("wake()")));
+    EXPECT_THAT(outcome.err, ::testing::Not(::testing::HasSubstr("Sanitizer")));
+    EXPECT_THAT(outcome.err, ::testing::Not(::testing::HasSubstr("runtime error")));
+    return outcome;
+}
 
 // A kelctl run that goes on while the test talks to it: standard input written line by line,
 // standard output read as it comes. Every wait is bounded by kChildLimit.
@@ -178,14 +186,18 @@ class LiveKelctl {
         ADD_FAILURE() << "kelctl never printed " << text;
         return lines;
     }
-    void signal(int number) const { ::kill(child.pid, number); }
+    void signal(int number) const {
+        if (child.pid > 0) {
+            ::kill(child.pid, number);
+        }
+    }
     void closeOutput() { child.out.reset(); }
     // Ends the input, reads the rest and the exit status.
     Outcome finish() {
         child.in.reset();
         Outcome outcome = collect(child.pid, child.out.get(), child.err.get());
         child.pid = -1;
-        return outcome;
+        return checked(std::move(outcome));
     }
 
   private:
@@ -204,16 +216,11 @@ class LiveKelctl {
 
 class KelctlTest : public ::testing::Test {
   protected:
-    // kelctl with the test seed's embedded modem, unless args choose otherwise. Every run must
-    // keep standard output free of the library's console line and be free of sanitizer reports.
+    // kelctl with the test seed's embedded modem, unless args choose otherwise.
     Outcome kelctl(std::vector<std::string> args, RunOptions options = {}) {
         // A modem a developer runs must not stand in for the one a test chose.
         options.env.emplace("VEX_SERVICE_DIR", std::nullopt);
-        const Outcome outcome = run(KELCTL_PATH, std::move(args), options);
-        EXPECT_THAT(outcome.out, ::testing::Not(::testing::HasSubstr("wake()")));
-        EXPECT_THAT(outcome.err, ::testing::Not(::testing::HasSubstr("Sanitizer")));
-        EXPECT_THAT(outcome.err, ::testing::Not(::testing::HasSubstr("runtime error")));
-        return outcome;
+        return checked(run(KELCTL_PATH, std::move(args), options));
     }
 
     Outcome seeded(std::vector<std::string> args, RunOptions options = {}) {

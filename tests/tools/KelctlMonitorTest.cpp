@@ -53,7 +53,7 @@ TEST_F(KelctlMonitorTest, FollowsAnotherClientThroughAModemRestart) {
     EXPECT_EQ(live->until("changed").back(),
               "changed 3gpp:3 password: <hidden> -> <hidden> (another client)");
     live->signal(SIGINT);
-    const Outcome ended = succeeded(live->finish());
+    succeeded(live->finish());
 }
 
 TEST_F(KelctlMonitorTest, AThousandChangesFromAnotherProcessArriveEveryOneInOrder) {
@@ -68,7 +68,7 @@ TEST_F(KelctlMonitorTest, AThousandChangesFromAnotherProcessArriveEveryOneInOrde
     while (auto next = live->line()) {
         events.push_back(parsed(*next));
     }
-    const Outcome ended = succeeded(live->finish());
+    succeeded(live->finish());
     ASSERT_EQ(events.size(), static_cast<std::size_t>(kChanges));
     // A quick change may be read at a later step, never at an earlier one.
     int last = 0;

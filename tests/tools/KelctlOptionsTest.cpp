@@ -82,6 +82,7 @@ const BadCase kBadCases[] = {
      "--max-conns: \"many\" is not a number from 0 to 65535"},
     {"Subscription", {"--sub", "x", "list"}, "--sub: \"x\" is not a subscription number"},
     {"Timeout", {"--timeout", "-1", "list"}, "--timeout: \"-1\" is not a number of seconds"},
+    {"TimeoutSigned", {"--timeout", "+5", "list"}, "--timeout: \"+5\" is not a number of seconds"},
     {"MissingValue", {"add", "--apn"}, "kelctl: add: --apn needs a value: NAME"},
     {"UnknownOption", {"list", "--colour"}, "kelctl: list: unknown option --colour"},
     {"OptionOfAnotherCommand",
@@ -151,8 +152,8 @@ TEST_F(KelctlTest, InputFileThatIsNotARegularFileIsRefusedAtOnce) {
     const std::string directory = dir.file("directory");
     ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0) << std::strerror(errno);
     // Larger than the bound, without taking the room: a file with a hole.
-    const std::string huge = dir.file("huge.xml");
-    ASSERT_EQ(::truncate(script("huge.xml", "<apns/>").c_str(), 65ll * 1024 * 1024), 0);
+    const std::string huge = script("huge.xml", "<apns/>");
+    ASSERT_EQ(::truncate(huge.c_str(), 65ll * 1024 * 1024), 0);
 
     const std::pair<std::string, std::string> kFiles[] = {
         {"/dev/zero", "a device, not a regular file"},
@@ -165,7 +166,7 @@ TEST_F(KelctlTest, InputFileThatIsNotARegularFileIsRefusedAtOnce) {
             std::replace(args.begin(), args.end(), std::string("FILE"), path);
             SCOPED_TRACE(args.front() + " " + path);
             // A FIFO without a writer, or /dev/zero read to its end, would hang here; the
-            // harness's watchdog turns that into a failure.
+            // harness's bound on every child turns that into a failure.
             const Outcome outcome = kelctl(args);
             EXPECT_EQ(outcome.status, 2);
             EXPECT_EQ(outcome.out, "");

@@ -92,9 +92,13 @@ const std::vector<OptionSpec>& runOptions() {
         {"--timeout", "SECONDS", kGlobal,
          "bound the whole run (default: 5 s for the modem to answer)",
          [](const std::string& v, Args&, GlobalOptions* g, std::string* why) {
+             // Digits with an optional fraction; strtod alone would take "+5", " 5" or "1e1".
+             const bool decimal = !v.empty() && v[0] >= '0' && v[0] <= '9' &&
+                                  v.find_first_not_of("0123456789.") == std::string::npos &&
+                                  std::count(v.begin(), v.end(), '.') <= 1;
              char* end = nullptr;
-             const double seconds = std::strtod(v.c_str(), &end);
-             if (v.empty() || *end != '\0' || !(seconds > 0) || seconds > 3600) {
+             const double seconds = decimal ? std::strtod(v.c_str(), &end) : 0;
+             if (!decimal || *end != '\0' || !(seconds > 0) || seconds > 3600) {
                  *why = quoted(v) + " is not a number of seconds above 0 and at most 3600";
                  return false;
              }

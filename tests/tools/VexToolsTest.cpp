@@ -1,8 +1,7 @@
 // vex-modemd and vex-modemctl as processes: the command-line conventions they share with kelctl.
 #include <cctype>
-#include <fstream>
+#include <cstring>
 #include <set>
-#include <sstream>
 
 #include "tools/KelctlHarness.h"
 
@@ -37,6 +36,8 @@ const Convention kConventions[] = {
      "unknown or ambiguous option --capacity"},
     {"ModemdBadValue", kModemd, {"--subscriptions=99"}, 2, "bad value for --subscriptions: 99"},
     {"ModemdOperand", kModemd, {"serve"}, 2, "takes no operands, not \"serve\""},
+    {"ModemdOperandFirst", kModemd, {"serve", "--bogus"}, 2, "unknown or ambiguous option --bogus"},
+    {"ModemdShortBadValue", kModemd, {"--subs=99"}, 2, "bad value for --subscriptions: 99"},
     {"CtlVersion", kCtl, {"--version"}, 0, "vex-modemctl " KELR_VERSION "\n"},
     {"CtlHelp", kCtl, {"-h"}, 0, "usage: vex-modemctl"},
     {"CtlNoCommand", kCtl, {"--dir", "/nonexistent"}, 2, "no command given"},
@@ -51,8 +52,8 @@ TEST_P(ToolConventionTest, AnswersAsTheOthersDo) {
     const Convention& c = GetParam();
     RunOptions options;
     options.env.emplace("VEX_SERVICE_DIR", std::nullopt);
-    const Outcome outcome =
-        run(c.tool == kModemd ? VEX_MODEMD_PATH : VEX_MODEMCTL_PATH, c.args, options);
+    const Outcome outcome = run(
+        std::strcmp(c.tool, kModemd) == 0 ? VEX_MODEMD_PATH : VEX_MODEMCTL_PATH, c.args, options);
     EXPECT_EQ(outcome.status, c.status) << outcome.err;
     if (c.status == 0) {
         EXPECT_THAT(outcome.out, StartsWith(c.text));
@@ -71,9 +72,8 @@ TEST(ToolManPageTest, NamesEveryOptionTheToolTakes) {
     for (const auto& [tool, page] : std::vector<std::pair<std::string, std::string>>{
              {VEX_MODEMD_PATH, "vex-modemd.1.scd"}, {VEX_MODEMCTL_PATH, "vex-modemctl.1.scd"}}) {
         const std::string help = run(tool, {"--help"}).out;
-        std::ifstream file(testsupport::sourceDir() + "/docs/man/" + page);
-        std::stringstream manual;
-        manual << file.rdbuf();
+        const std::string manual =
+            testsupport::readFile(testsupport::sourceDir() + "/docs/man/" + page);
         // Every "--name" in the text.
         const auto optionsIn = [](const std::string& text) {
             std::set<std::string> found;
@@ -94,7 +94,7 @@ TEST(ToolManPageTest, NamesEveryOptionTheToolTakes) {
         };
         const auto inHelp = optionsIn(help);
         EXPECT_FALSE(inHelp.empty()) << page;
-        EXPECT_EQ(inHelp, optionsIn(manual.str())) << page;
+        EXPECT_EQ(inHelp, optionsIn(manual)) << page;
     }
 }
 

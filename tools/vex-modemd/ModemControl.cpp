@@ -1,8 +1,6 @@
 #include "ModemControl.h"
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 
 #include "NumberText.h"
 #include "ProfileText.h"

@@ -14,7 +14,11 @@
 namespace vexmodemd {
 
 // "TOOL: REASON (TOOL --help lists the options)" on standard error; returns the exit status, 2.
-inline int usageError(const char* tool, const std::string& reason) {
+// Each byte that is not printable ASCII is shown as '?': reason quotes the command line.
+inline int usageError(const char* tool, std::string reason) {
+    for (char& c : reason) {
+        c = c >= 0x20 && c < 0x7f ? c : '?';
+    }
     std::fprintf(stderr, "%s: %s (%s --help lists the options)\n", tool, reason.c_str(), tool);
     return 2;
 }
@@ -34,13 +38,16 @@ template <typename Apply>
 int readToolOptions(int argc, char** argv, const ToolCommandLine& line, Apply apply) {
     opterr = 0;  // its messages are written here, in the tool's own words
     for (;;) {
-        const int previous = optind;
-        const int code = ::getopt_long(argc, argv, line.shortOptions, line.longOptions, nullptr);
+        int index = -1;
+        const int code = ::getopt_long(argc, argv, line.shortOptions, line.longOptions, &index);
         if (code == -1) {
             return 0;
         }
-        const std::string word = previous < argc ? argv[previous] : "";
-        const std::string name = word.substr(0, word.find('='));
+        // A refused option is the word just read; an accepted one may have read its value after
+        // it, so it is named by its entry. getopt_long may have stepped over operands.
+        const std::string word = argv[optind - 1];
+        const std::string name = index >= 0 ? std::string("--") + line.longOptions[index].name
+                                            : word.substr(0, word.find('='));
         switch (code) {
             case 'h':
                 std::fputs(line.usage, stdout);

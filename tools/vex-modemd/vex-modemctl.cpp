@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -60,11 +59,11 @@ int parseOptions(int argc, char** argv, Options* options) {
                 case kWait:
                     if (!vexwire::parseWhole(optarg, 10, &seconds) ||
                         seconds > static_cast<unsigned int>(kLongestWaitSeconds)) {
-                        std::fprintf(stderr,
-                                     "vex-modemctl: --wait: \"%s\" is not a number of seconds "
-                                     "from 0 to %d\n",
-                                     optarg, kLongestWaitSeconds);
-                        return 3;
+                        return vexmodemd::usageError(
+                                   "vex-modemctl", "--wait: \"" + std::string(optarg) +
+                                                       "\" is not a number of seconds from 0 to " +
+                                                       std::to_string(kLongestWaitSeconds)) +
+                               1;
                     }
                     options->waitSeconds = static_cast<int>(seconds);
                     break;

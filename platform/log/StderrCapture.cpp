@@ -13,9 +13,11 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "HostLog.h"
+#include "NumberText.h"
 #include "UniqueFd.h"
 
 namespace hostlog::detail {
@@ -102,16 +104,12 @@ bool isDigit(char c) {
 
 // Reads "  123" at pos: spaces, then digits; advances pos past them.
 bool readNumber(const std::string& line, size_t& pos, long& value) {
-    while (pos < line.size() && line[pos] == ' ') {
-        ++pos;
-    }
-    const size_t start = pos;
-    value = 0;
-    while (pos < line.size() && isDigit(line[pos]) && pos - start < 10) {
-        value = value * 10 + (line[pos] - '0');
-        ++pos;
-    }
-    return pos > start;
+    pos = std::min(line.find_first_not_of(' ', pos), line.size());
+    const size_t end = std::min(line.find_first_not_of("0123456789", pos), line.size());
+    const bool read =
+        vexwire::parseWhole(std::string_view(line).substr(pos, end - pos), 10, &value);
+    pos = end;
+    return read;
 }
 
 // Whether line[at...] is " P MM-DD HH:MM:SS pid tid " for pid; sets priority and the message's

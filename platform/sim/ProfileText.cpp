@@ -1,8 +1,6 @@
 // The seed and state file format: one "profile ..." line per profile.
 #include <cctype>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <set>
 #include <sstream>
@@ -186,7 +184,7 @@ bool splitWords(const std::string& line, std::vector<std::string>* words, std::s
             } else if (e == '"' || e == '\\') {
                 word += e;
             } else {
-                *error = std::string("unknown escape \\") + e;
+                *error = "unknown escape " + quoted(std::string("\\") + e);
                 return false;
             }
         }

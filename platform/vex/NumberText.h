@@ -14,7 +14,7 @@ namespace vexwire {
 // text, all of it, as a number in base; false for anything else or a value T cannot hold.
 template <typename T>
 bool parseWhole(std::string_view text, int base, T* value) {
-    if (text.empty()) {
+    if (text.empty() || text[0] == '-') {  // from_chars takes a minus for a signed T
         return false;
     }
     T parsed{};

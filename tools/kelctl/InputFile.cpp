@@ -36,19 +36,19 @@ std::string sizeLimitText() {
     return std::to_string(kMaxInputFileBytes / (1024 * 1024)) + " MiB";
 }
 
-// Opens path without blocking (a FIFO with no writer would) and checks what it is. An empty
-// holder with the reason in *error otherwise.
-UniqueFd openChecked(const std::string& path, std::string* error) {
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+// Opens path without blocking (a FIFO with no writer would), checks what it is and, when text is
+// not null, reads it. False with the reason in *error otherwise.
+bool openAndRead(const std::string& path, std::string* text, std::string* error) {
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!fd) {
         *error = path + ": cannot read: " + std::strerror(errno);
-        return UniqueFd(-1);
+        return false;
     }
     int errorNumber = 0;
     mode_t mode = 0;
-    switch (vexwire::readBounded(fd.get(), kMaxInputFileBytes, nullptr, &errorNumber, &mode)) {
+    switch (vexwire::readBounded(fd.get(), kMaxInputFileBytes, text, &errorNumber, &mode)) {
         case vexwire::ReadEnd::kRead:
-            return fd;
+            return true;
         case vexwire::ReadEnd::kNotRegular:
             *error = path + ": " + kindOf(mode) + ", not a regular file";
             break;
@@ -60,7 +60,7 @@ UniqueFd openChecked(const std::string& path, std::string* error) {
             *error = path + ": cannot read: " + std::strerror(errorNumber);
             break;
     }
-    return UniqueFd(-1);
+    return false;
 }
 
 // The length of the well-formed UTF-8 sequence at text[at] (a multi-byte one, without C1
@@ -102,26 +102,11 @@ std::size_t utf8Length(const std::string& text, std::size_t at) {
 }  // namespace
 
 bool checkInputFile(const std::string& path, std::string* error) {
-    return static_cast<bool>(openChecked(path, error));
+    return openAndRead(path, nullptr, error);
 }
 
 bool readInputFile(const std::string& path, std::string* text, std::string* error) {
-    const UniqueFd fd = openChecked(path, error);
-    if (!fd) {
-        return false;
-    }
-    int errorNumber = 0;
-    mode_t mode = 0;
-    switch (vexwire::readBounded(fd.get(), kMaxInputFileBytes, text, &errorNumber, &mode)) {
-        case vexwire::ReadEnd::kRead:
-            return true;
-        case vexwire::ReadEnd::kTooLarge:
-            *error = path + ": larger than " + sizeLimitText();
-            return false;
-        default:
-            *error = path + ": cannot read: " + std::strerror(errorNumber);
-            return false;
-    }
+    return openAndRead(path, text, error);
 }
 
 namespace {

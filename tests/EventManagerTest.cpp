@@ -74,7 +74,7 @@ class EventManagerTest : public DebugLogFixture {
     EventManager manager;
 };
 
-TEST_F(EventManagerTest, ReadableDescriptorRunsItsHandlerWithItsData) {
+TEST_F(EventManagerTest, ReadableDescriptorRunsItsFirstHandlerUntilRemovedAndNoLoopClosesIt) {
     TestFd fd = makeEventFd();
     Probe probe;
     Probe second;
@@ -109,7 +109,7 @@ TEST_F(EventManagerTest, ReadableDescriptorRunsItsHandlerWithItsData) {
     EventManager::remApprovedFd(fd.get());
 }
 
-TEST_F(EventManagerTest, RemovingAnUnknownFdChangesNothingAndAddingTwiceKeepsTheFirstHandler) {
+TEST_F(EventManagerTest, RemovingAnUnknownFdChangesNothingAndASecondAddIsRefusedAndLogged) {
     KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     TestFd fd = makeEventFd();
     manager.removeEventHandler(fd.get());

@@ -255,7 +255,6 @@ TEST_F(LoggingTest, ReplacingWritersWhileOthersLogLosesNoMessage) {
 }
 
 TEST_F(LoggingTest, DiagWriterSendsTagAndMessageThroughItsDescriptor) {
-    KELR_SKIP_UNLESS_ANDROID_LOG_READABLE();
     installWriter(std::make_unique<DiagWriter>());
     KEL_LOG(Info, "hello %d", 42);
     KEL_LOG(Error, "%s", "bad 50%% %s %d");
@@ -274,7 +273,9 @@ TEST_F(LoggingTest, DiagWriterSendsTagAndMessageThroughItsDescriptor) {
     EXPECT_EQ(sent[1].text, "|KEL| bad 50%% %s %d");
     // Whichever message was first in this process decided the mask for all.
     EXPECT_EQ(sent[0].mask, sent[1].mask);
-    EXPECT_TRUE(capture.android().empty());
+    if (hostlog::androidLogUnreadableReason().empty()) {
+        EXPECT_TRUE(capture.android().empty());
+    }
 }
 
 using DiagFirstMaskTest = LoggingTest;

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "DebugLogFixture.h"
-#include "ProfileKey.h"
 #include "support/LogObservation.h"
 
 #include "ModemProfileTestSupport.h"

@@ -8,10 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "DebugLogFixture.h"
-#include "ProfileKey.h"
-#include "support/LogObservation.h"
-
 #include "ModemProfileTestSupport.h"
 
 namespace kel {

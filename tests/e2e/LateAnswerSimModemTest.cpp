@@ -19,7 +19,9 @@ constexpr std::chrono::milliseconds kLate{1500};
 
 class LateAnswerSimModemTest : public SimModemFixture {};
 
-TEST_F(LateAnswerSimModemTest, ALateCreateLandsInTheCacheAndIsNotTakenForTheNextAnswer) {
+// How a late create lands in the cache is checked with the other failed calls; here, that its
+// echo is not taken for the answer to the next create.
+TEST_F(LateAnswerSimModemTest, ALateCreateIsNotTakenForTheNextAnswer) {
     modem->setResponseDelay(kLate, VEX_WDS_CREATE_PROFILE_REQ_V01);
     EXPECT_FALSE(manager.addProfile(addParams("slow.example", true)));
     modem->setResponseDelay(std::chrono::milliseconds(0));
@@ -28,18 +30,7 @@ TEST_F(LateAnswerSimModemTest, ALateCreateLandsInTheCacheAndIsNotTakenForTheNext
     ASSERT_TRUE(next);
     ASSERT_TRUE(onModem(k3gpp, next->getProfileId()));
     EXPECT_STREQ(onModem(k3gpp, next->getProfileId())->settings.apn_name, "next.example");
-
-    const std::vector<vexsim::Profile> made = onModemNamed("kel_profile");
-    ASSERT_EQ(made.size(), 2u) << "the modem made both";
-    std::shared_ptr<kel::IProfileKey> key = only("slow.example");
-    ASSERT_TRUE(key) << "and the cache holds the late one";
-    const vexsim::Profile slow = modemProfile(k3gpp, key->getProfileId());
-    EXPECT_STREQ(slow.settings.apn_name, "slow.example");
-    EXPECT_TRUE(slow.persistent);
-
-    key.reset();
-    ASSERT_TRUE(settle());
-    EXPECT_TRUE(onModem(k3gpp, slow.index)) << "a persistent profile stays";
+    EXPECT_EQ(onModemNamed("kel_profile").size(), 2u) << "the modem made both";
 }
 
 // A link that could not register hears no echoes, so with echoes expiring the changes made on it

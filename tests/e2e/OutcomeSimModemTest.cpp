@@ -65,7 +65,7 @@ std::vector<FailedCall> failedCalls() {
 class FailedCallTest : public OutcomeSimModemTest,
                        public ::testing::WithParamInterface<FailedCall> {};
 
-TEST_P(FailedCallTest, TellsHowTheModemMessageEnded) {
+TEST_P(FailedCallTest, TellsHowTheModemMessageEndedAndTheCacheFollowsTheModem) {
     const FailedCall& call = GetParam();
     std::shared_ptr<kel::IProfileKey> target;
     int id = 0;

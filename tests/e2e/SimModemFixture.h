@@ -379,7 +379,7 @@ class SimModemFixture : public ::testing::Test {
     bool history(const std::string& text) const {
         return count(ANDROID_LOG_INFO, text) > 0 && inHistory(text);
     }
-    // Where the Android log cannot be read back, the history alone tells an Error line.
+    // Where the Android log cannot be read back, only the history is checked, not the level.
     bool error(const std::string& text) const {
         return inHistory(text) && (count(ANDROID_LOG_ERROR, text) > 0 ||
                                    !hostlog::androidLogUnreadableReason().empty());

@@ -49,6 +49,9 @@ TEST_F(KelctlTest, SaysSoWhenNoModemAnswers) {
     EXPECT_EQ(outcome.out, "");
     EXPECT_EQ(outcome.err, "kelctl: no modem answered in " + dir.path() +
                                " within 0.3 s (is vex-modemd running there?)\n");
+    const Outcome json = kelctl({"--modem", dir.path(), "--timeout", "0.3", "list", "--json"});
+    EXPECT_EQ(json.status, 1);
+    EXPECT_THAT(parsed(json.out).value("error", ""), HasSubstr("no modem answered"));
 
     const Outcome missing = kelctl({"--modem", dir.file("nowhere"), "list"});
     EXPECT_EQ(missing.status, 1);

@@ -32,7 +32,7 @@ TEST(ChangeNotifierTest, ASlowObserverLosesTheOverflowAndIsToldOnceHowMany) {
     Gate release;
     Gate inSecondCall;
     Gate releaseSecond;
-    recorder->onEvent = [&](const ModemEvent& event) {
+    recorder->setOnEvent([&](const ModemEvent& event) {
         if (event.profileId == 0) {
             inFirstCall.open();
             release.wait();
@@ -40,7 +40,7 @@ TEST(ChangeNotifierTest, ASlowObserverLosesTheOverflowAndIsToldOnceHowMany) {
             inSecondCall.open();
             releaseSecond.wait();
         }
-    };
+    });
     ASSERT_TRUE(notifier.add(recorder));
 
     notifier.post(numbered(0));
@@ -73,11 +73,11 @@ TEST(ChangeNotifierTest, RemovalReturnsOnlyOnceTheCallInProgressHasEnded) {
     Gate inCall;
     Gate release;
     std::atomic<bool> callEnded{false};
-    recorder->onEvent = [&](const ModemEvent&) {
+    recorder->setOnEvent([&](const ModemEvent&) {
         inCall.open();
         release.wait();
         callEnded = true;
-    };
+    });
     ASSERT_TRUE(notifier.add(recorder));
     notifier.post(numbered(0));
     ASSERT_TRUE(inCall.wait());
@@ -104,10 +104,10 @@ TEST(ChangeNotifierTest, RemovalFromInsideTheObserverMakesItsCallTheLast) {
     ChangeNotifier notifier;
     auto leaving = std::make_shared<Recorder>();
     auto staying = std::make_shared<Recorder>();
-    leaving->onEvent = [&](const ModemEvent&) { EXPECT_TRUE(notifier.remove(leaving)); };
+    leaving->setOnEvent([&](const ModemEvent&) { EXPECT_TRUE(notifier.remove(leaving)); });
     // A throwing observer is dropped from nothing but its own call.
     auto throwing = std::make_shared<Recorder>();
-    throwing->onEvent = [](const ModemEvent&) { throw std::runtime_error("observer fault"); };
+    throwing->setOnEvent([](const ModemEvent&) { throw std::runtime_error("observer fault"); });
     ASSERT_TRUE(notifier.add(leaving));
     ASSERT_TRUE(notifier.add(throwing));
     ASSERT_TRUE(notifier.add(staying));

@@ -227,7 +227,7 @@ TEST_F(ModemObserverSimModemTest, AStuckObserverLosesEventsButNeverStallsTheLibr
     ASSERT_TRUE(key);
     ASSERT_TRUE(recorder->untilKind(Kind::ProfileAdded).size() == 1);
     testsupport::Gate gate;
-    recorder->onEvent = [&gate](const ModemEvent&) { gate.wait(); };
+    recorder->setOnEvent([&gate](const ModemEvent&) { gate.wait(); });
     // Beyond the queue's bound; each of this process's changes is exactly one event.
     constexpr int kChanges = 5000;
     for (int i = 0; i < kChanges; ++i) {
@@ -259,12 +259,12 @@ TEST_F(ModemObserverSimModemTest, AStuckObserverLosesEventsButNeverStallsTheLibr
 TEST_F(ModemObserverSimModemTest, AnObserverMayCallTheLibraryAndRemoveItself) {
     auto caller = std::make_shared<ObserverRecorder>();
     std::optional<std::size_t> found;
-    caller->onEvent = [&](const ModemEvent& event) {
+    caller->setOnEvent([&](const ModemEvent& event) {
         if (event.kind == Kind::ProfileAdded && event.after) {
             found = manager.filter(byApn(event.after->settings.getApnName())).size();
             EXPECT_TRUE(manager.removeObserver(caller));
         }
-    };
+    });
     ASSERT_TRUE(manager.addObserver(caller));
     const auto index = modem->createProfile(0, k3gpp, apnSettings("called.example", "other"), true);
     ASSERT_TRUE(index);

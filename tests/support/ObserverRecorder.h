@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <utility>
 #include <vector>
 
 #include "kel/ModemObserver.h"
@@ -22,10 +23,16 @@ class ObserverRecorder : public kel::ModemObserver {
     using Events = std::vector<kel::ModemEvent>;
     static constexpr std::chrono::seconds kTimeout = Guarded<Events>::kLimit;
 
-    // onEvent, when set, runs before the event is recorded: it may block or throw.
+    using Hook = std::function<void(const kel::ModemEvent&)>;
+
+    // The hook, when set, runs before the event is recorded: it may block or throw. It may be set
+    // while events are being told.
+    void setOnEvent(Hook hook) {
+        onEvent.change([&hook](Hook& current) { current = std::move(hook); });
+    }
     void onModemEvent(const kel::ModemEvent& event) override {
-        if (onEvent) {
-            onEvent(event);
+        if (const Hook hook = onEvent.get()) {
+            hook(event);
         }
         events.change([&event](Events& all) { all.push_back(event); });
     }
@@ -52,9 +59,8 @@ class ObserverRecorder : public kel::ModemObserver {
         events.change([](Events& all) { all.clear(); });
     }
 
-    std::function<void(const kel::ModemEvent&)> onEvent;
-
   private:
+    Guarded<Hook> onEvent;
     Guarded<Events> events;
 };
 

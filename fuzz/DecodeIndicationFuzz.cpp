@@ -5,6 +5,7 @@
 // Input: the encoded message. It is decoded as the profile-changed indication, with right and
 // wrong record sizes, as an indication that does not exist, and as every WDS request and response
 // (which travel as their records, so decoding them is a checked copy).
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -65,12 +66,8 @@ class Target {
 
   private:
     bool allAre(size_t from, size_t to, uint8_t value) const {
-        for (size_t i = from; i < to; ++i) {
-            if (bytes[i] != value) {
-                return false;
-            }
-        }
-        return true;
+        return std::all_of(bytes.data() + from, bytes.data() + to,
+                           [value](uint8_t b) { return b == value; });
     }
 
     size_t len;

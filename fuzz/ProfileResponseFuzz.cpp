@@ -52,10 +52,8 @@ Input readInput(const uint8_t* data, size_t size) {
 // Whether a text the profile holds goes out as itself, cut to what its field can carry.
 template <std::size_t N>
 bool sentAs(bool held, const std::string& value, uint8_t valid, const char (&field)[N]) {
-    if (valid != (held ? 1 : 0)) {
-        return false;
-    }
-    return !held || std::string(field, strnlen(field, N)) == value.substr(0, N - 1);
+    return valid == (held ? 1 : 0) &&
+           (!held || std::string(field, strnlen(field, N)) == value.substr(0, N - 1));
 }
 
 void checkWellFormed(const wds_profile_settings_v01& s, const std::string& dump) {

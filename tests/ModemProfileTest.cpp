@@ -36,10 +36,6 @@ TEST(ModemProfileConstructionTest, ParametersAreStoredInModemForm) {
     EXPECT_EQ(profile.getLteRoamIPType(), IPType::V6);
     EXPECT_EQ(profile.getUmtsRoamIPType(), IPType::V6);
     EXPECT_FALSE(profile.hasProfileName());
-
-    Modem3gppProfile same(fullParams());
-    EXPECT_EQ(same.getCommonIPType(), IPType::V4V6);
-    EXPECT_FALSE(same.hasOverrideHomeIPType());
 }
 
 // --- match ---------------------------------------------------------------------------------

@@ -14,9 +14,6 @@ namespace {
 
 using kel::Manager;
 
-// Past the library's 1000 ms message timeout.
-constexpr std::chrono::milliseconds kLate{1500};
-
 class LateAnswerSimModemTest : public SimModemFixture {};
 
 // How a late create lands in the cache is checked with the other failed calls; here, that its

@@ -32,11 +32,7 @@ using Keys = std::list<std::shared_ptr<IProfileKey>>;
 
 class UninitializedManagerTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        kel::LocalLogBuffer::getInstance()->flush();
-        capture.clear();
-    }
-    hostlog::LogCapture capture;
+    void SetUp() override { kel::LocalLogBuffer::getInstance()->flush(); }
     Manager manager;
 };
 

@@ -2,7 +2,6 @@
 // simulated modem. Every teardown runs under a watchdog, so that a hang fails the test instead of
 // stalling it, and is repeated to shake out races.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <atomic>
 #include <chrono>

@@ -20,9 +20,6 @@ using kel::ModemStatus;
 using kel::Outcome;
 using Kind = kel::Outcome::Kind;
 
-// Past the library's 1000 ms message timeout.
-constexpr std::chrono::milliseconds kLate{1500};
-
 class OutcomeSimModemTest : public SimModemFixture {};
 
 // One profile operation, its facade result in words ("empty", "true", "false").

@@ -33,6 +33,8 @@ namespace e2e {
 constexpr wds_profile_type_enum_v01 k3gpp = WDS_PROFILE_TYPE_3GPP_V01;
 constexpr wds_profile_type_enum_v01 k3gpp2 = WDS_PROFILE_TYPE_3GPP2_V01;
 constexpr std::chrono::seconds kTimeout{10};
+// Past the library's 1000 ms message timeout.
+constexpr std::chrono::milliseconds kLate{1500};
 
 // Two carrier profiles per technology, all persistent (the seed's default).
 constexpr char kDefaultSeed[] = R"(

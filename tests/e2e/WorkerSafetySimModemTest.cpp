@@ -150,9 +150,7 @@ class ThrowingKey : public kel::IProfileKey {
 };
 
 TEST_F(WorkerSafetySimModemTest, ExceptionWhileServingFailsThatRequestAndTheWorkerGoesOn) {
-    kel::ModifyProfileParams change;
-    change.setApnName("never.test");
-    EXPECT_FALSE(manager.modifyProfile(change, std::make_shared<ThrowingKey>()));
+    EXPECT_FALSE(manager.modifyProfile(newApn("never.test"), std::make_shared<ThrowingKey>()));
     EXPECT_EQ(manager.lastOutcome().kind, Outcome::Kind::Failed);
     EXPECT_TRUE(inHistory("kel::ClientRequestManager: serving request failed: client key failed"));
     auto next = manager.addProfile(addParams("after.test"));

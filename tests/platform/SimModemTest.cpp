@@ -1,8 +1,6 @@
 // The simulated modem: its profile text format, and the service it gives real vex clients over
 // its socket (answers, indexes, fan-out, restarts, faults and bad input).
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
 
 #include <set>
 

@@ -2,6 +2,7 @@
 // notifier, synchronous messages and their failures, callbacks, release and decoding.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 
@@ -25,12 +26,7 @@ wds_get_profile_settings_req_msg_v01 getRequest(uint8_t index) {
 
 bool allZero(const void* data, size_t len) {
     const auto* bytes = static_cast<const uint8_t*>(data);
-    for (size_t i = 0; i < len; ++i) {
-        if (bytes[i] != 0) {
-            return false;
-        }
-    }
-    return true;
+    return std::all_of(bytes, bytes + len, [](uint8_t b) { return b == 0; });
 }
 
 TEST(WdsServiceObjectTest, ServedOnlyForItsMajorVersionAndNoNewerMinor) {

@@ -54,7 +54,6 @@ class Daemon {
             case Read::Ended:
                 return std::exchange(pending, std::string());
             case Read::TimedOut:
-                silent = true;
                 return "";
         }
         const size_t end = pending.find('\n') + 1;
@@ -80,8 +79,6 @@ class Daemon {
             stop(SIGKILL);
         }
     }
-
-    bool silent = false;  // a read found no output within its bound
 
   private:
     testsupport::Child child;

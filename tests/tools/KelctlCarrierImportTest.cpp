@@ -281,8 +281,7 @@ TEST_P(KelctlNetworkConvergenceTest, SecondImportChangesNothing) {
 INSTANTIATE_TEST_SUITE_P(Networks, KelctlNetworkConvergenceTest,
                          ::testing::ValuesIn(kNetworkImports), RowName());
 
-// ---------------------------------------------------------------------------------------------
-// Carrier APN configuration
+// --- Carrier APN configuration ---
 
 TEST_F(KelctlTest, CarrierVerboseDryRunMapsEveryQuirk) {
     const std::string file = dataFile("apns-quirks.xml");

@@ -26,7 +26,6 @@ namespace kelctltest {
 
 // Child processes: spawn, collect, run and their options.
 using namespace testsupport;
-using vexwire::UniqueFd;
 
 // A row of a table test: its name names the row's test and stands for the row in messages.
 struct Row {

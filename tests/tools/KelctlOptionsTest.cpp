@@ -11,16 +11,14 @@ using ::testing::Not;
 using ::testing::StartsWith;
 
 TEST_F(KelctlTest, EveryCommandHasHelp) {
-    const Outcome general = kelctl({"--help"});
-    EXPECT_EQ(general.status, 0);
+    const Outcome general = succeeded(kelctl({"--help"}));
     std::istringstream commands(
         "list dump get add modify delete filter match refresh data-call emergency attach "
         "match-attach-id apply-classes apply-types carrier drop handles run shell monitor status");
     for (std::string command; commands >> command;) {
         SCOPED_TRACE(command);
         EXPECT_THAT(general.out, HasSubstr(command));
-        const Outcome help = kelctl({command, "--help"});
-        EXPECT_EQ(help.status, 0);
+        const Outcome help = succeeded(kelctl({command, "--help"}));
         EXPECT_THAT(help.out, StartsWith("Usage: kelctl " + command));
         EXPECT_EQ(help.err, "");
     }
@@ -40,8 +38,7 @@ TEST_F(KelctlTest, AHelpOptionHoweverSpeltShowsHelpAndChangesNothing) {
     EXPECT_THAT(seeded({"shell", "--vers"}).out, StartsWith("kelctl "));
 }
 
-// ---------------------------------------------------------------------------------------------
-// Bad command lines: a clear one-line error, and nothing reaches the modem
+// --- Bad command lines: a clear one-line error, and nothing reaches the modem ---
 
 struct BadCase : Row {
     std::vector<std::string> args;
@@ -135,8 +132,7 @@ TEST_P(KelctlBadOptionTest, IsRefusedBeforeTheModemIsTouched) {
 
 INSTANTIATE_TEST_SUITE_P(Options, KelctlBadOptionTest, ::testing::ValuesIn(kBadCases), RowName());
 
-// ---------------------------------------------------------------------------------------------
-// Input files: a bounded regular file or nothing
+// --- Input files: a bounded regular file or nothing ---
 
 // Where an input file goes on a command line; FILE stands for it.
 const std::vector<std::vector<std::string>> kInputFileUses = {
@@ -176,8 +172,7 @@ TEST_F(KelctlTest, InputFileThatIsNotARegularFileIsRefusedAtOnce) {
     }
 }
 
-// ---------------------------------------------------------------------------------------------
-// Conventions of the command line
+// --- Conventions of the command line ---
 
 TEST_F(KelctlTest, VersionIsTheLibrarysAndNeedsNoModem) {
     for (const char* option : {"--version", "-V"}) {

@@ -31,8 +31,7 @@ TEST_F(KelctlTest, ListShowsTheSubscriptionsProfilesAsTableAndJson) {
     EXPECT_THAT(second.out, Not(HasSubstr("internet")));
 }
 
-// ---------------------------------------------------------------------------------------------
-// Every command, against the embedded modem and against a running vex-modemd
+// --- Every command, against the embedded modem and against a running vex-modemd ---
 
 struct CommandCase : Row {
     std::vector<std::string> args;
@@ -159,9 +158,8 @@ TEST_F(KelctlTest, PasswordsAreHiddenEverywhereUnlessAsked) {
                                             "modify 3gpp:3 --password x,hunter2\n"
                                             "modify 3gpp:3 --pa hunter2\n"
                                             "dump\n");
-    for (const auto& head : std::vector<std::vector<std::string>>{
+    for (std::vector<std::string> args : std::vector<std::vector<std::string>>{
              {"run", "--echo", script}, {"--verbose", "run", script}, {"--json", "run", script}}) {
-        std::vector<std::string> args = head;
         SCOPED_TRACE(args.front());
         const Outcome hidden = succeeded(seeded(args));
         for (const std::string& text : {hidden.out, hidden.err}) {

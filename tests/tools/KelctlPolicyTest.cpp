@@ -46,16 +46,13 @@ class KelctlPolicyTest : public KelctlTest, public ::testing::WithParamInterface
 TEST_P(KelctlPolicyTest, DryRunShowsThePlanAndTheApplyDoesItAndReadsItBack) {
     const PolicyCase& policy = GetParam();
     const std::string before = withState({"list"}).out;
-    std::vector<std::string> dry = policy.args;
-    dry.push_back("--dry-run");
+    const std::vector<std::string> dry = joined(policy.args, {"--dry-run"});
     const Outcome plan = succeeded(withState(dry));
     EXPECT_THAT(plan.out, HasSubstr(policy.plan));
     EXPECT_THAT(plan.out, HasSubstr("dry run: nothing was sent to the modem\n"));
     EXPECT_EQ(withState({"list"}).out, before) << "a dry run changes nothing";
 
-    std::vector<std::string> apply = policy.args;
-    apply.push_back("--json");
-    const Outcome applied = succeeded(withState(apply));
+    const Outcome applied = succeeded(withState(joined(policy.args, {"--json"})));
     const nlohmann::json report = parsed(applied.out);
     EXPECT_EQ(report["not_applied"], nlohmann::json::array());
     EXPECT_EQ(report["changes"].size(), 1u);

@@ -61,7 +61,7 @@ ScopedEnv::ScopedEnv(const char* variable, const char* value) : name(variable) {
 }
 
 ScopedEnv::~ScopedEnv() {
-    saved ? ::setenv(name, saved->c_str(), 1) : ::unsetenv(name);
+    saved ? ::setenv(name.c_str(), saved->c_str(), 1) : ::unsetenv(name.c_str());
 }
 
 }  // namespace testsupport

@@ -52,7 +52,7 @@ class ScopedEnv {
     ScopedEnv& operator=(const ScopedEnv&) = delete;
 
   private:
-    const char* name;
+    std::string name;
     std::optional<std::string> saved;
 };
 

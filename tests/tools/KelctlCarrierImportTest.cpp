@@ -190,18 +190,18 @@ TEST_F(KelctlCarrierImportTest, CreateAddsAPersistentProfileForEachMissingApn) {
                "  <apn carrier=\"New Tether 4\" mcc=\"262\" mnc=\"95\" apn=\"tether.new\" "
                "type=\"dun,default\" protocol=\"IP\" />\n"
                "</apns>\n");
-    const auto run = [&](const std::vector<std::string>& more) {
+    const auto importLacking = [&](const std::vector<std::string>& more) {
         return kelctl(joined({"--seed", telSeed, "--state", state, "carrier", lacking, "--mcc",
                               "262", "--mnc", "95"},
                              more));
     };
 
-    const Outcome without = succeeded(run({}));
+    const Outcome without = succeeded(importLacking({}));
     EXPECT_THAT(without.out, HasSubstr("line 2 (New MMS): not applied: no profile has APN "
                                        "\"mms.new\" with IP type v4\n"));
     EXPECT_THAT(without.out, HasSubstr("summary: 3 entries: 0 applied, 0 merged, 3 not applied"));
 
-    const Outcome plan = succeeded(run({"--create", "--dry-run"}));
+    const Outcome plan = succeeded(importLacking({"--create", "--dry-run"}));
     EXPECT_THAT(plan.out, HasSubstr("create: line 2 (New MMS): would create apn=mms.new ip=v4 "
                                     "roam-ip=v4v6 types=mms auth=pap user=mms password=<hidden> "
                                     "max-conns=3 max-conns-time=30 wait-time=2\n"
@@ -212,7 +212,7 @@ TEST_F(KelctlCarrierImportTest, CreateAddsAPersistentProfileForEachMissingApn) {
     EXPECT_THAT(plan.out, HasSubstr("line 2 (New MMS): would be applied to a new profile\n"));
     EXPECT_THAT(plan.out, HasSubstr("0 profiles would be updated, 3 would be created\n"));
 
-    const Outcome created = succeeded(run({"--create", "--json"}));
+    const Outcome created = succeeded(importLacking({"--create", "--json"}));
     const nlohmann::json report = parsed(created.out);
     EXPECT_EQ(report["not_applied"], nlohmann::json::array()) << "every setting read back";
     ASSERT_EQ(report["created"].size(), 3u);
@@ -229,7 +229,7 @@ TEST_F(KelctlCarrierImportTest, CreateAddsAPersistentProfileForEachMissingApn) {
         EXPECT_EQ(mms.value(setting.key(), nlohmann::json()), setting.value()) << setting.key();
     }
 
-    const Outcome again = succeeded(run({"--create"}));
+    const Outcome again = succeeded(importLacking({"--create"}));
     EXPECT_THAT(again.out, HasSubstr("no profile changed\n"));
     EXPECT_THAT(again.out, HasSubstr("summary: 3 entries: 3 applied, 0 merged, 0 not applied; 0 "
                                      "profiles updated, 0 created\n"));

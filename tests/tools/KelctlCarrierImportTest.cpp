@@ -5,9 +5,6 @@
 namespace {
 
 using namespace kelctltest;
-using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 // A network's internet APN written twice for other bearers, one entry with mms, the other with
 // ia: the modem keeps one profile for both.

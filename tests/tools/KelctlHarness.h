@@ -26,6 +26,9 @@ namespace kelctltest {
 
 // Child processes: spawn, collect, run and their options.
 using namespace testsupport;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
 
 // A row of a table test: its name names the row's test and stands for the row in messages.
 struct Row {
@@ -121,9 +124,9 @@ class RunningModem {
 // Every kelctl run must keep standard output free of the library's console line and be free of
 // sanitizer reports.
 inline Outcome checked(Outcome outcome) {
-    EXPECT_THAT(outcome.out, ::testing::Not(::testing::HasSubstr("wake()")));
-    EXPECT_THAT(outcome.err, ::testing::Not(::testing::HasSubstr("Sanitizer")));
-    EXPECT_THAT(outcome.err, ::testing::Not(::testing::HasSubstr("runtime error")));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("wake()")));
+    EXPECT_THAT(outcome.err, Not(HasSubstr("Sanitizer")));
+    EXPECT_THAT(outcome.err, Not(HasSubstr("runtime error")));
     return outcome;
 }
 

@@ -6,8 +6,6 @@
 namespace kelctltest {
 namespace {
 
-using ::testing::HasSubstr;
-
 class KelctlMonitorTest : public KelctlTest {
   protected:
     std::unique_ptr<LiveKelctl> monitor(std::vector<std::string> args) {

@@ -6,9 +6,6 @@
 namespace {
 
 using namespace kelctltest;
-using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 TEST_F(KelctlTest, EveryCommandHasHelp) {
     const Outcome general = succeeded(kelctl({"--help"}));

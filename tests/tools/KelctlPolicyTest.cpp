@@ -4,7 +4,6 @@
 namespace {
 
 using namespace kelctltest;
-using ::testing::HasSubstr;
 
 // An emergency profile that also carries the IMS class, as some modems ship it.
 const char* const kSosImsSeed =

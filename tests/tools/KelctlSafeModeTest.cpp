@@ -9,8 +9,6 @@
 namespace {
 
 using namespace kelctltest;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 // One run of kelctl: safe by default, or with --reference.
 struct Mode : Row {

@@ -4,9 +4,6 @@
 namespace {
 
 using namespace kelctltest;
-using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 TEST_F(KelctlTest, NamedHandleKeepsItsProfileUntilDroppedAnUnnamedOneToTheEndOfItsLine) {
     const std::string path = script("keep.kel",

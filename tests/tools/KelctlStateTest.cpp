@@ -9,9 +9,7 @@
 namespace {
 
 using namespace kelctltest;
-using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
-using ::testing::Not;
 
 TEST_F(KelctlTest, ChangesLastAcrossRunsWithAStateFile) {
     const Outcome deleted = succeeded(seeded({"--state", state, "delete", "3gpp:3"}));

@@ -5,7 +5,6 @@
 namespace {
 
 using namespace kelctltest;
-using ::testing::HasSubstr;
 
 // A terminal title escape, a bell, an invalid byte, a C1 control (CSI) and DEL.
 const char* const kHostileSeed =

@@ -8,7 +8,6 @@
 namespace {
 
 using namespace kelctltest;
-using ::testing::StartsWith;
 
 struct Convention : Row {
     const char* tool;

@@ -97,9 +97,8 @@ class SimModem {
     bool dropClient(int clientId);
     // Toggles Config::profilesReadyOnRegister at run time.
     void setProfilesReadyOnRegister(bool enabled);
-    // Every profile list claims count entries whatever it holds, as a broken modem might; a count
-    // past what its record can hold is the case that matters, the entries past the real ones are
-    // zero. Zero turns it off.
+    // Every profile list claims count entries whatever it holds, as a broken modem might, even
+    // more than its record can hold; entries past the real ones are zero. Zero turns it off.
     void overstateProfileLists(uint32_t count);
 
     // --- Changes made as another client would make them; registered clients are told ---

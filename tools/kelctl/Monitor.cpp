@@ -62,7 +62,7 @@ bool parseOwn(bool monitor, const std::vector<std::string>& words, OwnOptions* o
             }
             unsigned long count = 0;
             if (!vexwire::parseWhole(value, 10, &count) || count < 1 || count > 1000000000) {
-                *error = "\"" + value + "\" is not a number of events from 1 to 1000000000";
+                *error = kelctl::quoted(value) + " is not a number of events from 1 to 1000000000";
                 return false;
             }
             own->count = static_cast<long>(count);
